@@ -1,0 +1,20 @@
+// The one logging path of the gateway's web back end and its host platform.
+//
+// Every message goes to the system log under the identity last opened with
+// open(); with QUELM_LOG_FILE set it is also appended to that file, one line
+// per message ("<ident>[<pid>]: <message>"), so that tests can read it.
+#pragma once
+
+#include <cstdarg>
+#include <syslog.h>
+
+namespace quelm::log {
+
+// openlog(ident, LOG_PID, LOG_USER); the identity is copied (at most 63 bytes).
+void open(const char *ident);
+void close();
+
+void print(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void vprint(int priority, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
+
+}  // namespace quelm::log

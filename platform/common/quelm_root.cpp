@@ -1,0 +1,72 @@
+#include "quelm_root.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace quelm {
+
+namespace {
+
+struct Pinned {
+    bool pinned = false;
+    std::string root;
+    std::string log_file;
+    bool has_root = false;
+    bool has_log_file = false;
+};
+
+Pinned &pinned() {
+    static Pinned p;
+    return p;
+}
+
+}  // namespace
+
+void pin_process_environment() {
+    Pinned &p = pinned();
+    const char *root = std::getenv("QUELM_ROOT");
+    const char *log_file = std::getenv("QUELM_LOG_FILE");
+    p.has_root = root != nullptr;
+    p.root = root != nullptr ? root : "";
+    p.has_log_file = log_file != nullptr;
+    p.log_file = log_file != nullptr ? log_file : "";
+    p.pinned = true;
+}
+
+const char *process_env(const char *name) {
+    const Pinned &p = pinned();
+    if (p.pinned) {
+        if (std::strcmp(name, "QUELM_ROOT") == 0) return p.has_root ? p.root.c_str() : nullptr;
+        if (std::strcmp(name, "QUELM_LOG_FILE") == 0) return p.has_log_file ? p.log_file.c_str() : nullptr;
+    }
+    return std::getenv(name);
+}
+
+std::string_view root_prefix() {
+    const char *root = process_env("QUELM_ROOT");
+    if (root == nullptr) return {};
+    std::string_view r(root);
+    while (!r.empty() && r.back() == '/') r.remove_suffix(1);
+    return r;
+}
+
+std::string root_path(std::string_view gateway_path) {
+    std::string out(root_prefix());
+    out.append(gateway_path);
+    return out;
+}
+
+bool root_path(std::string_view gateway_path, char *out, std::size_t size) {
+    if (size == 0) return false;
+    std::string_view prefix = root_prefix();
+    if (prefix.size() + gateway_path.size() + 1 > size) {
+        out[0] = '\0';
+        return false;
+    }
+    std::memcpy(out, prefix.data(), prefix.size());
+    std::memcpy(out + prefix.size(), gateway_path.data(), gateway_path.size());
+    out[prefix.size() + gateway_path.size()] = '\0';
+    return true;
+}
+
+}  // namespace quelm

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Writes a lighttpd configuration that serves DOCROOT on 127.0.0.1:PORT with
+# the responder as its FastCGI back end, for the gateway root ROOT.
+#   lighttpd-conf.sh ROOT PORT BIN_DIR DOCROOT RUN_DIR > lighttpd.conf
+# The responder chooses its handler by the name it is started under, so the
+# page renderer runs through a link named "ssi" and the device information
+# through one named "_info.xml"; ".cgi" requests dispatch by script name.
+set -euo pipefail
+root=$1 port=$2 bin=$3 docroot=$4 run=$5
+
+mkdir -p "$run" "$root/cgi-bin"
+ln -sfn "$bin/cgi-ssi" "$root/cgi-bin/ssi"
+ln -sfn "$bin/cgi-ssi" "$root/cgi-bin/_info.xml"
+
+log_file=${QUELM_LOG_FILE:-$run/cgi-ssi.log}
+realm=${QUELM_REALM:-web}
+srv_idx=${QUELM_SRV_IDX:-1}
+
+backend() { # name bin-path
+  cat <<CONF
+    ( "bin-path" => "$2",
+      "socket" => "$run/$1.sock",
+      "check-local" => "disable",
+      "max-procs" => 1,
+      "allow-x-send-file" => "enable",
+      "x-sendfile-docroot" => ( "$root/var/mnt" ),
+      "bin-environment" => (
+        "QUELM_ROOT" => "$root",
+        "QUELM_LOG_FILE" => "$log_file",
+        "ASAN_OPTIONS" => "${ASAN_OPTIONS:-}",
+        "UBSAN_OPTIONS" => "${UBSAN_OPTIONS:-}"
+      )
+    )
+CONF
+}
+
+cat <<CONF
+server.modules = ( "mod_access", "mod_setenv", "mod_fastcgi", "mod_ssi" )
+server.document-root = "$docroot"
+server.bind = "127.0.0.1"
+server.port = $port
+server.errorlog = "$run/lighttpd-error.log"
+server.pid-file = "$run/lighttpd.pid"
+server.upload-dirs = ( "$root/var/tmp" )
+server.max-request-size = 65536
+index-file.names = ( "index.htm", "index.html" )
+static-file.exclude-extensions = ( ".cgi", ".htm", ".html", ".js", ".xml" )
+mimetype.assign = (
+  ".css" => "text/css", ".png" => "image/png", ".jpg" => "image/jpeg",
+  ".gif" => "image/gif", ".svg" => "image/svg+xml", ".ico" => "image/x-icon",
+  ".txt" => "text/plain", ".json" => "application/json", ".shtml" => "text/html"
+)
+ssi.extension = ( ".shtml" )
+setenv.add-environment = (
+  "QUELM_REALM" => "$realm",
+  "QUELM_SRV_IDX" => "$srv_idx"
+)
+fastcgi.map-extensions = ( ".html" => ".htm", ".js" => ".htm", ".xml" => ".htm" )
+fastcgi.server = (
+  "/_info.xml" => (
+$(backend info "$root/cgi-bin/_info.xml")
+  ),
+  ".cgi" => (
+$(backend cgi "$bin/cgi-ssi")
+  ),
+  ".htm" => (
+$(backend ssi "$root/cgi-bin/ssi")
+  )
+)
+CONF
