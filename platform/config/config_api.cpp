@@ -1,0 +1,467 @@
+// The C edge of the configuration library: thin shims over DataModel that
+// keep the process-wide state, the shared error code and the logging
+// switch. No exception crosses this edge.
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "event_log.h"
+#include "library_state.h"
+#include "platform.h"
+#include "qm_config.h"
+#include "quelm_log.h"
+#include "quelm_root.h"
+
+namespace quelm::platform::detail {
+namespace {
+
+struct Globals {
+    int refcount = 0;
+    bool log_on = false;
+    int error = 0;
+    std::unique_ptr<State> state;
+};
+
+Globals &globals() {
+    static Globals g;
+    return g;
+}
+
+char *copy_text(std::string_view text) {
+    auto *out = static_cast<char *>(std::malloc(text.size() + 1));
+    if (out == nullptr) return nullptr;
+    std::memcpy(out, text.data(), text.size());
+    out[text.size()] = '\0';
+    return out;
+}
+
+int set_error(int code) {
+    globals().error = code;
+    return code;
+}
+
+// "<object>_<property>" for the two-argument calls; "" when either is null.
+std::string property_name(const char *object, const char *property) {
+    if (object == nullptr || property == nullptr || *object == '\0' || *property == '\0') return {};
+    return join_name(object, property);
+}
+
+// Runs f and turns an exception (memory exhausted) into fallback, so that
+// none crosses the C edge.
+template <typename F>
+std::invoke_result_t<F> shield(std::invoke_result_t<F> fallback, F &&f) noexcept {
+    try {
+        return f();
+    } catch (...) {
+        set_error(QM_ERR_STORAGE);
+        return fallback;
+    }
+}
+
+// Runs f(model) on the opened state and stores its result as the error.
+template <typename F>
+int with_model(F &&f) {
+    int code = 0;
+    State *state = open_state(code);
+    if (state == nullptr) return set_error(code);
+    DataModel model = state->model();
+    return set_error(f(model));
+}
+
+}  // namespace
+
+State::~State() {
+    // A connection or lock inherited across fork belongs to the parent.
+    if (pid != getpid()) {
+        if (db) db->abandon();
+        lock.forget();
+    }
+}
+
+void follow_environment() {
+    if (globals().refcount == 0) quelm::pin_process_environment();
+}
+
+void log_message(int priority, const char *format, ...) {
+    if (!globals().log_on) return;
+    va_list args;
+    va_start(args, format);
+    quelm::log::vprint(priority, format, args);
+    va_end(args);
+}
+
+int load_definitions(std::unique_ptr<Schema> &schema, std::unique_ptr<FactoryDefaults> &factory, std::string &message) {
+    std::string schema_path = quelm::root_path(kSchemaFile);
+    std::string factory_path = quelm::root_path(kFactoryFile);
+    if (::access(schema_path.c_str(), R_OK) != 0 || ::access(factory_path.c_str(), R_OK) != 0) {
+        message = "no schema or factory defaults under " + quelm::root_path(kDefaultsDir);
+        return QM_ERR_NOT_INIT;
+    }
+    schema = Schema::load(schema_path, message);
+    if (!schema) return QM_ERR_STORAGE;
+    std::string text;
+    if (!read_file(factory_path, text)) {
+        message = "cannot read " + factory_path;
+        return QM_ERR_STORAGE;
+    }
+    auto lines = parse_assignments(text, message);
+    if (!lines) {
+        message = factory_path + ": " + message;
+        return QM_ERR_STORAGE;
+    }
+    factory = std::make_unique<FactoryDefaults>(std::move(*lines));
+    return QM_ERR_NONE;
+}
+
+State *open_state(int &code, bool need_database) {
+    follow_environment();
+    Globals &g = globals();
+    std::string root(quelm::root_prefix());
+    if (g.state && (g.state->root != root || g.state->pid != getpid())) g.state.reset();
+    std::string message;
+    if (!g.state) {
+        auto state = std::make_unique<State>();
+        state->root = root;
+        state->pid = getpid();
+        state->lock_wait_ms = lock_wait_from_environment();
+        code = load_definitions(state->schema, state->factory, message);
+        if (code != QM_ERR_NONE) {
+            log_message(LOG_ERR, "configuration library: %s", message.c_str());
+            return nullptr;
+        }
+        g.state = std::move(state);
+    }
+    State *state = g.state.get();
+    if (need_database && !state->db) {
+        std::string db_path = quelm::root_path(kDatabaseFile);
+        if (::access(db_path.c_str(), F_OK) != 0) {
+            message = "no database " + db_path;
+            code = QM_ERR_NOT_INIT;
+        } else {
+            state->db = Database::open(db_path, false, message);
+            code = state->db ? QM_ERR_NONE : QM_ERR_STORAGE;
+        }
+        if (code != QM_ERR_NONE) {
+            log_message(LOG_ERR, "configuration library: %s", message.c_str());
+            return nullptr;
+        }
+    }
+    return state;
+}
+
+void drop_state() { globals().state.reset(); }
+
+}  // namespace quelm::platform::detail
+
+namespace quelm::platform {
+
+using detail::open_state;
+using detail::State;
+
+int load_text(std::string_view text, std::string &message) {
+    auto lines = parse_assignments(text, message);
+    if (!lines) return QM_ERR_BAD_VALUE;
+    int code = 0;
+    State *state = open_state(code);
+    if (state == nullptr) {
+        message = "the configuration cannot be opened";
+        return code;
+    }
+    return state->model().load(*lines, message);
+}
+
+int dump_text(std::string_view object, std::string &out) {
+    int code = 0;
+    State *state = open_state(code);
+    if (state == nullptr) return code;
+    DataModel model = state->model();
+    std::vector<Record> records;
+    if (object.empty()) {
+        code = model.all_records(records);
+    } else {
+        code = model.records(object, records);
+        bool exists = false;
+        if (code == QM_ERR_NOTHING && model.exists(object, exists) == QM_ERR_NONE && exists) code = QM_ERR_NONE;
+    }
+    if (code != QM_ERR_NONE) return code;
+    for (const Record &r : records) {
+        out += r.name;
+        out += '=';
+        out += r.value;
+        out += '\n';
+    }
+    return QM_ERR_NONE;
+}
+
+bool read_file(const std::string &path, std::string &out) {
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return false;
+    out.clear();
+    char buffer[8192];
+    while (true) {
+        ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n < 0) return false;
+        if (n == 0) return true;
+        if (out.size() + static_cast<std::size_t>(n) > kMaxDataFileSize) return false;
+        out.append(buffer, static_cast<std::size_t>(n));
+    }
+}
+
+}  // namespace quelm::platform
+
+using quelm::platform::DataModel;
+using quelm::platform::detail::copy_text;
+using quelm::platform::detail::globals;
+using quelm::platform::detail::log_message;
+using quelm::platform::detail::open_state;
+using quelm::platform::detail::property_name;
+using quelm::platform::detail::set_error;
+using quelm::platform::detail::shield;
+using quelm::platform::detail::State;
+using quelm::platform::detail::with_model;
+
+extern "C" {
+
+int QM_Cfg_Init(int, ...) {
+    return shield(QM_ERR_STORAGE, [&] {
+        quelm::platform::detail::follow_environment();
+        ++globals().refcount;
+        int code = 0;
+        return open_state(code) != nullptr ? 0 : code;
+    });
+}
+
+void QM_Cfg_Free(void) {
+    auto &g = globals();
+    if (g.refcount == 0) return;  // unbalanced: nothing of ours to release
+    if (--g.refcount == 0) g.state.reset();
+}
+
+void QM_LOG_set(int on) { globals().log_on = on != 0; }
+
+void QM_LOG_print(const char *format, ...) {
+    if (!globals().log_on || format == nullptr) return;
+    quelm::platform::detail::follow_environment();
+    va_list args;
+    va_start(args, format);
+    quelm::log::vprint(LOG_INFO, format, args);
+    va_end(args);
+}
+
+int QM_err_set(int code) { return set_error(code); }
+
+int QM_err_get(void) { return globals().error; }
+
+char *QM_DAT_getobjcount(const char *object) {
+    return shield(nullptr, [&]() -> char * {
+        if (object == nullptr) {
+            set_error(QM_ERR_UNKNOWN_OBJECT);
+            return nullptr;
+        }
+        std::string text;
+        if (with_model([&](DataModel &m) { return m.count(object, text); }) != 0) return nullptr;
+        char *out = copy_text(text);
+        if (out == nullptr) set_error(QM_ERR_STORAGE);
+        return out;
+    });
+}
+
+QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
+    return shield(nullptr, [&]() -> QM_DAT_record * {
+        if (object == nullptr) {
+            set_error(QM_ERR_UNKNOWN_OBJECT);
+            return nullptr;
+        }
+        std::vector<quelm::platform::Record> records;
+        if (with_model([&](DataModel &m) { return m.records(object, records); }) != 0) return nullptr;
+        QM_DAT_record *head = nullptr;
+        QM_DAT_record **tail = &head;
+        for (const auto &r : records) {
+            auto *node = static_cast<QM_DAT_record *>(std::calloc(1, sizeof(QM_DAT_record)));
+            if (node != nullptr) {
+                node->name = copy_text(r.name);
+                node->value = copy_text(r.value);
+                node->type = static_cast<int8_t>(r.type);
+            }
+            if (node == nullptr || node->name == nullptr || node->value == nullptr) {
+                if (node != nullptr) {
+                    std::free(node->name);
+                    std::free(node->value);
+                    std::free(node);
+                }
+                QM_DAT_freedata(&head);
+                set_error(QM_ERR_STORAGE);
+                return nullptr;
+            }
+            *tail = node;
+            tail = &node->next;
+        }
+        return head;
+    });
+}
+
+void QM_DAT_freedata(QM_DAT_record **records) {
+    if (records == nullptr) return;
+    QM_DAT_record *r = *records;
+    while (r != nullptr) {
+        QM_DAT_record *next = r->next;
+        std::free(r->name);
+        std::free(r->value);
+        std::free(r);
+        r = next;
+    }
+    *records = nullptr;
+}
+
+char *QM_DAT_getobjproperty(const char *object, const char *property) {
+    return shield(nullptr, [&]() -> char * {
+        std::string name = property_name(object, property);
+        if (name.empty()) {
+            set_error(QM_ERR_UNKNOWN_OBJECT);
+            return nullptr;
+        }
+        std::string value;
+        if (with_model([&](DataModel &m) { return m.get(name, value); }) != 0) return nullptr;
+        char *out = copy_text(value);
+        if (out == nullptr) set_error(QM_ERR_STORAGE);
+        return out;
+    });
+}
+
+int QM_DAT_setobjproperty(const char *object, const char *property, const char *value, int store_only) {
+    return shield(QM_ERR_STORAGE, [&] {
+        std::string name = property_name(object, property);
+        if (name.empty()) return set_error(QM_ERR_UNKNOWN_OBJECT);
+        if (value == nullptr) return set_error(QM_ERR_BAD_VALUE);
+        bool changed = false;
+        int code = with_model([&](DataModel &m) { return m.set(name, value, changed); });
+        if (code == QM_ERR_STORAGE) log_message(LOG_ERR, "configuration library: cannot store %s", name.c_str());
+        if (code == QM_ERR_NONE && changed && store_only == 0 &&
+            quelm::platform::record_event(quelm::platform::kApplyLogPath, "apply", name) != 0)
+            log_message(LOG_WARNING, "configuration library: cannot record the change of %s", name.c_str());
+        return code;
+    });
+}
+
+int QM_DAT_createobject(const char *object, int) {
+    return shield(QM_ERR_STORAGE, [&] {
+        if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
+        return with_model([&](DataModel &m) { return m.create(object); });
+    });
+}
+
+int QM_DAT_deleteobject(const char *object, int) {
+    return shield(QM_ERR_STORAGE, [&] {
+        if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
+        return with_model([&](DataModel &m) { return m.remove(object); });
+    });
+}
+
+int QM_DAT_resetobjdata(const char *object, int flag) {
+    return shield(QM_ERR_STORAGE, [&] {
+        if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
+        return with_model([&](DataModel &m) { return m.reset(object, flag != 0); });
+    });
+}
+
+char *QM_DAT_objname2xmlpath(const char *object) {
+    return shield(nullptr, [&]() -> char * {
+        int code = 0;
+        State *state = object != nullptr ? open_state(code, false) : nullptr;
+        if (state == nullptr) {
+            set_error(object == nullptr ? QM_ERR_UNKNOWN_OBJECT : code);
+            return nullptr;
+        }
+        auto target = state->schema->resolve(object);
+        if (!target) {
+            set_error(QM_ERR_UNKNOWN_OBJECT);
+            return nullptr;
+        }
+        char *out = copy_text(target->xml_path);
+        set_error(out != nullptr ? QM_ERR_NONE : QM_ERR_STORAGE);
+        return out;
+    });
+}
+
+int QM_XML_gettype(const char *xmlpath, int32_t *type) {
+    return shield(QM_ERR_STORAGE, [&] {
+        if (xmlpath == nullptr || type == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
+        int code = 0;
+        State *state = open_state(code, false);
+        if (state == nullptr) return set_error(code);
+        auto found = state->schema->type_of_xml_path(xmlpath);
+        if (!found) return set_error(QM_ERR_UNKNOWN_OBJECT);
+        *type = *found;
+        return set_error(QM_ERR_NONE);
+    });
+}
+
+int QM_FILE_lock(void) {
+    return shield(QM_ERR_STORAGE, [&] {
+        int code = 0;
+        State *state = open_state(code, false);
+        if (state == nullptr) return set_error(code);
+        if (state->lock_depth > 0) {
+            ++state->lock_depth;
+            return set_error(QM_ERR_NONE);
+        }
+        code = state->lock.acquire(quelm::root_path(quelm::platform::kLockFile), state->lock_wait_ms);
+        if (code == QM_ERR_NONE)
+            state->lock_depth = 1;
+        else if (code == QM_ERR_LOCKED)
+            log_message(LOG_WARNING, "configuration library: configuration locked by another process");
+        return set_error(code);
+    });
+}
+
+int QM_FILE_unlock(void) {
+    State *state = globals().state.get();
+    if (state == nullptr || state->lock_depth == 0 || state->pid != getpid()) return set_error(QM_ERR_NOTHING);
+    if (--state->lock_depth == 0) state->lock.release();
+    return set_error(QM_ERR_NONE);
+}
+
+int QM_FILE_commit(int) {
+    return shield(QM_ERR_STORAGE, [&] { return with_model([](DataModel &m) { return m.commit(); }); });
+}
+
+int QM_FILE_revert(void) {
+    return shield(QM_ERR_STORAGE, [&] { return with_model([](DataModel &m) { return m.revert(); }); });
+}
+
+int QM_FILE_factory(int option) {
+    return shield(QM_ERR_STORAGE, [&] {
+        std::string message;
+        int code = with_model([&](DataModel &m) { return m.factory(message); });
+        if (code != QM_ERR_NONE) {
+            log_message(LOG_ERR, "configuration library: factory defaults not restored: %s", message.c_str());
+            return code;
+        }
+        return set_error(
+            quelm::platform::record_event(quelm::platform::kEventLogPath, "factory", std::to_string(option)));
+    });
+}
+
+int QM_SYS_reboot(int delay) {
+    return shield(QM_ERR_STORAGE, [&] {
+        quelm::platform::detail::follow_environment();
+        return set_error(
+            quelm::platform::record_event(quelm::platform::kEventLogPath, "reboot", std::to_string(delay)));
+    });
+}
+
+int QM_STATUS_set(int status) {
+    return shield(QM_ERR_STORAGE, [&] {
+        quelm::platform::detail::follow_environment();
+        return set_error(
+            quelm::platform::record_event(quelm::platform::kEventLogPath, "status", std::to_string(status)));
+    });
+}
+
+}  // extern "C"

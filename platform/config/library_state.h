@@ -1,0 +1,52 @@
+// Process-wide state of the configuration library, shared by the C calls
+// (config_api.cpp) and the root set-up (platform_init.cpp).
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <sys/types.h>
+
+#include "file_lock.h"
+#include "model.h"
+#include "schema.h"
+#include "store.h"
+
+namespace quelm::platform::detail {
+
+// What the library opened for one gateway root in one process.
+struct State {
+    std::string root;  // root prefix it was opened for
+    pid_t pid = 0;     // process that opened the database
+    std::unique_ptr<Schema> schema;
+    std::unique_ptr<FactoryDefaults> factory;
+    std::unique_ptr<Database> db;
+    FileLock lock;
+    int lock_depth = 0;
+    int lock_wait_ms = kDefaultLockWaitMs;
+
+    ~State();
+    DataModel model() { return DataModel(*schema, *db, *factory); }
+};
+
+// While no QM_Cfg_Init is outstanding, re-reads QUELM_ROOT and
+// QUELM_LOG_FILE from the environment; otherwise keeps what the first
+// QM_Cfg_Init saw.
+void follow_environment();
+
+// The state for the current root, opened when needed (and reopened when
+// the root or the process changed); with need_database the database is
+// opened too (lock and schema calls never touch it). Null with code set on
+// failure.
+State *open_state(int &code, bool need_database = true);
+
+// Forgets the state (releasing the lock it holds); the next call reopens.
+void drop_state();
+
+// Logs through QM_LOG_print's path when logging is on.
+void log_message(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+// Loads the schema and the factory defaults installed under the root.
+int load_definitions(std::unique_ptr<Schema> &schema, std::unique_ptr<FactoryDefaults> &factory, std::string &message);
+
+}  // namespace quelm::platform::detail
