@@ -1,0 +1,90 @@
+// Cookie lookup in the request's Cookie header (the cgiCookie global).
+#include <cctype>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "cgic.h"
+#include "request/request_internal.h"
+
+namespace cgissi::request {
+namespace {
+
+bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+std::string_view cookie_header() { return cgiCookie != nullptr ? std::string_view(cgiCookie) : std::string_view(); }
+
+}  // namespace
+
+bool find_cookie(std::string_view header, std::string_view name, std::string_view *value) {
+    std::size_t pos = 0;
+    for (;;) {
+        std::string_view rest = header.substr(pos);
+        if (rest.size() > name.size() && rest.substr(0, name.size()) == name && rest[name.size()] == '=') {
+            rest.remove_prefix(name.size() + 1);
+            *value = rest.substr(0, rest.find(';'));
+            return true;
+        }
+        std::size_t semicolon = rest.find(';');
+        if (semicolon == std::string_view::npos) return false;
+        pos += semicolon + 1;
+        while (pos < header.size() && is_space(header[pos])) ++pos;
+    }
+}
+
+}  // namespace cgissi::request
+
+using namespace cgissi::request;
+
+extern "C" cgiFormResultType cgiCookieString(const char *name, char *result, int max) {
+    std::string_view value;
+    if (name == nullptr || !find_cookie(cookie_header(), name, &value)) {
+        if (result != nullptr && max > 0) result[0] = '\0';
+        return cgiFormNotFound;
+    }
+    if (max <= 0) return value.empty() ? cgiFormSuccess : cgiFormTruncated;
+    std::size_t room = static_cast<std::size_t>(max) - 1;
+    std::size_t n = value.size() < room ? value.size() : room;
+    std::memcpy(result, value.data(), n);
+    result[n] = '\0';
+    return n < value.size() ? cgiFormTruncated : cgiFormSuccess;
+}
+
+extern "C" cgiFormResultType cgiCookieInteger(const char *name, int *result, int defaultV) {
+    char buffer[kCookieIntegerSize];
+    cgiFormResultType code = cgiCookieString(name, buffer, sizeof buffer);
+    *result = code == cgiFormSuccess ? leading_int(buffer) : defaultV;
+    return code;
+}
+
+extern "C" cgiFormResultType cgiCookies(char ***ptrToStringArray) {
+    // Names are the text before "=" of each ";"-separated cookie, leading
+    // white space skipped; a cookie without "=" or without a name is no name.
+    std::vector<std::string_view> names;
+    std::string_view header = cookie_header();
+    while (!header.empty()) {
+        std::size_t end = header.find(';');
+        std::string_view cookie = header.substr(0, end);
+        while (!cookie.empty() && is_space(cookie.front())) cookie.remove_prefix(1);
+        std::size_t equals = cookie.find('=');
+        if (equals != std::string_view::npos && equals != 0) names.push_back(cookie.substr(0, equals));
+        if (end == std::string_view::npos) break;
+        header.remove_prefix(end + 1);
+    }
+
+    char **array = static_cast<char **>(std::calloc(names.size() + 1, sizeof(char *)));
+    if (array == nullptr) {
+        *ptrToStringArray = nullptr;
+        return cgiFormMemory;
+    }
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        array[i] = copy_text(names[i]).release();
+        if (array[i] == nullptr) {
+            cgiStringArrayFree(array);
+            *ptrToStringArray = nullptr;
+            return cgiFormMemory;
+        }
+    }
+    *ptrToStringArray = array;
+    return cgiFormSuccess;
+}

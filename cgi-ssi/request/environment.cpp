@@ -1,0 +1,262 @@
+// Request set-up and tear-down: the CGI environment globals, the body length
+// and its limits, and the choice of form parser.
+#include <cctype>
+#include <charconv>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cgic.h"
+#include "quelm_root.h"
+#include "request/request_internal.h"
+
+extern "C" {
+const char *cgiServerSoftware = "";
+const char *cgiServerName = "";
+const char *cgiGatewayInterface = "";
+const char *cgiServerProtocol = "";
+const char *cgiServerPort = "";
+const char *cgiRequestMethod = "";
+const char *cgiPathInfo = "";
+const char *cgiPathTranslated = "";
+const char *cgiScriptName = "";
+const char *cgiQueryString = "";
+const char *cgiRemoteHost = "";
+const char *cgiRemoteAddr = "";
+const char *cgiAuthType = "";
+const char *cgiRemoteUser = "";
+const char *cgiRemoteIdent = "";
+const char *cgiHttpHost = "";
+const char *cgiXForwardedFor = "";
+const char *cgiAccept = "";
+const char *cgiUserAgent = "";
+const char *cgiReferrer = "";
+const char *cgiCookie = "";
+
+char cgiContentType[CGIC_CONTENT_TYPE_SIZE] = "";
+const char *cgiMultipartBoundary = "";
+int cgiContentLength = 0;
+FCGI_FILE *cgiIn = nullptr;
+FCGI_FILE *cgiOut = nullptr;
+cgiFormEntry *cgiFormEntryFirst = nullptr;
+int cgiRestored = 0;
+int firstCookie = 0;
+volatile sig_atomic_t got_sigpipe = 0;
+int cgiHexValue[256] = {};
+}
+
+namespace cgissi::request {
+namespace {
+
+constexpr std::string_view kTempTemplate = "/var/tmp/cgicXXXXXX";
+constexpr std::string_view kBoundaryParameter = "boundary=";
+constexpr mode_t kTempFileMode = 0777;
+
+// Filled before main so that the unescaper works even in code that parses
+// without a request (tests, tools); every cgiInitResources refills it.
+const bool hex_table_ready = (cgiSetupConstants(), true);
+
+bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+// Reads and drops the rest of a stream.
+void drain(FCGI_FILE *stream) {
+    char chunk[kDiscardChunk];
+    while (read_input(stream, chunk, sizeof chunk) > 0) {
+    }
+}
+
+}  // namespace
+
+std::size_t read_input(FCGI_FILE *stream, void *buffer, std::size_t size) {
+    std::size_t got = FCGI_fread(buffer, 1, size, stream);
+    return got <= size ? got : 0;
+}
+
+bool parse_length(const char *text, int *length) {
+    *length = 0;
+    if (text == nullptr) return true;
+    while (is_space(*text)) ++text;
+    bool negative = false;
+    if (*text == '-' || *text == '+') {
+        negative = *text == '-';
+        ++text;
+    }
+    const char *digits_end = text;
+    while (*digits_end >= '0' && *digits_end <= '9') ++digits_end;
+    if (digits_end == text) return true;  // not a number: no body
+    int value = 0;
+    auto [end, error] = std::from_chars(text, digits_end, value);
+    (void)end;
+    if (error != std::errc()) return false;  // beyond int
+    if (negative && value != 0) return false;
+    *length = value;
+    return true;
+}
+
+const char *split_content_type(char *content_type) {
+    char *semicolon = std::strchr(content_type, ';');
+    while (semicolon != nullptr) {
+        *semicolon = '\0';
+        char *parameter = semicolon + 1;
+        while (is_space(*parameter)) ++parameter;
+        if (cgiStrBeginsNc(parameter, kBoundaryParameter.data()) != 0) {
+            char *boundary = parameter + kBoundaryParameter.size();
+            char *end = boundary;
+            while (*end != '\0' && !is_space(*end)) ++end;
+            *end = '\0';
+            return boundary;
+        }
+        semicolon = std::strchr(parameter, ';');
+    }
+    return "";
+}
+
+}  // namespace cgissi::request
+
+using namespace cgissi::request;
+
+extern "C" void cgiSetupConstants(void) {
+    for (int &value : cgiHexValue) value = 0;
+    for (int digit = 0; digit < 10; ++digit) cgiHexValue['0' + digit] = digit;
+    for (int letter = 0; letter < 6; ++letter) {
+        cgiHexValue['A' + letter] = 10 + letter;
+        cgiHexValue['a' + letter] = 10 + letter;
+    }
+}
+
+extern "C" void cgiGetenv(const char **target, const char *name) {
+    const char *value = std::getenv(name);
+    *target = value != nullptr ? value : "";
+}
+
+extern "C" void flushinput(int length) {
+    FCGI_FILE *in = cgiIn != nullptr ? cgiIn : FCGI_stdin;
+    char chunk[kDiscardChunk];
+    while (length > 0) {
+        std::size_t want = static_cast<std::size_t>(length) < sizeof chunk ? static_cast<std::size_t>(length)
+                                                                            : sizeof chunk;
+        std::size_t got = read_input(in, chunk, want);
+        if (got == 0) return;
+        length -= static_cast<int>(got);
+    }
+}
+
+extern "C" cgiFormEntry *getFormEntries(void) { return cgiFormEntryFirst; }
+
+extern "C" void cgiFreeResources(void) {
+    reset_search();
+    free_entries(cgiFormEntryFirst);
+    cgiFormEntryFirst = nullptr;
+    cgiRestored = 0;
+}
+
+extern "C" int cgiInitResources(FCGI_FILE *upload_sink) {
+    got_sigpipe = 0;
+
+    // A filter's data stream follows its standard input, which is not used.
+    const char *length_text;
+    const char *role = std::getenv("FCGI_ROLE");
+    if (role != nullptr && std::strcmp(role, "FILTER") == 0) {
+        drain(FCGI_stdin);
+        FCGI_StartFilterData();
+        length_text = std::getenv("FCGI_DATA_LENGTH");
+    } else {
+        length_text = std::getenv("CONTENT_LENGTH");
+    }
+
+    cgiSetupConstants();
+    cgiGetenv(&cgiServerSoftware, "SERVER_SOFTWARE");
+    cgiGetenv(&cgiServerName, "SERVER_NAME");
+    cgiGetenv(&cgiGatewayInterface, "GATEWAY_INTERFACE");
+    cgiGetenv(&cgiServerProtocol, "SERVER_PROTOCOL");
+    cgiGetenv(&cgiServerPort, "SERVER_PORT");
+    cgiGetenv(&cgiRequestMethod, "REQUEST_METHOD");
+    cgiGetenv(&cgiPathInfo, "PATH_INFO");
+    cgiGetenv(&cgiPathTranslated, "PATH_TRANSLATED");
+    cgiGetenv(&cgiScriptName, "SCRIPT_NAME");
+    cgiGetenv(&cgiQueryString, "QUERY_STRING");
+    cgiGetenv(&cgiRemoteHost, "REMOTE_HOST");
+    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
+    cgiGetenv(&cgiAuthType, "AUTH_TYPE");
+    cgiGetenv(&cgiRemoteUser, "REMOTE_USER");
+    cgiGetenv(&cgiRemoteIdent, "REMOTE_IDENT");
+    cgiGetenv(&cgiHttpHost, "HTTP_HOST");
+    cgiGetenv(&cgiXForwardedFor, "X_FORWARDED_FOR");
+
+    const char *content_type = nullptr;
+    cgiGetenv(&content_type, "CONTENT_TYPE");
+    std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
+    std::memcpy(cgiContentType, content_type, type_length);
+    cgiContentType[type_length] = '\0';
+    cgiMultipartBoundary = split_content_type(cgiContentType);
+
+    int length = 0;
+    bool length_usable = parse_length(length_text, &length);
+    cgiContentLength = length;
+
+    cgiGetenv(&cgiAccept, "HTTP_ACCEPT");
+    cgiGetenv(&cgiUserAgent, "HTTP_USER_AGENT");
+    cgiGetenv(&cgiReferrer, "HTTP_REFERER");
+    cgiGetenv(&cgiCookie, "HTTP_COOKIE");
+
+    // The responder lives on, so a list that an earlier handler did not
+    // free (with its temporary files) is released here rather than lost.
+    cgiFreeResources();
+    cgiIn = FCGI_stdin;
+    cgiOut = FCGI_stdout;
+
+    // A negative or oversized length cannot tell how much to read: nothing
+    // is read and the request is refused.
+    if (!length_usable) return -1;
+
+    if (upload_sink == nullptr && cgiContentLength >= kMaxBodyWithoutSink) {
+        // Consumed before refusing, so the connection stays in step.
+        flushinput(cgiContentLength);
+        cgiFreeResources();
+        return -1;
+    }
+
+    if (cgiStrEqNc(cgiRequestMethod, "post") != 0) {
+        if (cgiStrEqNc(cgiContentType, "application/x-www-form-urlencoded") != 0) {
+            if (cgiParsePostFormInput() != 0) {
+                cgiFreeResources();
+                return -1;
+            }
+        } else if (cgiStrEqNc(cgiContentType, "multipart/form-data") != 0) {
+            if (cgiParsePostMultipartInput(upload_sink) != 0) {
+                // Kept on purpose: a failed multipart parse lets the handler
+                // go on with an empty form (and leaves firstCookie as it was).
+                cgiFreeResources();
+                return 0;
+            }
+        }
+        // Any other body is left unread.
+    } else if (cgiStrEqNc(cgiRequestMethod, "get") != 0) {
+        std::size_t query_length = std::strlen(cgiQueryString);
+        if (query_length > static_cast<std::size_t>(INT_MAX)) return -1;
+        cgiContentLength = static_cast<int>(query_length);
+        if (cgiParseGetFormInput() != 0) {
+            cgiFreeResources();
+            return -1;
+        }
+    }
+
+    firstCookie = 1;
+    return 0;
+}
+
+extern "C" int getTempFileName(char *buffer, size_t size) {
+    if (buffer == nullptr || !quelm::root_path(kTempTemplate, buffer, size)) return 2;
+    int fd = ::mkstemp(buffer);
+    if (fd < 0) return 2;
+    ::close(fd);
+    // Readable and writable by the helpers that pick the upload up.
+    if (::chmod(buffer, kTempFileMode) != 0) {
+        ::unlink(buffer);
+        return 2;
+    }
+    return 0;
+}

@@ -1,0 +1,48 @@
+// Response header writers. Their bytes are kept exactly as they are on
+// purpose: the gateway's pages and plugins depend on them.
+#include "cgi_output.h"
+#include "cgic.h"
+
+namespace {
+
+const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
+
+// Before any request of this process has been set up, a blank line goes out
+// first (kept as the pages have always seen it).
+void begin_header() {
+    if (firstCookie == 0) cgi_out_write("\r\n", 2);
+}
+
+}  // namespace
+
+extern "C" void cgiHeaderContentType(const char *mimeType) {
+    begin_header();
+    cgi_out_printf("Content-type: %s\r\n\r\n", text_or_empty(mimeType));
+}
+
+extern "C" void cgiHeaderStatus(int status, const char *statusMessage) {
+    begin_header();
+    cgi_out_printf("Status: %d %s\r\n\r\n", status, text_or_empty(statusMessage));
+}
+
+// The redirect is done by a script in the page, not by a Location header;
+// the content type header writes the leading blank line when one is due.
+extern "C" void cgiHeaderLocation(const char *redirectUrl) {
+    cgiHeaderContentType("text/html");
+    cgi_out_printf("<HTML>\n");
+    cgi_out_printf("<script>\r\ndocument.location.replace(\"%s\");\r\n</script>\r\n", text_or_empty(redirectUrl));
+    cgi_out_printf("</HTML>\n");
+}
+
+// Cookie lines do not end the header block and ignore firstCookie.
+extern "C" void cgiHeaderCookieSetString(const char *name, const char *value, int secondsToLive, const char *path,
+                                         const char *domain) {
+    cgi_out_printf("Set-Cookie: %s=%s; Domain=%s; Max-Age=%d; Path=%s; \r\n", text_or_empty(name),
+                   text_or_empty(value), text_or_empty(domain), secondsToLive, text_or_empty(path));
+}
+
+extern "C" void cgiHeaderCookieSetInteger(const char *name, int value, int secondsToLive, const char *path,
+                                          const char *domain) {
+    cgi_out_printf("Set-Cookie: %s=%d; Domain=%s; Max-Age=%d; Path=%s; \r\n", text_or_empty(name), value,
+                   text_or_empty(domain), secondsToLive, text_or_empty(path));
+}

@@ -1,0 +1,604 @@
+// Request layer: environment and body handling of cgiInitResources, the
+// urlencoded parser, the form, file and cookie accessors, and the header
+// writers' exact bytes. Bodies are fed through the process's real standard
+// input (not under FastCGI, libfcgi's stdin wraps fd 0).
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "cgi_output.h"
+#include "cgic.h"
+#include "qm_config.h"
+
+namespace {
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+constexpr const char *kRequestVars[] = {
+    "REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH", "QUERY_STRING", "HTTP_COOKIE", "FCGI_ROLE",
+    "FCGI_DATA_LENGTH", "SERVER_NAME", "REMOTE_ADDR", "HTTP_REFERER", "QUELM_ROOT", "QUELM_LOG_FILE"};
+
+Fields form_fields() {
+    Fields out;
+    for (const cgiFormEntry *e = getFormEntries(); e != nullptr; e = e->next) {
+        out.emplace_back(e->attr, std::string(e->value, static_cast<std::size_t>(e->valueLength)));
+    }
+    return out;
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Everything the request layer writes to the response while `write` runs.
+std::string captured_output(const std::function<void()> &write) {
+    std::fflush(stdout);
+    cgi_out_flush();
+    int saved = dup(1);
+    std::FILE *sink = std::tmpfile();
+    dup2(fileno(sink), 1);
+    write();
+    cgi_out_flush();
+    dup2(saved, 1);
+    close(saved);
+    std::rewind(sink);
+    std::string out;
+    char chunk[4096];
+    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
+    std::fclose(sink);
+    return out;
+}
+
+class RequestTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        // Outside a web server the first accept turns the FastCGI streams
+        // into wrappers of the process's stdin and stdout.
+        if (FCGI_ToFILE(FCGI_stdin) == nullptr) FCGI_Accept();
+        // Unbuffered, so that replacing fd 0 never leaves an old body's
+        // bytes in stdio's buffer.
+        std::setvbuf(stdin, nullptr, _IONBF, 0);
+    }
+
+    void SetUp() override {
+        for (const char *name : kRequestVars) unsetenv(name);
+        saved_stdin_ = dup(0);
+        char root[] = "/tmp/request_test.XXXXXX";
+        ASSERT_NE(mkdtemp(root), nullptr);
+        root_ = root;
+    }
+
+    void TearDown() override {
+        cgiFreeResources();
+        dup2(saved_stdin_, 0);
+        close(saved_stdin_);
+        FCGI_clearerr(FCGI_stdin);
+        for (const char *name : kRequestVars) unsetenv(name);
+        std::filesystem::remove_all(root_);
+    }
+
+    // Makes body the request's standard input.
+    static void set_body(const std::string &body) {
+        std::FILE *file = std::tmpfile();
+        std::fwrite(body.data(), 1, body.size(), file);
+        std::fflush(file);
+        lseek(fileno(file), 0, SEEK_SET);
+        dup2(fileno(file), 0);
+        std::fclose(file);
+        FCGI_clearerr(FCGI_stdin);
+    }
+
+    // What the request left unread on its standard input.
+    static std::string unread_body() {
+        std::string out;
+        char chunk[4096];
+        for (std::size_t n; (n = FCGI_fread(chunk, 1, sizeof chunk, FCGI_stdin)) > 0;) out.append(chunk, n);
+        return out;
+    }
+
+    static int get(const char *query) {
+        setenv("REQUEST_METHOD", "GET", 1);
+        setenv("QUERY_STRING", query, 1);
+        return cgiInitResources(nullptr);
+    }
+
+    static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
+        setenv("REQUEST_METHOD", "POST", 1);
+        setenv("CONTENT_TYPE", type, 1);
+        if (length != nullptr) setenv("CONTENT_LENGTH", length, 1);
+        set_body(body);
+        return cgiInitResources(sink);
+    }
+
+    int saved_stdin_ = -1;
+    std::string root_;
+};
+
+using RequestInit = RequestTest;
+using RequestForm = RequestTest;
+using RequestCookie = RequestTest;
+using RequestHeader = RequestTest;
+using RequestFile = RequestTest;
+
+constexpr const char *kUrlencoded = "application/x-www-form-urlencoded";
+
+// Also: a GET is parsed over the whole query, whatever CONTENT_LENGTH says.
+TEST_F(RequestInit, UrlencodedQueries) {
+    setenv("CONTENT_LENGTH", "3", 1);
+    struct Case {
+        const char *query;
+        Fields fields;
+    } cases[] = {
+        {"a=1&b=2&c", {{"a", "1"}, {"b", "2"}}},
+        {"=x", {{"", "x"}}},
+        {"a=%4", {{"a", ""}}},
+        {"a=%zz", {{"a", ""}}},  // one zero byte: the value reads as empty
+        {"a=x%00y", {{"a", "x"}}},
+        {"a+b=c+d%20e", {{"a b", "c d e"}}},
+        {"%3D=%26&x=%41%62%2", {{"=", "&"}, {"x", "Ab"}}},
+        {"a=&b=", {{"a", ""}, {"b", ""}}},
+        {"c&d=1", {{"c&d", "1"}}},  // a name runs to the next "="
+        {"a=1&&b=2", {{"a", "1"}, {"&b", "2"}}},
+        {"a=1&", {{"a", "1"}}},
+        {"", {}},
+    };
+    for (const Case &c : cases) {
+        ASSERT_EQ(get(c.query), 0) << c.query;
+        EXPECT_EQ(form_fields(), c.fields) << c.query;
+        EXPECT_EQ(cgiContentLength, static_cast<int>(std::strlen(c.query))) << c.query;
+        cgiFreeResources();
+    }
+}
+
+TEST_F(RequestInit, ParserReadsExactlyTheGivenLength) {
+    ASSERT_EQ(cgiParseFormInput("a=12&b=3", 3), 0);
+    EXPECT_EQ(form_fields(), (Fields{{"a", "1"}}));
+    ASSERT_EQ(cgiParseFormInput("b=2", 3), 0);
+    EXPECT_EQ(form_fields(), (Fields{{"a", "1"}, {"b", "2"}})) << "appended after existing entries";
+
+    char *out = nullptr;
+    ASSERT_EQ(cgiUnescapeChars(&out, "%41%42", 4), 0);
+    EXPECT_STREQ(out, "A") << "an escape cut by the length gives nothing";
+    std::free(out);
+}
+
+TEST_F(RequestInit, PostBodyLengths) {
+    struct Case {
+        const char *desc;
+        const char *length;  // null: unset
+        const char *body;
+        int result;
+        Fields fields;
+        const char *unread;
+    } cases[] = {
+        {"exact", "7", "a=1&b=2", 0, {{"a", "1"}, {"b", "2"}}, ""},
+        {"shorter than body", "3", "a=1&b=2", 0, {{"a", "1"}}, "&b=2"},
+        {"leading number", "3abc", "a=1xyz", 0, {{"a", "1"}}, "xyz"},
+        {"short body", "10", "a=1", -1, {}, ""},
+        {"empty body", "5", "", -1, {}, ""},
+        {"zero", "0", "a=1", 0, {}, "a=1"},        {"unset", nullptr, "a=1", 0, {}, "a=1"},
+        {"not a number", "abc", "a=1", 0, {}, "a=1"}, {"minus zero", "-0", "a=1", 0, {}, "a=1"},
+        {"negative", "-1", "a=1", -1, {}, "a=1"},  {"most negative", "-2147483648", "a=1", -1, {}, "a=1"},
+        {"just past int", "2147483648", "a=1", -1, {}, "a=1"},
+        {"far past int", "99999999999999999999", "a=1", -1, {}, "a=1"},
+    };
+    for (const Case &c : cases) {
+        unsetenv("CONTENT_LENGTH");
+        EXPECT_EQ(post(kUrlencoded, c.length, c.body), c.result) << c.desc;
+        EXPECT_EQ(form_fields(), c.fields) << c.desc;
+        EXPECT_EQ(unread_body(), c.unread) << c.desc;
+        EXPECT_GE(cgiContentLength, 0) << c.desc;
+        cgiFreeResources();
+    }
+}
+
+TEST_F(RequestInit, BodySizeLimit) {
+    constexpr int kLimit = 2098176;
+    auto body_of = [](int size) { return "a=" + std::string(static_cast<std::size_t>(size) - 2, 'x'); };
+
+    std::string below = body_of(kLimit - 1);
+    ASSERT_EQ(post(kUrlencoded, std::to_string(below.size()).c_str(), below), 0);
+    ASSERT_NE(getFormEntries(), nullptr);
+    EXPECT_EQ(getFormEntries()->valueLength, kLimit - 3);
+    cgiFreeResources();
+
+    std::string at = body_of(kLimit);
+    EXPECT_EQ(post(kUrlencoded, std::to_string(at.size()).c_str(), at + "next"), -1);
+    EXPECT_EQ(getFormEntries(), nullptr);
+    EXPECT_EQ(unread_body(), "next") << "the refused body is consumed, nothing beyond it";
+
+    // An upload sink lifts the limit.
+    EXPECT_EQ(post(kUrlencoded, std::to_string(at.size()).c_str(), at, FCGI_stdout), 0);
+    ASSERT_NE(getFormEntries(), nullptr);
+    EXPECT_EQ(getFormEntries()->valueLength, kLimit - 2);
+}
+
+TEST_F(RequestInit, BodiesOfOtherTypesAndMethodsAreLeftUnread) {
+    EXPECT_EQ(post("text/plain", "3", "a=1"), 0);
+    EXPECT_EQ(getFormEntries(), nullptr);
+    EXPECT_EQ(unread_body(), "a=1");
+
+    setenv("REQUEST_METHOD", "PUT", 1);
+    set_body("a=1");
+    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(unread_body(), "a=1");
+
+    // Method and urlencoded type compare ignoring case.
+    setenv("REQUEST_METHOD", "post", 1);
+    setenv("CONTENT_TYPE", "Application/X-WWW-Form-Urlencoded; charset=utf-8", 1);
+    set_body("a=1");
+    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(form_fields(), (Fields{{"a", "1"}}));
+}
+
+TEST_F(RequestInit, FilterRoleTakesDataLength) {
+    setenv("REQUEST_METHOD", "POST", 1);
+    setenv("CONTENT_TYPE", kUrlencoded, 1);
+    setenv("FCGI_ROLE", "FILTER", 1);
+    setenv("CONTENT_LENGTH", "3", 1);
+    setenv("FCGI_DATA_LENGTH", "-5", 1);
+    set_body("a=1");
+    EXPECT_EQ(cgiInitResources(nullptr), -1) << "the data length is the one used";
+
+    setenv("FCGI_DATA_LENGTH", "0", 1);
+    setenv("CONTENT_LENGTH", "-1", 1);
+    set_body("a=1");
+    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(unread_body(), "") << "standard input of a filter is drained";
+}
+
+TEST_F(RequestInit, ContentTypeAndBoundary) {
+    struct Case {
+        std::string header;
+        std::string type;
+        std::string boundary;
+    } cases[] = {
+        {"multipart/form-data; boundary=XyZ", "multipart/form-data", "XyZ"},
+        {"multipart/form-data;charset=utf-8;  BOUNDARY=a-b end", "multipart/form-data", "a-b"},
+        {"multipart/form-data; xboundary=no; boundary=yes", "multipart/form-data", "yes"},
+        {"text/html", "text/html", ""},
+        {std::string(2000, 't'), std::string(1023, 't'), ""},
+        {std::string(1008, 't') + "; boundary=abcdef", std::string(1008, 't'), "abcd"},
+    };
+    setenv("REQUEST_METHOD", "HEAD", 1);
+    for (const Case &c : cases) {
+        setenv("CONTENT_TYPE", c.header.c_str(), 1);
+        ASSERT_EQ(cgiInitResources(nullptr), 0);
+        EXPECT_EQ(cgiContentType, c.type) << c.header;
+        EXPECT_EQ(cgiMultipartBoundary, c.boundary) << c.header;
+    }
+}
+
+TEST_F(RequestInit, UnsetVariablesReadEmpty) {
+    cgiCookie = nullptr;
+    setenv("HTTP_REFERER", "http://gw/", 1);
+    ASSERT_EQ(cgiInitResources(nullptr), 0);
+    for (const char *global : {cgiServerName, cgiRequestMethod, cgiQueryString, cgiRemoteAddr, cgiCookie}) {
+        ASSERT_NE(global, nullptr);
+        EXPECT_STREQ(global, "");
+    }
+    EXPECT_STREQ(cgiReferrer, "http://gw/");
+}
+
+TEST_F(RequestForm, StringCopies) {
+    struct Case {
+        const char *query;
+        bool newlines;
+        int max;
+        const char *text;
+        cgiFormResultType code;
+    } cases[] = {
+        {"a=x%0D%0Ay", true, 64, "x\ny", cgiFormSuccess},
+        {"a=x%0D%0Ay", false, 64, "xy", cgiFormSuccess},
+        {"a=%0D%0A", true, 64, "\n", cgiFormSuccess},
+        {"a=%0D%0A", false, 64, "", cgiFormEmpty},
+        {"a=x%0D%0D%0Ay%0A%0A%0Dz", true, 64, "x\n\ny\n\nz", cgiFormSuccess},
+        {"a=abcdef", true, 4, "abc", cgiFormTruncated},
+        {"a=abc", true, 4, "abc", cgiFormSuccess},
+        {"a=ab%0D%0A", true, 3, "ab", cgiFormTruncated},
+        {"a=ab%0D%0A", false, 3, "ab", cgiFormSuccess},
+        {"a=a%0A%0Ab", true, 3, "a\n", cgiFormTruncated},
+        {"a=x", true, 1, "", cgiFormTruncated},
+        {"a=", true, 8, "", cgiFormEmpty},
+        {"b=x", false, 8, "", cgiFormNotFound},
+        {"A=x", true, 8, "", cgiFormNotFound},
+    };
+    for (const Case &c : cases) {
+        ASSERT_EQ(get(c.query), 0);
+        char out[64];
+        std::memset(out, '#', sizeof out);
+        auto code = c.newlines ? cgiFormString("a", out, c.max) : cgiFormStringNoNewlines("a", out, c.max);
+        EXPECT_EQ(code, c.code) << c.query << " max " << c.max;
+        EXPECT_STREQ(out, c.text) << c.query << " max " << c.max;
+        cgiFreeResources();
+    }
+}
+
+TEST_F(RequestForm, NoNewlinesLogsMissingName) {
+    std::string log = root_ + "/log";
+    setenv("QUELM_LOG_FILE", log.c_str(), 1);
+    QM_LOG_set(1);
+    char out[8];
+    EXPECT_EQ(cgiFormStringNoNewlines("sMissing", out, sizeof out), cgiFormNotFound);
+    EXPECT_NE(read_file(log).find("name [sMissing] not found"), std::string::npos);
+}
+
+TEST_F(RequestForm, Numbers) {
+    struct Case {
+        const char *query;
+        int value;
+        cgiFormResultType code;
+    } integers[] = {
+        {"n=%2012abc", 12, cgiFormSuccess}, {"n=abc", 7, cgiFormBadType}, {"n=", 7, cgiFormEmpty},
+        {"m=1", 7, cgiFormNotFound},        {"n=-5", -5, cgiFormSuccess}, {"n=%2B3", 3, cgiFormSuccess},
+        {"n=%20", 7, cgiFormBadType},       {"n=%09%0D%0A42", 42, cgiFormSuccess},
+        {"n=.5", 7, cgiFormBadType},        {"n=99999999999", INT_MAX, cgiFormSuccess},
+        {"n=-99999999999", INT_MIN, cgiFormSuccess},
+    };
+    for (const Case &c : integers) {
+        ASSERT_EQ(get(c.query), 0);
+        int value = 0;
+        EXPECT_EQ(cgiFormInteger("n", &value, 7), c.code) << c.query;
+        EXPECT_EQ(value, c.value) << c.query;
+        cgiFreeResources();
+    }
+
+    struct Bounded {
+        const char *query;
+        int value;
+        cgiFormResultType code;
+    } bounded[] = {
+        {"n=50", 10, cgiFormConstrained}, {"n=-3", 0, cgiFormConstrained}, {"n=5", 5, cgiFormSuccess},
+        {"n=10", 10, cgiFormSuccess},     {"n=x", 99, cgiFormBadType},      {"m=1", 99, cgiFormNotFound},
+    };
+    for (const Bounded &c : bounded) {
+        ASSERT_EQ(get(c.query), 0);
+        int value = 0;
+        EXPECT_EQ(cgiFormIntegerBounded("n", &value, 0, 10, 99), c.code) << c.query;
+        EXPECT_EQ(value, c.value) << c.query;
+        cgiFreeResources();
+    }
+
+    ASSERT_EQ(get("d=.5&e=-1e3x&f=e3"), 0);
+    double real = 0;
+    EXPECT_EQ(cgiFormDoubleBounded("d", &real, 1, 2, 0), cgiFormConstrained);
+    EXPECT_EQ(real, 1.0);
+    EXPECT_EQ(cgiFormDouble("e", &real, 1), cgiFormSuccess);
+    EXPECT_EQ(real, -1000);
+    EXPECT_EQ(cgiFormDouble("f", &real, 1.5), cgiFormBadType);
+    EXPECT_EQ(real, 1.5);
+}
+
+TEST_F(RequestForm, ChoicesAndMultipleValues) {
+    const char *const colours[] = {"red", "green", "blue"};
+    ASSERT_EQ(get("c=green&C=red&m=red&m=pink&m=blue&p=pink&v=1&v=2%0D%0Ax&e="), 0);
+
+    int index = -1;
+    EXPECT_EQ(cgiFormSelectSingle("c", colours, 3, &index, 9), cgiFormSuccess);
+    EXPECT_EQ(index, 1);
+    EXPECT_EQ(cgiFormRadio("p", colours, 3, &index, 9), cgiFormNoSuchChoice);
+    EXPECT_EQ(index, 9);
+    EXPECT_EQ(cgiFormSelectSingle("x", colours, 3, &index, 8), cgiFormNotFound);
+    EXPECT_EQ(index, 8);
+
+    int flags[3] = {7, 7, 7};
+    int invalid = -1;
+    EXPECT_EQ(cgiFormSelectMultiple("m", colours, 3, flags, &invalid), cgiFormSuccess);
+    EXPECT_EQ(std::vector<int>(flags, flags + 3), (std::vector<int>{1, 0, 1}));
+    EXPECT_EQ(invalid, 1);
+    EXPECT_EQ(cgiFormCheckboxMultiple("p", colours, 3, flags, &invalid), cgiFormNotFound);
+    EXPECT_EQ(std::vector<int>(flags, flags + 3), (std::vector<int>{0, 0, 0}));
+    EXPECT_EQ(invalid, 1);
+    EXPECT_EQ(cgiFormSelectMultiple("x", colours, 3, flags, &invalid), cgiFormNotFound);
+    EXPECT_EQ(invalid, 0);
+
+    int needed = 0;
+    EXPECT_EQ(cgiFormStringSpaceNeeded("c", &needed), cgiFormSuccess);
+    EXPECT_EQ(needed, 6);
+    EXPECT_EQ(cgiFormStringSpaceNeeded("x", &needed), cgiFormNotFound);
+    EXPECT_EQ(needed, 1);
+
+    auto strings = [](char **array) {
+        std::vector<std::string> out;
+        for (char **p = array; *p != nullptr; ++p) out.emplace_back(*p);
+        cgiStringArrayFree(array);
+        return out;
+    };
+    char **array = nullptr;
+    EXPECT_EQ(cgiFormStringMultiple("v", &array), cgiFormSuccess);
+    EXPECT_EQ(strings(array), (std::vector<std::string>{"1", "2\nx"}));
+    EXPECT_EQ(cgiFormStringMultiple("x", &array), cgiFormNotFound);
+    EXPECT_EQ(strings(array), std::vector<std::string>{});
+    EXPECT_EQ(cgiFormEntries(&array), cgiFormSuccess);
+    EXPECT_EQ(strings(array), (std::vector<std::string>{"c", "C", "m", "p", "v", "e"}));
+}
+
+TEST_F(RequestCookie, Lookup) {
+    struct Case {
+        const char *header;
+        const char *name;
+        int max;
+        const char *text;
+        cgiFormResultType code;
+    } cases[] = {
+        {"a=1; ab=2", "ab", 16, "2", cgiFormSuccess},
+        {"a=1; ab=2", "a", 16, "1", cgiFormSuccess},
+        {"a=1; ab=2", "b", 16, "", cgiFormNotFound},
+        {"ab=2", "a", 16, "", cgiFormNotFound},
+        {"x=1;y=2;z", "y", 16, "2", cgiFormSuccess},
+        {"x=1;  \t y=2", "y", 16, "2", cgiFormSuccess},
+        {"x; y=2", "x", 16, "", cgiFormNotFound},
+        {"x=", "x", 16, "", cgiFormSuccess},
+        {"x=a=b", "x", 16, "a=b", cgiFormSuccess},
+        {"s=abcdef", "s", 7, "abcdef", cgiFormSuccess},
+        {"s=abcdef", "s", 6, "abcde", cgiFormTruncated},
+        {"s=abcdef; t=1", "s", 2, "a", cgiFormTruncated},
+        {"", "s", 16, "", cgiFormNotFound},
+    };
+    for (const Case &c : cases) {
+        cgiCookie = c.header;
+        char out[16];
+        std::memset(out, '#', sizeof out);
+        EXPECT_EQ(cgiCookieString(c.name, out, c.max), c.code) << c.header << " / " << c.name;
+        EXPECT_STREQ(out, c.text) << c.header << " / " << c.name;
+    }
+
+    std::string long_value = "n=42; big=" + std::string(300, '1');
+    cgiCookie = long_value.c_str();
+    int value = 0;
+    EXPECT_EQ(cgiCookieInteger("n", &value, -1), cgiFormSuccess);
+    EXPECT_EQ(value, 42);
+    EXPECT_EQ(cgiCookieInteger("big", &value, -1), cgiFormTruncated);
+    EXPECT_EQ(value, -1);
+    EXPECT_EQ(cgiCookieInteger("none", &value, -2), cgiFormNotFound);
+    EXPECT_EQ(value, -2);
+}
+
+TEST_F(RequestCookie, HugeHeaderFromEnvironment) {
+    std::string header;
+    for (int i = 0; i < 50000; ++i) {
+        header += 'k';
+        header += std::to_string(i);
+        header.append("=vvvvvvvvvvvvvvvv; ");
+    }
+    header += "QM_home_ID=token";
+    setenv("HTTP_COOKIE", header.c_str(), 1);
+    ASSERT_EQ(cgiInitResources(nullptr), 0);
+
+    char out[128];
+    EXPECT_EQ(cgiCookieString("QM_home_ID", out, sizeof out), cgiFormSuccess);
+    EXPECT_STREQ(out, "token");
+    char **names = nullptr;
+    ASSERT_EQ(cgiCookies(&names), cgiFormSuccess);
+    int count = 0;
+    while (names[count] != nullptr) ++count;
+    EXPECT_EQ(count, 50001);
+    EXPECT_STREQ(names[count - 1], "QM_home_ID");
+    cgiStringArrayFree(names);
+
+    cgiCookie = " a=1;b; =x; c=2=3;d=";
+    ASSERT_EQ(cgiCookies(&names), cgiFormSuccess);
+    std::vector<std::string> listed;
+    for (char **p = names; *p != nullptr; ++p) listed.emplace_back(*p);
+    cgiStringArrayFree(names);
+    EXPECT_EQ(listed, (std::vector<std::string>{"a", "c", "d"}));
+}
+
+TEST_F(RequestHeader, ExactBytes) {
+    struct Case {
+        const char *desc;
+        int first_cookie;
+        std::function<void()> write;
+        std::string bytes;
+    } cases[] = {
+        {"content type", 1, [] { cgiHeaderContentType("text/html"); }, "Content-type: text/html\r\n\r\n"},
+        {"content type, no request yet", 0, [] { cgiHeaderContentType("text/xml"); },
+         "\r\nContent-type: text/xml\r\n\r\n"},
+        {"status", 1, [] { cgiHeaderStatus(404, "Not Found"); }, "Status: 404 Not Found\r\n\r\n"},
+        {"status, no request yet", 0, [] { cgiHeaderStatus(500, "Oops"); }, "\r\nStatus: 500 Oops\r\n\r\n"},
+        {"location", 1, [] { cgiHeaderLocation("/index.htm"); },
+         "Content-type: text/html\r\n\r\n<HTML>\n<script>\r\ndocument.location.replace(\"/index.htm\");\r\n"
+         "</script>\r\n</HTML>\n"},
+        {"location, no request yet", 0, [] { cgiHeaderLocation("/a"); },
+         "\r\nContent-type: text/html\r\n\r\n<HTML>\n<script>\r\ndocument.location.replace(\"/a\");\r\n"
+         "</script>\r\n</HTML>\n"},
+        {"cookie string", 0, [] { cgiHeaderCookieSetString("QM_x_ID", "tok", 600, "/", "gw.lan"); },
+         "Set-Cookie: QM_x_ID=tok; Domain=gw.lan; Max-Age=600; Path=/; \r\n"},
+        {"cookie integer", 1, [] { cgiHeaderCookieSetInteger("n", -7, 0, "/p", ""); },
+         "Set-Cookie: n=-7; Domain=; Max-Age=0; Path=/p; \r\n"},
+    };
+    int saved = firstCookie;
+    for (const Case &c : cases) {
+        firstCookie = c.first_cookie;
+        EXPECT_EQ(captured_output(c.write), c.bytes) << c.desc;
+    }
+    firstCookie = saved;
+}
+
+TEST_F(RequestFile, TempFilesAndUploadedParts) {
+    setenv("QUELM_ROOT", root_.c_str(), 1);
+    char path[CGIC_TEMP_NAME_SIZE];
+    EXPECT_EQ(getTempFileName(path, sizeof path), 2) << "no /var/tmp under the root";
+    std::filesystem::create_directories(root_ + "/var/tmp");
+    char small[20];
+    EXPECT_EQ(getTempFileName(small, sizeof small), 2) << "the mapped path cannot fit";
+    EXPECT_STREQ(small, "");
+
+    ASSERT_EQ(getTempFileName(path, sizeof path), 0);
+    std::string prefix = root_ + "/var/tmp/cgic";
+    ASSERT_EQ(std::string(path).rfind(prefix, 0), 0u) << path;
+    EXPECT_EQ(std::strlen(path), prefix.size() + 6);
+    struct stat st {};
+    ASSERT_EQ(stat(path, &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    std::ofstream(path, std::ios::binary) << "hello world";
+
+    // A file part as the multipart parser leaves it: no value, no content type.
+    auto *part = static_cast<cgiFormEntry *>(std::calloc(1, sizeof(cgiFormEntry)));
+    part->attr = strdup("up");
+    part->valueLength = 11;
+    part->fileName = strdup("photo.jpg");
+    part->tfileName = strdup(path);
+    ASSERT_EQ(get("t=1"), 0);
+    part->next = cgiFormEntryFirst;
+    cgiFormEntryFirst = part;
+
+    char text[CGIC_TEMP_NAME_SIZE];
+    EXPECT_EQ(cgiFormFileName("up", text, sizeof text), cgiFormSuccess);
+    EXPECT_STREQ(text, "photo.jpg");
+    EXPECT_EQ(cgiFormFileName("up", text, 4), cgiFormTruncated);
+    EXPECT_STREQ(text, "pho");
+    EXPECT_EQ(cgiFormFileContentType("up", text, sizeof text), cgiFormNoContentType);
+    EXPECT_EQ(cgiFormTmpFileName("up", text, sizeof text), cgiFormSuccess);
+    EXPECT_STREQ(text, path);
+    EXPECT_EQ(cgiFormString("up", text, sizeof text), cgiFormEmpty);
+    int size = -1;
+    EXPECT_EQ(cgiFormFileSize("up", &size), cgiFormSuccess);
+    EXPECT_EQ(size, 11);
+
+    cgiFilePtr file = nullptr;
+    ASSERT_EQ(cgiFormFileOpen("up", &file), cgiFormSuccess);
+    char chunk[8];
+    int got = 0;
+    EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormSuccess);
+    EXPECT_EQ(std::string(chunk, static_cast<std::size_t>(got)), "hello wo");
+    EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormSuccess);
+    EXPECT_EQ(std::string(chunk, static_cast<std::size_t>(got)), "rld");
+    EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormEmpty);
+    EXPECT_EQ(got, 0);
+    EXPECT_EQ(cgiFormFileClose(file), cgiFormSuccess);
+    EXPECT_EQ(cgiFormFileClose(nullptr), cgiFormOpenFailed);
+
+    // An urlencoded field is no file; a missing one is not found.
+    EXPECT_EQ(cgiFormFileSize("t", &size), cgiFormNotAFile);
+    EXPECT_EQ(size, 0);
+    EXPECT_EQ(cgiFormFileOpen("t", &file), cgiFormNotAFile);
+    EXPECT_EQ(file, nullptr);
+    EXPECT_EQ(cgiFormFileName("t", text, sizeof text), cgiFormNoFileName);
+    EXPECT_EQ(cgiFormFileName("x", text, sizeof text), cgiFormNotFound);
+    EXPECT_STREQ(text, "");
+
+    // The next request releases a list its predecessor left behind,
+    // temporary file included.
+    ASSERT_EQ(get("b=2"), 0);
+    EXPECT_EQ(form_fields(), (Fields{{"b", "2"}}));
+    EXPECT_NE(access(path, F_OK), 0) << "temporary file of the dropped list removed";
+}
+
+}  // namespace
