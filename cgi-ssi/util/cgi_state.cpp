@@ -1,0 +1,148 @@
+// The one-shot CGI error file, the configuration lock, the fixed error and
+// reboot pages, and the typed property helpers of qm_cgi_state.h.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <unistd.h>
+
+#include "cgi_output.h"
+#include "cgic.h"
+#include "qm_cgi_state.h"
+#include "qm_config.h"
+#include "qm_util.h"
+#include "quelm_root.h"
+#include "ssi_buffer.h"
+
+namespace {
+
+constexpr const char *kCgiErrorFile = "/var/tmp/cgierror";
+// Named in the error page when a failed lock cannot even parse the request.
+constexpr const char *kLockErrorName = "sharing.cgi";
+// Decimal int with sign and terminator.
+constexpr std::size_t kIntTextSize = 16;
+
+struct FileCloser {
+    void operator()(std::FILE *f) const noexcept { std::fclose(f); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+struct ValueFree {
+    void operator()(char *value) const noexcept { FreePropertyValue(value); }
+};
+// A value handed out by QM_DAT_getobjproperty.
+using PropertyValue = std::unique_ptr<char, ValueFree>;
+
+std::string cgierror_path() { return quelm::root_path(kCgiErrorFile); }
+
+}  // namespace
+
+extern "C" int set_cgierror(int code) {
+    const std::string path = cgierror_path();
+    if (code == 0) {
+        ::unlink(path.c_str());
+        return code;
+    }
+    // Nobody could report a failure to store the error, so it goes unnoticed.
+    File f(std::fopen(path.c_str(), "we"));
+    if (f) std::fprintf(f.get(), "%d", code);
+    return code;
+}
+
+extern "C" int get_cgierror(void) {
+    const std::string path = cgierror_path();
+    if (get_filevar(path.c_str(), Ssi, sizeof Ssi) != QM_VAR_OK) {
+        Ssi[0] = '0';
+        Ssi[1] = '\0';
+    } else {
+        // Shown once: the page that displays the error consumes it.
+        ::unlink(path.c_str());
+    }
+    return 0;
+}
+
+extern "C" int cgi_lock_config(void) {
+    const int code = QM_FILE_lock();
+    if (code == 0) return 0;
+    QM_err_set(code);
+    if (cgiInitResources(nullptr) == 0) {
+        set_cgierror(code);
+        getset_error_url();
+        branch_dest_url();
+        cgiFreeResources();
+    } else {
+        generic_error(kLockErrorName);
+    }
+    return code;
+}
+
+extern "C" int cgi_unlock_config(void) { return QM_FILE_unlock(); }
+
+extern "C" void generic_error(const char *text) {
+    cgi_out_printf("<HTML>\n");
+    cgi_out_printf("<HEAD>\n");
+    cgi_out_printf("<TITLE>Error</TITLE>\n");
+    cgi_out_printf("</HEAD>\n");
+    cgi_out_printf("<BODY>Internal Server Error %s</BODY>\n", text != nullptr ? text : "");
+    cgi_out_printf("</HTML>\n");
+}
+
+extern "C" void reboot_page(const char *host) {
+    const char *h = host != nullptr ? host : "";
+    cgiHeaderContentType("text/html");
+    cgi_out_printf("<HTML>\n");
+    cgi_out_printf("<HEAD>\n");
+    cgi_out_printf("<TITLE> Firmware update </TITLE>\n");
+    cgi_out_printf("</HEAD>\n");
+    cgi_out_printf("<BODY style=\"background:#FFFFFF;\">");
+    cgi_out_printf("<DIV style=\"background:#003A88; margin-top:20px; color:#FFFFFF;\">");
+    cgi_out_printf(" The firmware upgrade is complete.<BR>\n");
+    cgi_out_printf(" The modem is now rebooting.<BR>\n");
+    cgi_out_printf(" When the reboot is finished, please reload the web page by clicking here "
+                   "<a style=\"background:#FFFFFF; color:#003A88;\" href=\"http://%s/\">http://%s/</a><BR>\n",
+                   h, h);
+    cgi_out_printf("</DIV></BODY>\n");
+    cgi_out_printf("</HTML>\n");
+}
+
+extern "C" int get_shelldelay(void) {
+    int delay = 0;
+    cgiFormInteger("iDelay", &delay, 0);
+    return delay;
+}
+
+extern "C" void FreePropertyValue(char *value) {
+    if (value != nullptr) std::free(value);
+}
+
+extern "C" int GetPropertyStrValue(const char *object, const char *property, char *dest, size_t length) {
+    PropertyValue value(QM_DAT_getobjproperty(object, property));
+    if (value) {
+        // strncpy's contract, which callers rely on: zero padding, and no
+        // terminator when the value fills the destination.
+        const std::size_t n = ::strnlen(value.get(), length);
+        std::memcpy(dest, value.get(), n);
+        std::memset(dest + n, 0, length - n);
+    }
+    return QM_err_get();
+}
+
+extern "C" int SetPropertyStrValue(const char *object, const char *property, const char *value) {
+    return QM_DAT_setobjproperty(object, property, value, 0);
+}
+
+extern "C" int GetPropertyIntValue(const char *object, const char *property, int *out) {
+    *out = 0;
+    PropertyValue value(QM_DAT_getobjproperty(object, property));
+    if (value) std::sscanf(value.get(), "%d", out);
+    return QM_err_get();
+}
+
+extern "C" int SetPropertyIntValue(const char *object, const char *property, int value) {
+    char text[kIntTextSize];
+    std::snprintf(text, sizeof text, "%d", value);
+    return QM_DAT_setobjproperty(object, property, text, 0);
+}
