@@ -1,0 +1,218 @@
+#include "core/dispatch.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#define NO_FCGI_DEFINES
+#include <fcgi_stdio.h>
+
+#include "cgi_output.h"
+#include "cgic.h"
+#include "core/handlers.h"
+#include "libssi/ssi_symbols.h"
+#include "qm_config.h"
+#include "qm_session.h"
+#include "quelm_log.h"
+#include "quelm_root.h"
+#include "session/session_store.h"
+#include "session/token.h"
+
+namespace cgissi {
+namespace {
+
+struct BuiltinCgi {
+    char name[kBuiltinNameSize];
+    int (*handler)(int, char **);
+};
+
+// Searched in this order; the first row's name is what the page renderer
+// is started as.
+constexpr BuiltinCgi kBuiltins[kBuiltinCount] = {
+    {"ssi", ssi},
+    {"reboot.cgi", reboot_cgi},
+    {"firmupgd.cgi", firmware_user_cgi},
+    {"nas.cgi", nas_cgi},
+    {"generic.cgi", generic_cgi},
+    {"firmware.cgi", firmware_cgi},
+    {"login.cgi", login_cgi},
+    {"import.cgi", import_cgi},
+    {"export.cgi", export_cgi},
+    {"_info.xml", info_xml_cgi},
+};
+
+constexpr int kBuiltinSymbolCount = 4;
+constexpr std::string_view kSessionNameTemplate = "QM_%s_ID";
+constexpr const char *kSessionLimitFile = "/var/quelm/webiad.d/http_session_maxlimit";
+constexpr std::size_t kPathSize = 1024;
+
+// Identity under which the system log is reopened after a plugin call.
+char default_name[kBuiltinNameSize * 8] = "";
+
+std::string_view base_name(std::string_view path) {
+    std::size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+void copy_name(char *out, std::size_t size, std::string_view name) {
+    std::snprintf(out, size, "%.*s", static_cast<int>(name.size()), name.data());
+}
+
+bool session_extension(std::string_view ext) {
+    return ext == ".htm" || ext == ".html" || ext == ".xml" || ext == ".cgi" || ext == ".js";
+}
+
+// One decimal number; a missing, empty or unreadable file means no limit, a
+// file without a number keeps the previous request's limit.
+void read_session_limit() {
+    char path[kPathSize];
+    if (!quelm::root_path(kSessionLimitFile, path, sizeof path)) {
+        QM_SessionMaxLimit = 0;
+        return;
+    }
+    FCGI_FILE *file = FCGI_fopen(path, "r");
+    if (file == nullptr) {
+        QM_SessionMaxLimit = 0;
+        return;
+    }
+    int value = 0;
+    int matched = std::fscanf(FCGI_ToFILE(file), "%d", &value);
+    if (matched < 0) {
+        QM_SessionMaxLimit = 0;
+    } else if (matched == 1) {
+        QM_SessionMaxLimit = value;
+    }
+    FCGI_fclose(file);
+}
+
+// Builds the cookie name for the realm. A realm too long for the name keeps
+// the previous request's cookie name (kept on purpose: pages of a misconfigured
+// server keep working with the last good name).
+void set_session_name(const char *realm) {
+    if (kSessionNameTemplate.size() + std::strlen(realm) - 2 < QM_SESSION_NAME_SIZE) {
+        std::snprintf(QM_SessionName, sizeof QM_SessionName, "QM_%s_ID", realm);
+    } else {
+        QM_LOG_print("Warnig: sizeof realm '%s' set to HttpServer[%s] is too big, please change it !", realm,
+                     QM_HttpServerId);
+    }
+}
+
+// Attaches or creates the browser session and writes its cookie line.
+// Returns false when no session could be created (the request ends).
+bool attach_session() {
+    const char *cookie = std::getenv("HTTP_COOKIE");
+    cgiCookie = cookie != nullptr ? cookie : "";
+    cgiUserAgent = std::getenv("HTTP_USER_AGENT");
+    cgiRemoteAddr = std::getenv("REMOTE_ADDR");
+
+    char value[kCookieValueSize];
+    int result = cgiCookieString(QM_SessionName, value, sizeof value);
+    // A value cut to the buffer is no token of ours: a fresh session.
+    if (result == cgiFormTruncated) result = cgiFormNotFound;
+    if (result == cgiFormSuccess && QM_InitSession(value) == 0) result = cgiFormNotFound;
+    if (result == cgiFormNotFound && QM_CreateSession() == -1) return false;
+    // Byte-exact: pages and proxies in the field expect this spacing.
+    cgi_out_printf("Set-Cookie: %s=%s;  Path=%s; \r\n", QM_SessionName,
+                   QM_SessionToken != nullptr ? QM_SessionToken : "", "/");
+    return true;
+}
+
+}  // namespace
+
+int init_cgi(plugin_registry_handle *registry) {
+    QM_Cfg_Init(1);
+    QM_LOG_set(1);
+    return init_call_shared_plugin(registry);
+}
+
+}  // namespace cgissi
+
+using namespace cgissi;
+
+extern "C" int try_call_shared_plugin(const char *name, int argc, char **argv) {
+    int result = call_shared_genericplugin("plugin", name, argc, argv);
+    quelm::log::open(name);
+    if (result == -1) {
+        QM_LOG_print("CGI %s not found\n", name);
+    } else if (result != 0) {
+        QM_LOG_print("CGI external plugins error for function <%s> : %d", name, result);
+    }
+    quelm::log::close();
+    return result;
+}
+
+extern "C" int get_nbplugins(void) { return kBuiltinSymbolCount; }
+
+extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv) {
+    session::begin_request();
+    set_ssi_do_plugin(do_plugin);
+
+    char script_name[sizeof default_name];
+    copy_name(script_name, sizeof script_name, base_name(argc > 0 && argv[0] != nullptr ? argv[0] : ""));
+    copy_name(default_name, sizeof default_name, script_name);
+
+    const char *page_env = std::getenv("SCRIPT_FILENAME");
+    std::string_view page = page_env != nullptr ? page_env : "";
+    std::size_t dot = page.rfind('.');
+    if (dot == std::string_view::npos) return -1;
+    std::string_view ext = page.substr(dot);
+
+    if (ext == ".cgi") {
+        std::size_t slash = page.rfind('/');
+        if (slash == std::string_view::npos) {
+            QM_LOG_print("Mistmatch plugin_name: %.*s", static_cast<int>(page.size()), page.data());
+            return -1;
+        }
+        copy_name(script_name, sizeof script_name, page.substr(slash + 1));
+    }
+
+    quelm::log::open(script_name);
+
+    if (call_shared_plugin_no_session(registry, script_name) != 0) {
+        return try_call_shared_plugin(script_name, argc, argv);
+    }
+
+    bool want_session = srv_skip_session() == 0 && session_extension(ext);
+
+    if (QM_SessionRealm != nullptr) {
+        set_session_name(QM_SessionRealm);
+    } else {
+        QM_SessionRealm = "";
+        want_session = false;
+        QM_SessionName[0] = '\0';
+    }
+
+    read_session_limit();
+    QM_FlushSessions();
+
+    if (want_session && QM_GetHostSession() != 0) {
+        if (!attach_session()) return -1;
+    }
+
+    const BuiltinCgi *row = nullptr;
+    for (const BuiltinCgi &candidate : kBuiltins) {
+        if (std::strcmp(candidate.name, script_name) == 0) {
+            row = &candidate;
+            break;
+        }
+    }
+
+    if (row == nullptr) {
+        quelm::log::close();
+        int result = try_call_shared_plugin(script_name, argc, argv);
+        quelm::log::open(default_name);
+        remove_last_token_name();
+        QM_clean_session();
+        return result;
+    }
+
+    quelm::log::close();
+    quelm::log::open(script_name);
+    QM_LOG_set(1);
+    cgiSecureInit(row->name);
+    if (cgiSecurePostAllowed() == 0) {
+        cgiSecurePostAbort();
+        return 0;
+    }
+    return row->handler(argc, argv) != 0 ? -1 : 0;
+}

@@ -1,0 +1,17 @@
+// The built-in CGI handlers, each called with the request's (argc, argv)
+// after the session is attached; each parses the request itself and writes
+// its own headers and body. Zero means success.
+#pragma once
+
+extern "C" {
+int ssi(int argc, char **argv);
+int reboot_cgi(int argc, char **argv);
+int firmware_user_cgi(int argc, char **argv);
+int nas_cgi(int argc, char **argv);
+int generic_cgi(int argc, char **argv);
+int firmware_cgi(int argc, char **argv);
+int login_cgi(int argc, char **argv);
+int import_cgi(int argc, char **argv);
+int export_cgi(int argc, char **argv);
+int info_xml_cgi(int argc, char **argv);
+}

@@ -1,0 +1,27 @@
+// Process entry of the FastCGI responder. Started by the web server under
+// the name of the built-in CGI it serves; run with stdin not a socket, it
+// serves exactly one request as a plain CGI.
+#include <cstdlib>
+
+#define NO_FCGI_DEFINES
+#include <fcgi_stdio.h>
+
+#include "core/dispatch.h"
+#include "qm_config.h"
+#include "qm_session.h"
+#include "quelm_root.h"
+
+int main(int argc, char **argv) {
+    // The environment is replaced by each request's parameters from here on.
+    quelm::pin_process_environment();
+
+    plugin_registry_handle registry = nullptr;
+    cgissi::init_cgi(&registry);
+
+    while (FCGI_Accept() >= 0) {
+        QM_SessionRealm = std::getenv("QUELM_REALM");
+        main_CGI(&registry, argc, argv);
+    }
+    QM_Cfg_Free();
+    return 0;
+}

@@ -1,0 +1,56 @@
+#include "cgi_output.h"
+
+#include <cstdio>
+#include <memory>
+
+#define NO_FCGI_DEFINES
+#include <fcgi_stdio.h>
+
+namespace {
+
+// Most writes (headers, escaped values) fit here; longer ones get a heap
+// buffer of the exact size.
+constexpr std::size_t kStackFormat = 1024;
+
+}  // namespace
+
+extern "C" int cgi_out_write(const void *data, size_t len) {
+    if (len == 0) return 0;
+    size_t n = FCGI_fwrite(const_cast<void *>(data), 1, len, FCGI_stdout);
+    return n == len ? static_cast<int>(len) : -1;
+}
+
+extern "C" int cgi_out_vprintf(const char *format, va_list args) {
+    char small[kStackFormat];
+    va_list again;
+    va_copy(again, args);
+    int n = std::vsnprintf(small, sizeof small, format, args);
+    if (n < 0) {
+        va_end(again);
+        return -1;
+    }
+    int result;
+    if (static_cast<size_t>(n) < sizeof small) {
+        result = cgi_out_write(small, static_cast<size_t>(n));
+    } else {
+        std::unique_ptr<char[]> big(new (std::nothrow) char[static_cast<size_t>(n) + 1]);
+        if (!big) {
+            va_end(again);
+            return -1;
+        }
+        std::vsnprintf(big.get(), static_cast<size_t>(n) + 1, format, again);
+        result = cgi_out_write(big.get(), static_cast<size_t>(n));
+    }
+    va_end(again);
+    return result;
+}
+
+extern "C" int cgi_out_printf(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    int n = cgi_out_vprintf(format, args);
+    va_end(args);
+    return n;
+}
+
+extern "C" int cgi_out_flush(void) { return FCGI_fflush(FCGI_stdout); }

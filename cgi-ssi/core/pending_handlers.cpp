@@ -1,0 +1,34 @@
+// Built-in handlers whose features are not in this build yet. Each consumes
+// the request like a real handler would and answers that nothing was found,
+// so browsers and scripts get a clean HTTP answer instead of a broken one.
+// A handler is removed from this file when its feature lands.
+#include "cgi_output.h"
+#include "cgic.h"
+#include "core/handlers.h"
+
+namespace {
+
+int answer_not_found() {
+    if (cgiInitResources(nullptr) != 0) {
+        cgi_out_printf("Status: 500 Internal Server Error\r\n\r\n");
+        return 1;
+    }
+    cgi_out_printf("Status: 404 Not Found\r\n\r\n");
+    cgiFreeResources();
+    return 1;
+}
+
+}  // namespace
+
+extern "C" {
+int ssi(int, char **) { return answer_not_found(); }
+int reboot_cgi(int, char **) { return answer_not_found(); }
+int firmware_user_cgi(int, char **) { return answer_not_found(); }
+int nas_cgi(int, char **) { return answer_not_found(); }
+int generic_cgi(int, char **) { return answer_not_found(); }
+int firmware_cgi(int, char **) { return answer_not_found(); }
+int login_cgi(int, char **) { return answer_not_found(); }
+int import_cgi(int, char **) { return answer_not_found(); }
+int export_cgi(int, char **) { return answer_not_found(); }
+int info_xml_cgi(int, char **) { return answer_not_found(); }
+}

@@ -1,0 +1,103 @@
+"""A small FastCGI client and a responder runner for tests that need state
+across requests of one process (and the leak checker at its exit)."""
+
+import os
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+BEGIN_REQUEST, END_REQUEST, PARAMS, STDIN, STDOUT, STDERR = 1, 3, 4, 5, 6, 7
+RESPONDER = 1
+
+
+def _record(kind, payload, request_id=1):
+    chunks = []
+    for start in range(0, max(len(payload), 1), 65535):
+        part = payload[start:start + 65535]
+        chunks.append(struct.pack(">BBHHBB", 1, kind, request_id, len(part), 0, 0) + part)
+    return b"".join(chunks)
+
+
+def _length(n):
+    return bytes([n]) if n < 128 else struct.pack(">I", n | 0x80000000)
+
+
+def _params(params):
+    body = b""
+    for key, value in params.items():
+        k, v = key.encode(), str(value).encode()
+        body += _length(len(k)) + _length(len(v)) + k + v
+    return body
+
+
+def _read_exact(conn, n):
+    data = b""
+    while len(data) < n:
+        chunk = conn.recv(n - len(data))
+        if not chunk:
+            raise ConnectionError("connection closed")
+        data += chunk
+    return data
+
+
+def request(address, params, body=b"", timeout=30):
+    """Sends one request; returns (stdout bytes, stderr bytes)."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as conn:
+        conn.settimeout(timeout)
+        conn.connect(address)
+        out = _record(BEGIN_REQUEST, struct.pack(">HB5x", RESPONDER, 0))
+        encoded = _params(params)
+        if encoded:
+            out += _record(PARAMS, encoded)
+        out += struct.pack(">BBHHBB", 1, PARAMS, 1, 0, 0, 0)
+        if body:
+            out += _record(STDIN, body)
+        out += struct.pack(">BBHHBB", 1, STDIN, 1, 0, 0, 0)
+        conn.sendall(out)
+        stdout, stderr = b"", b""
+        while True:
+            _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", _read_exact(conn, 8))
+            content = _read_exact(conn, length + padding)[:length]
+            if kind == STDOUT:
+                stdout += content
+            elif kind == STDERR:
+                stderr += content
+            elif kind == END_REQUEST:
+                return stdout, stderr
+
+
+class Responder:
+    """cgi-ssi started as a FastCGI responder on a listening Unix socket."""
+
+    def __init__(self, binary, argv0, env, socket_path):
+        self.address = str(socket_path)
+        listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        listener.bind(self.address)
+        listener.listen(16)
+        self.proc = subprocess.Popen([argv0], executable=binary, stdin=listener.fileno(),
+                                     stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, env=env)
+        listener.close()
+
+    def request(self, params, body=b""):
+        return request(self.address, params, body)
+
+    def stop(self):
+        """Asks the responder to leave its accept loop; returns its stderr."""
+        self.proc.send_signal(signal.SIGUSR1)
+        # A wake-up connection makes a blocked accept return.
+        deadline = time.monotonic() + 10
+        while self.proc.poll() is None and time.monotonic() < deadline:
+            try:
+                with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as conn:
+                    conn.connect(self.address)
+            except OSError:
+                pass
+            time.sleep(0.1)
+        if self.proc.poll() is None:
+            self.proc.kill()
+        _, err = self.proc.communicate(timeout=30)
+        if os.path.exists(self.address):
+            os.unlink(self.address)
+        return err.decode(errors="replace")

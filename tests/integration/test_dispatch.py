@@ -1,0 +1,143 @@
+"""The request loop through the real executable: dispatch by name, request
+bodies at and around their limits, and the FastCGI path behind lighttpd."""
+
+import pytest
+
+from fcgi import Responder
+
+# Handlers of the built-in table answer 404 while their feature is not in
+# the build; an unknown name is answered by nobody (no output at all).
+BUILTIN_ANSWER = b"Status: 404 Not Found\r\n\r\n"
+BODY_LIMIT = 2_098_176
+
+
+def log_text(log_file):
+    return log_file.read_text() if log_file.exists() else ""
+
+
+@pytest.mark.parametrize("argv0, page, answered", [
+    ("ssi", "index.htm", True),                 # row 1 by process name
+    ("ssi", "page.HTM", True),                  # upper case: no session, still dispatched
+    ("anything", "dir/generic.cgi", True),      # ".cgi" dispatches by script file name
+    ("anything", "dir/_info.xml", False),       # not ".cgi": process name decides
+    ("_info.xml", "_info.xml", True),
+    ("ssi", "dir/nosuch.cgi", False),           # no built-in, no plugin
+])
+def test_dispatch_by_name(cgi, argv0, page, answered):
+    answer = cgi(page=page, argv0=argv0)
+    assert answer.returncode == 0
+    assert answer.raw == (BUILTIN_ANSWER if answered else b"")
+
+
+def test_unknown_cgi_is_logged(cgi, log_file):
+    assert cgi(page="dir/nosuch.cgi").raw == b""
+    assert "CGI nosuch.cgi not found" in log_text(log_file)
+
+
+@pytest.mark.parametrize("script, answered", [
+    ("/www/noextension", False),
+    ("", False),
+    (None, False),
+    ("/www.d/noext", True),  # the extension is whatever follows the last "."
+])
+def test_page_without_extension_writes_nothing(cgi, script, answered):
+    answer = cgi(page=None, extra={} if script is None else {"SCRIPT_FILENAME": script})
+    assert answer.raw == (BUILTIN_ANSWER if answered else b"") and answer.returncode == 0
+
+
+def test_cgi_name_without_slash_is_refused(cgi, log_file):
+    answer = cgi(page="login.cgi", extra={"SCRIPT_FILENAME": "login.cgi"})
+    assert answer.raw == b""
+    assert "Mistmatch plugin_name: login.cgi" in log_text(log_file)
+
+
+@pytest.mark.parametrize("length, warned", [(249, False), (250, True)])
+def test_realm_length_boundary(cgi, log_file, length, warned):
+    answer = cgi(realm="r" * length)
+    assert answer.raw == BUILTIN_ANSWER
+    assert ("Warnig: sizeof realm" in log_text(log_file)) == warned
+
+
+def test_no_realm_still_dispatches(cgi):
+    assert cgi(realm=None).raw == BUILTIN_ANSWER
+
+
+FORM = "application/x-www-form-urlencoded"
+
+
+@pytest.mark.parametrize("size, refused", [(BODY_LIMIT - 1, False), (BODY_LIMIT, True)])
+def test_body_size_limit(cgi, size, refused):
+    body = b"a=" + b"x" * (size - 2)
+    answer = cgi(page="generic.cgi", method="POST", body=body, content_type=FORM)
+    assert answer.raw == (b"Status: 500 Internal Server Error\r\n\r\n" if refused else BUILTIN_ANSWER)
+
+
+@pytest.mark.parametrize("length, body", [
+    ("-1", b"a=1"),                    # negative: refused, nothing read
+    ("99999999999999999999", b"a=1"),  # overflow: refused
+    ("-2147483648", b""),
+    ("100", b"a=1"),                   # short body
+])
+def test_bad_content_length_is_refused(cgi, length, body):
+    answer = cgi(page="generic.cgi", method="POST", body=body, content_type=FORM, content_length=length)
+    assert answer.raw == b"Status: 500 Internal Server Error\r\n\r\n"
+
+
+@pytest.mark.parametrize("length", ["abc", ""])
+def test_non_numeric_content_length_is_empty_body(cgi, length):
+    answer = cgi(page="generic.cgi", method="POST", body=b"a=1", content_type=FORM, content_length=length)
+    assert answer.raw == BUILTIN_ANSWER
+
+
+@pytest.mark.parametrize("query", ["a=%", "a=%4", "%zz=%zz&b", "=&&=%%%", "a=" + "%41" * 5000])
+def test_broken_escapes_are_harmless(cgi, query):
+    assert cgi(page="generic.cgi", query=query).raw == BUILTIN_ANSWER
+
+
+def test_huge_cookie_header(cgi):
+    # Just under the kernel's limit for one environment string.
+    cookie = "; ".join(f"c{i}={'v' * 100}" for i in range(1100)) + "; QM_web_ID=" + "t" * 4000
+    assert cgi(extra={"HTTP_COOKIE": cookie}).raw == BUILTIN_ANSWER
+
+
+def test_session_limit_file_forms(cgi, root):
+    limit = root / "var/quelm/webiad.d/http_session_maxlimit"
+    for content in ["3\n", "abc", "", "-5"]:
+        limit.write_text(content)
+        assert cgi().raw == BUILTIN_ANSWER
+
+
+def test_through_lighttpd(lighttpd):
+    (lighttpd.docroot / "style.css").write_text("body{}\n")
+    status, _, body = lighttpd.get("/style.css")
+    assert (status, body) == (200, b"body{}\n")
+    assert lighttpd.get("/index.htm")[0] == 404
+    assert lighttpd.get("/generic.cgi?read=Device_Hostname")[0] == 404
+    assert lighttpd.get("/_info.xml")[0] == 404
+    status, _, _ = lighttpd.get("/login.cgi", data=b"a=" + b"x" * (BODY_LIMIT - 2),
+                                headers={"Content-Type": FORM})
+    assert status == 500
+    # The same process goes on serving after a refused body.
+    assert lighttpd.get("/generic.cgi")[0] == 404
+
+
+def test_many_fastcgi_requests_leak_nothing(bin_dir, env, tmp_path):
+    responder = Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock")
+    try:
+        for i in range(300):
+            params = {
+                "SCRIPT_FILENAME": "/www/generic.cgi" if i % 2 else "/www/index.htm",
+                "REQUEST_METHOD": "POST" if i % 3 == 0 else "GET",
+                "QUERY_STRING": f"read=Device_Hostname&i={i}",
+                "CONTENT_TYPE": FORM,
+                "CONTENT_LENGTH": "11" if i % 3 == 0 else "0",
+                "QUELM_REALM": "web",
+                "HTTP_COOKIE": f"QM_web_ID=abc{i}; other=1",
+            }
+            out, _ = responder.request(params, b"a=1&b=2&c=3" if i % 3 == 0 else b"")
+            assert out == BUILTIN_ANSWER
+    finally:
+        err = responder.stop()
+    for mark in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"):
+        assert mark not in err, err
+    assert responder.proc.returncode == 0

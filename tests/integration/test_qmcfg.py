@@ -1,0 +1,164 @@
+"""qmcfg, the shell tool of the host platform, run for real against a
+freshly initialised gateway root."""
+
+import fcntl
+import subprocess
+
+import pytest
+
+
+def dump(qmcfg, *prefix):
+    return qmcfg("dump", *prefix).stdout
+
+
+def test_init_creates_the_root_and_keeps_values(qmcfg, root):
+    for path in ("var/quelm/config", "var/quelm/session", "var/quelm/webiad.d", "var/quelm/platform",
+                 "var/quelm/wifi.d", "var/tmp", "etc/quelm/init.d", "var/mnt", "lib"):
+        assert (root / path).is_dir(), path
+    for path in ("etc/quelm/config.default/schema.xml", "etc/quelm/config.default/factory.conf",
+                 "var/quelm/config/config.db"):
+        assert (root / path).is_file(), path
+    assert (root / "var/quelm/config/config.db").stat().st_mode & 0o077 == 0  # holds passwords
+
+    qmcfg("set", "Device", "Hostname", "kept")
+    qmcfg("create", "User_1001")
+    qmcfg("init")
+    assert qmcfg("get", "Device", "Hostname").stdout == "kept\n"
+    assert qmcfg("count", "User").stdout == "1,2,3,1001\n"
+
+
+def test_dump_prints_one_object_in_schema_order(qmcfg):
+    assert dump(qmcfg, "Services_IADConfigurator") == (
+        "Services_IADConfigurator_Enable=1\n"
+        "Services_IADConfigurator_CurrentLanguage=en\n"
+        "Services_IADConfigurator_Languages=en,fr\n"
+        "Services_IADConfigurator_SessionDelay=1200\n"
+        "Services_IADConfigurator_MaxTry=3\n"
+        "Services_IADConfigurator_TryDelay=60\n"
+        "Services_IADConfigurator_NumberTry=0\n"
+        "Services_IADConfigurator_TimeBlock=0\n")
+    qmcfg("create", "User_10")
+    assert [line for line in dump(qmcfg, "User_1").splitlines() if not line.startswith("User_1_")] == []
+    assert dump(qmcfg, "Storage_Item") == ""
+
+
+@pytest.mark.parametrize("name, code", [
+    ("Device", "31"),
+    ("User", "33"),
+    ("HttpServer", "32"),
+    ("User_2", "31"),
+    ("User_2_Password", "28"),
+    ("WLANInterface_1_Config_WPADefaultKey", "14"),
+    ("Services_IADConfigurator_SessionDelay", "3"),
+    ("Services_TR069_UpgdManaged", "2"),
+    ("HttpServer_1_UseSession", "4"),
+    ("LANDevice_1_IPInterface_1_SubnetMask", "5"),
+    ("Storage_Item_7_Status_State", "1"),
+])
+def test_type_gives_the_schema_code(qmcfg, name, code):
+    assert qmcfg("type", name).stdout == code + "\n"
+
+
+def test_set_saves_unless_told_not_to(qmcfg):
+    qmcfg("set", "Services_IADConfigurator", "SessionDelay", "600")
+    qmcfg("revert")
+    assert qmcfg("get", "Services_IADConfigurator", "SessionDelay").stdout == "600\n"
+
+    qmcfg("-n", "set", "Services_IADConfigurator", "SessionDelay", "900")
+    qmcfg("-n", "create", "User_5")
+    assert qmcfg("get", "Services_IADConfigurator", "SessionDelay").stdout == "900\n"
+    qmcfg("revert")
+    assert qmcfg("get", "Services_IADConfigurator", "SessionDelay").stdout == "600\n"
+    assert qmcfg("count", "User").stdout == "1,2,3\n"
+
+    qmcfg("-n", "delete", "User_2")
+    qmcfg("commit")
+    qmcfg("revert")
+    assert qmcfg("count", "User").stdout == "1,3\n"
+
+
+@pytest.mark.parametrize("args, status, message", [
+    ((), 2, "usage"),
+    (("bogus",), 2, "unknown command"),
+    (("get", "Device"), 2, "usage"),
+    (("set", "Device", "Hostname"), 2, "usage"),
+    (("reset", "Device", "2"), 2, "usage"),
+    (("-n",), 2, "usage"),
+    (("get", "Device", "Nope"), 1, "unknown name"),
+    (("get", "User_9", "Username"), 1, "nothing stored"),
+    (("set", "Services_IADConfigurator", "SessionDelay", "abc"), 1, "does not fit"),
+    (("set", "User_1", "Enable", "2"), 1, "does not fit"),
+    (("set", "Device", "Name", "two\nlines"), 1, "does not fit"),
+    (("create", "User_1"), 1, "already exists"),
+    (("create", "HttpServer_9"), 1, "Arrays change at their end"),
+    (("delete", "User_9"), 1, "nothing stored"),
+    (("delete", "Device"), 1, "not an instance"),
+    (("count", "Device"), 1, "unknown name"),
+    (("type", "User_0"), 1, "unknown name"),
+    (("dump", "Nope"), 1, "unknown name"),
+    (("load", "/nonexistent/file"), 1, "cannot read"),
+])
+def test_bad_input_fails_clearly_and_changes_nothing(qmcfg, args, status, message):
+    before = dump(qmcfg)
+    done = qmcfg(*args, check=False)
+    assert done.returncode == status
+    assert message in done.stderr
+    assert done.stdout == ""
+    assert dump(qmcfg) == before
+
+
+def test_dump_and_load_round_trip(qmcfg, tmp_path):
+    qmcfg("load", "-", input="User_20_Username=bob\nUser_20_Enable=1\nStorage_Item_1_Status_State=ConnectedMounted\n")
+    saved = dump(qmcfg)
+    assert "User_20_Username=bob\n" in saved
+    assert qmcfg("count", "Storage_Item").stdout == "1\n"
+
+    qmcfg("factory")
+    assert qmcfg("count", "User").stdout == "1,2,3\n"
+    (tmp_path / "saved.conf").write_text(saved)
+    qmcfg("load", tmp_path / "saved.conf")
+    assert dump(qmcfg) == saved
+
+
+def test_load_is_all_or_nothing(qmcfg, tmp_path):
+    before = dump(qmcfg)
+    (tmp_path / "bad.conf").write_text("Device_Hostname=changed\nUser_30_Username=x\nUser_30_Enable=maybe\n")
+    done = qmcfg("load", tmp_path / "bad.conf", check=False)
+    assert done.returncode == 1
+    assert "line 3" in done.stderr
+    assert dump(qmcfg) == before
+
+
+def test_factory_restores_defaults_and_is_recorded(qmcfg, root):
+    qmcfg("set", "User_1", "Password", "secret")
+    qmcfg("delete", "PortMapping_2")
+    qmcfg("factory")
+    assert qmcfg("get", "User_1", "Password").stdout == "admin\n"
+    assert qmcfg("count", "PortMapping").stdout == "1,2\n"
+    qmcfg("revert")
+    assert qmcfg("get", "User_1", "Password").stdout == "admin\n"
+    events = (root / "var/quelm/platform/events.log").read_text().splitlines()
+    assert [line.split(" ", 1)[1] for line in events] == ["factory 2"]
+
+
+def test_changes_wait_for_the_configuration_lock(qmcfg, root, env):
+    env["QUELM_LOCK_WAIT_MS"] = "100"
+    with open(root / "var/quelm/config/config.lock", "a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        done = qmcfg("set", "Device", "Hostname", "blocked", check=False)
+        assert done.returncode == 1
+        assert "locked by another process" in done.stderr
+        assert qmcfg("get", "Device", "Hostname").stdout == "gateway\n"  # reads need no lock
+        fcntl.flock(lock, fcntl.LOCK_UN)
+    qmcfg("set", "Device", "Hostname", "free")
+    assert qmcfg("get", "Device", "Hostname").stdout == "free\n"
+
+
+def test_uninitialised_root_is_reported(bin_dir, env, tmp_path):
+    empty = tmp_path / "empty"
+    empty.mkdir()
+    done = subprocess.run([bin_dir / "qmcfg", "get", "Device", "Hostname"], env=dict(env, QUELM_ROOT=str(empty)),
+                          capture_output=True, text=True)
+    assert done.returncode == 1
+    assert "qmcfg init" in done.stderr
+    assert not (empty / "var").exists()

@@ -1,0 +1,695 @@
+// Host platform: the configuration library (names, storage, commit/revert,
+// factory, lock, life cycle) and the web-auth library, each test in its own
+// freshly initialised gateway root.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform.h"
+#include "qm_config.h"
+#include "qm_webauth.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct FreeDeleter {
+    void operator()(char *p) const { std::free(p); }
+};
+using Text = std::unique_ptr<char, FreeDeleter>;
+
+std::string value_of(const char *object, const char *property) {
+    Text v(QM_DAT_getobjproperty(object, property));
+    return v ? std::string(v.get()) : std::string("(null)");
+}
+
+std::string count_of(const char *object) {
+    Text v(QM_DAT_getobjcount(object));
+    return v ? std::string(v.get()) : std::string("(null)");
+}
+
+std::vector<std::string> record_names(const char *object) {
+    QM_DAT_record *records = QM_DAT_getobjdata(object, 0);
+    std::vector<std::string> names;
+    for (QM_DAT_record *r = records; r != nullptr; r = r->next) names.push_back(r->name);
+    QM_DAT_freedata(&records);
+    EXPECT_EQ(records, nullptr);
+    return names;
+}
+
+std::string read_text(const fs::path &path) {
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+// Saves an environment variable and puts it back when the scope ends.
+class EnvVar {
+public:
+    EnvVar(const char *name, const std::string &value) : name_(name) {
+        const char *old = std::getenv(name);
+        had_ = old != nullptr;
+        if (had_) old_ = old;
+        setenv(name, value.c_str(), 1);
+    }
+    ~EnvVar() {
+        if (had_)
+            setenv(name_, old_.c_str(), 1);
+        else
+            unsetenv(name_);
+    }
+
+private:
+    const char *name_;
+    bool had_ = false;
+    std::string old_;
+};
+
+class PlatformTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/platform_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        root_ = dir;
+        root_env_ = std::make_unique<EnvVar>("QUELM_ROOT", root_.string());
+        log_env_ = std::make_unique<EnvVar>("QUELM_LOG_FILE", (root_ / "test.log").string());
+        wait_env_ = std::make_unique<EnvVar>("QUELM_LOCK_WAIT_MS", "200");
+        std::string message;
+        ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
+        ASSERT_EQ(QM_Cfg_Init(1), 0);
+        QM_err_set(0);
+    }
+
+    void TearDown() override {
+        QM_LOG_set(0);
+        QM_Cfg_Free();
+        wait_env_.reset();
+        log_env_.reset();
+        root_env_.reset();
+        fs::remove_all(root_);
+    }
+
+    fs::path root_;
+    std::unique_ptr<EnvVar> root_env_, log_env_, wait_env_;
+};
+
+// A child process that takes the configuration lock, reports it on a pipe
+// and keeps it until told to let go (or killed).
+class LockHolder {
+public:
+    LockHolder() {
+        int up[2], down[2];
+        if (pipe(up) != 0 || pipe(down) != 0) return;
+        pid_ = fork();
+        if (pid_ == 0) {
+            char result = QM_FILE_lock() == 0 ? 'L' : 'F';
+            if (write(up[1], &result, 1) != 1) _exit(2);
+            char go;
+            if (read(down[0], &go, 1) < 0) _exit(2);
+            _exit(0);  // exit releases the lock
+        }
+        close(up[1]);
+        close(down[0]);
+        from_child_ = up[0];
+        to_child_ = down[1];
+        char result = 0;
+        locked_ = read(from_child_, &result, 1) == 1 && result == 'L';
+    }
+    ~LockHolder() { release(); }
+    bool locked() const { return locked_; }
+    void release() {
+        if (pid_ <= 0) return;
+        char go = 'x';
+        if (write(to_child_, &go, 1) != 1) kill(pid_, SIGKILL);
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        close(to_child_);
+        close(from_child_);
+        pid_ = -1;
+    }
+
+private:
+    pid_t pid_ = -1;
+    int from_child_ = -1, to_child_ = -1;
+    bool locked_ = false;
+};
+
+TEST_F(PlatformTest, NamesMapToSchemaPathsAndTypes) {
+    struct Case {
+        const char *name;
+        const char *xml_path;  // null: unknown name
+        int type;
+    } cases[] = {
+        {"Device", "Device", QM_TYPE_NODE},
+        {"Device_Hostname", "Device.Hostname", QM_TYPE_STRING},
+        {"Services_IADConfigurator", "Services.IADConfigurator", QM_TYPE_NODE},
+        {"Services_IADConfigurator_SessionDelay", "Services.IADConfigurator.SessionDelay", QM_TYPE_UINT},
+        {"User", "User", QM_TYPE_LIST},
+        {"User_3", "User.{i}", QM_TYPE_NODE},
+        {"User_10_Password", "User.{i}.Password", QM_TYPE_SECRET},
+        {"User_99999999_Enable", "User.{i}.Enable", QM_TYPE_BOOL},
+        {"HttpServer", "HttpServer", QM_TYPE_ARRAY},
+        {"LANDevice_1_IPInterface_1_IPAddress", "LANDevice.{i}.IPInterface.{i}.IPAddress", QM_TYPE_IPV4},
+        {"WLANInterface_1_Config_WEPKey1", "WLANInterface.{i}.Config.WEPKey1", QM_TYPE_SECRET_ENCRYPTED},
+        {"DOCSIS_Management_Interfaces_4_Speed", "DOCSIS.Management.Interfaces.{i}.Speed", QM_TYPE_UINT},
+        {"WANConnectionDevice_2_Service_7_RemotePort", "WANConnectionDevice.{i}.Service.{i}.RemotePort",
+         QM_TYPE_STRING},
+        {"", nullptr, 0},
+        {"Nope", nullptr, 0},
+        {"User_0", nullptr, 0},          // instances start at 1
+        {"User_03", nullptr, 0},         // one spelling per instance
+        {"User_100000000", nullptr, 0},  // above the largest instance number
+        {"User_x", nullptr, 0},
+        {"User_Username", nullptr, 0},  // a List member needs its instance
+        {"User_3_", nullptr, 0},
+        {"Device_", nullptr, 0},
+        {"Device__Hostname", nullptr, 0},
+        {"Device_Hostname_More", nullptr, 0},
+        {"Device_1", nullptr, 0},  // no instances below a node
+        {"DeviceX", nullptr, 0},
+        {"User_Count", nullptr, 0},  // pseudo-properties belong to the back end
+    };
+    for (const Case &c : cases) {
+        Text path(QM_DAT_objname2xmlpath(c.name));
+        if (c.xml_path == nullptr) {
+            EXPECT_EQ(path, nullptr) << c.name;
+            EXPECT_EQ(QM_err_get(), QM_ERR_UNKNOWN_OBJECT) << c.name;
+            continue;
+        }
+        ASSERT_NE(path, nullptr) << c.name;
+        EXPECT_STREQ(path.get(), c.xml_path);
+        int32_t type = -1;
+        EXPECT_EQ(QM_XML_gettype(path.get(), &type), 0) << c.xml_path;
+        EXPECT_EQ(type, c.type) << c.xml_path;
+    }
+    for (const char *bad : {"", "{i}", "User.Username", "User.{i}.{i}", "Device.{i}", "Device.Hostname.X", "Device."}) {
+        int32_t type = -1;
+        EXPECT_EQ(QM_XML_gettype(bad, &type), QM_ERR_UNKNOWN_OBJECT) << bad;
+        EXPECT_EQ(type, -1) << bad;
+    }
+    EXPECT_NE(QM_XML_gettype(nullptr, nullptr), 0);
+}
+
+// Replaces the installed schema and reopens the library on it.
+int reopen_with_schema(const fs::path &root, const std::string &body) {
+    QM_Cfg_Free();
+    std::ofstream(root / "etc/quelm/config.default/schema.xml")
+        << "<?xml version=\"1.0\"?>\n<schema>" << body << "</schema>\n";
+    return QM_Cfg_Init(1);
+}
+
+TEST_F(PlatformTest, ComponentNamesMayHoldUnderscores) {
+    ASSERT_EQ(reopen_with_schema(root_, R"(
+        <object name="Services" type="31"><param name="Name" type="1"/></object>
+        <object name="Services_IAD" type="31"><param name="Delay" type="3" default="5"/></object>
+        <object name="A_B" type="33"><param name="C" type="1"/><param name="C_D" type="2"/></object>)"),
+              0);
+    struct Case {
+        const char *name, *xml_path;
+    } cases[] = {
+        {"Services_Name", "Services.Name"},
+        {"Services_IAD", "Services_IAD"},  // the longer component wins
+        {"Services_IAD_Delay", "Services_IAD.Delay"},
+        {"A_B_2", "A_B.{i}"},
+        {"A_B_2_C", "A_B.{i}.C"},
+        {"A_B_2_C_D", "A_B.{i}.C_D"},
+        {"A_B_2_C_E", nullptr},
+        {"A_2", nullptr},
+        {"Services_IAD_Name", nullptr},
+    };
+    for (const Case &c : cases) {
+        Text path(QM_DAT_objname2xmlpath(c.name));
+        if (c.xml_path == nullptr) {
+            EXPECT_EQ(path, nullptr) << c.name;
+        } else {
+            ASSERT_NE(path, nullptr) << c.name;
+            EXPECT_STREQ(path.get(), c.xml_path);
+        }
+    }
+    int32_t type = 0;
+    EXPECT_EQ(QM_XML_gettype("A_B.{i}.C_D", &type), 0);
+    EXPECT_EQ(type, QM_TYPE_INT);
+}
+
+TEST_F(PlatformTest, MalformedSchemaIsRefused) {
+    const char *bodies[] = {
+        R"(<object name="A" type="31"/><object name="A" type="31"/>)",  // duplicate
+        R"(<object name="A" type="1"/>)",                               // object with a leaf type
+        R"(<param name="A" type="31"/>)",                               // param with an object type
+        R"(<param name="A" type="3" default="-1"/>)",                   // default does not fit
+        R"(<param name="A" type="3" min="5"/>)",                        // implicit 0 below min
+        R"(<param name="A" type="1" min="5"/>)",                        // bound on a text
+        R"(<param name="A" type="2" maxlen="5"/>)",                     // maxlen on a number
+        R"(<object name="A" type="33" count="2"/>)",                    // count on a List
+        R"(<object name="A" type="32" count="65"/>)",                   // count above the limit
+        R"(<object type="31"/>)",                                       // no name
+        R"(<object name="1A" type="31"/>)",
+        R"(<object name="A_" type="31"/>)",
+        R"(<object name="A" type="x"/>)",
+        R"(<thing name="A" type="31"/>)",
+        R"(<param name="A" type="1"><param name="B" type="1"/></param>)",
+        R"(<object name="A" type="31">)",  // not well-formed
+    };
+    for (const char *body : bodies) {
+        EXPECT_EQ(reopen_with_schema(root_, body), QM_ERR_STORAGE) << body;
+        EXPECT_EQ(QM_DAT_objname2xmlpath("A"), nullptr) << body;
+        EXPECT_EQ(QM_err_get(), QM_ERR_STORAGE) << body;
+    }
+}
+
+TEST_F(PlatformTest, RecordsOfAnInstanceLeaveOutLongerNumbers) {
+    ASSERT_EQ(QM_DAT_createobject("User_10", 0), 0);
+    ASSERT_EQ(QM_DAT_createobject("User_11", 0), 0);
+    std::vector<std::string> one = record_names("User_1");
+    EXPECT_EQ(one, (std::vector<std::string>{"User_1_Enable", "User_1_User", "User_1_Username", "User_1_Password",
+                                             "User_1_Services"}));
+
+    // The whole list: schema order inside each instance, instances in
+    // numeric (not text) order.
+    std::vector<std::string> all = record_names("User");
+    ASSERT_EQ(all.size(), 25u);
+    std::vector<std::string> instance_order;
+    for (std::size_t i = 0; i < all.size(); i += 5) instance_order.push_back(all[i]);
+    EXPECT_EQ(instance_order, (std::vector<std::string>{"User_1_Enable", "User_2_Enable", "User_3_Enable",
+                                                        "User_10_Enable", "User_11_Enable"}));
+
+    QM_DAT_record *records = QM_DAT_getobjdata("User_1_Password", 0);
+    ASSERT_NE(records, nullptr);
+    EXPECT_STREQ(records->value, "admin");
+    EXPECT_EQ(records->type, QM_TYPE_SECRET);
+    EXPECT_EQ(records->next, nullptr);
+    QM_DAT_freedata(&records);
+
+    EXPECT_EQ(QM_DAT_getobjdata("User_4", 0), nullptr);
+    EXPECT_EQ(QM_err_get(), QM_ERR_NOTHING);
+    EXPECT_EQ(QM_DAT_getobjdata("Storage_Item", 0), nullptr);
+    EXPECT_EQ(QM_DAT_getobjdata("Nope", 0), nullptr);
+    EXPECT_EQ(QM_err_get(), QM_ERR_UNKNOWN_OBJECT);
+}
+
+TEST_F(PlatformTest, WhereClausesSelectInstances) {
+    struct Case {
+        const char *query;
+        std::vector<std::string> first_of_each;  // empty: null expected
+    } cases[] = {
+        {"User_*", {"User_1_Enable", "User_2_Enable", "User_3_Enable"}},
+        {"User_*[Enable=1]", {"User_1_Enable", "User_3_Enable"}},
+        {"User_*[Enable=1][User=1][Services?=web_web_admin]", {"User_1_Enable"}},
+        {"User_*[Services?=web_web]", {"User_1_Enable", "User_2_Enable"}},
+        {"User_*[Services?=web_we]", {}},  // items, not substrings
+        {"User_*[User!=1]", {"User_3_Enable"}},
+        {"User_*[User<1]", {"User_3_Enable"}},
+        {"User_*[Username>=x]", {"User_1_Enable", "User_2_Enable", "User_3_Enable"}},  // "x" counts 0
+        {"User_*[Missing=1]", {}},
+        {"User_*[Enable~1]", {}},
+        {"User_*[Enable=1", {}},
+        {"User_*x", {}},
+        {"Device_*", {}},
+    };
+    for (const Case &c : cases) {
+        std::vector<std::string> names = record_names(c.query);
+        std::vector<std::string> firsts;
+        for (std::size_t i = 0; i < names.size(); i += 5) firsts.push_back(names[i]);
+        EXPECT_EQ(firsts, c.first_of_each) << c.query;
+    }
+}
+
+TEST_F(PlatformTest, CountsFollowCreateAndDelete) {
+    EXPECT_EQ(count_of("User"), "1,2,3");
+    EXPECT_EQ(count_of("Storage_Item"), "");
+    EXPECT_EQ(count_of("HttpServer"), "3");
+    EXPECT_EQ(count_of("Device"), "(null)");
+    EXPECT_EQ(count_of("User_1"), "(null)");
+
+    struct Step {
+        int (*op)(const char *, int);
+        const char *name;
+        int result;
+        const char *count_of;
+        const char *count;
+    } steps[] = {
+        {QM_DAT_createobject, "User_1001", 0, "User", "1,2,3,1001"},
+        {QM_DAT_createobject, "User_1001", QM_ERR_EXISTS, "User", "1,2,3,1001"},
+        {QM_DAT_deleteobject, "User_2", 0, "User", "1,3,1001"},
+        {QM_DAT_deleteobject, "User_2", QM_ERR_NOTHING, "User", "1,3,1001"},
+        {QM_DAT_deleteobject, "User", QM_ERR_NOT_INSTANCE, "User", "1,3,1001"},
+        {QM_DAT_createobject, "Device", QM_ERR_NOT_INSTANCE, "User", "1,3,1001"},
+        {QM_DAT_createobject, "Nope_1", QM_ERR_UNKNOWN_OBJECT, "User", "1,3,1001"},
+        // Arrays keep 1..count: they change at their end only.
+        {QM_DAT_createobject, "LANEthernetInterface_6", QM_ERR_NOT_INSTANCE, "LANEthernetInterface", "4"},
+        {QM_DAT_createobject, "LANEthernetInterface_5", 0, "LANEthernetInterface", "5"},
+        {QM_DAT_deleteobject, "LANEthernetInterface_3", QM_ERR_NOT_INSTANCE, "LANEthernetInterface", "5"},
+        {QM_DAT_deleteobject, "LANEthernetInterface_5", 0, "LANEthernetInterface", "4"},
+        // Nested lists need their parent instance.
+        {QM_DAT_createobject, "WANConnectionDevice_2_Service_1", QM_ERR_NOTHING, "WANConnectionDevice_1_Service",
+         "1,2"},
+        {QM_DAT_createobject, "WANConnectionDevice_1_Service_4", 0, "WANConnectionDevice_1_Service", "1,2,4"},
+        {QM_DAT_deleteobject, "WANConnectionDevice_1", 0, "WANConnectionDevice", ""},
+    };
+    for (const Step &s : steps) {
+        EXPECT_EQ(s.op(s.name, 0), s.result) << s.name;
+        EXPECT_EQ(QM_err_get(), s.result) << s.name;
+        EXPECT_EQ(count_of(s.count_of), s.count) << s.name;
+    }
+    // Deleting an instance takes everything below it with it.
+    EXPECT_EQ(count_of("WANConnectionDevice_1_Service"), "(null)");
+    EXPECT_EQ(value_of("WANConnectionDevice_1_Service_1", "Name"), "(null)");
+
+    // A new instance holds the schema defaults, its own Arrays included.
+    ASSERT_EQ(QM_DAT_createobject("LANDevice_2", 0), 0);
+    EXPECT_EQ(value_of("LANDevice_2_IPInterface_1", "SubnetMask"), "255.255.255.0");
+    EXPECT_EQ(value_of("User_1001", "User"), "1");
+    EXPECT_EQ(value_of("User_1001", "Enable"), "0");
+}
+
+TEST_F(PlatformTest, SetValidatesAgainstTheType) {
+    struct Case {
+        const char *object, *property, *value;
+        int result;
+    } cases[] = {
+        {"Services_IADConfigurator", "SessionDelay", "600", 0},
+        {"Services_IADConfigurator", "SessionDelay", "59", QM_ERR_BAD_VALUE},     // below min
+        {"Services_IADConfigurator", "SessionDelay", "86401", QM_ERR_BAD_VALUE},  // above max
+        {"Services_IADConfigurator", "SessionDelay", "6O0", QM_ERR_BAD_VALUE},
+        {"Services_IADConfigurator", "SessionDelay", "", QM_ERR_BAD_VALUE},
+        {"Services_IADConfigurator", "NumberTry", "-1", QM_ERR_BAD_VALUE},
+        {"Services_IADConfigurator", "NumberTry", "+1", QM_ERR_BAD_VALUE},
+        {"Services_IADConfigurator", "NumberTry", "4294967295", 0},
+        {"Services_IADConfigurator", "NumberTry", "4294967296", QM_ERR_BAD_VALUE},
+        {"Services_TR069", "UpgdManaged", "-2147483648", 0},
+        {"Services_TR069", "UpgdManaged", "2147483648", QM_ERR_BAD_VALUE},
+        {"Services_TR069", "UpgdManaged", " 1", QM_ERR_BAD_VALUE},
+        {"User_1", "Enable", "1", 0},
+        {"User_1", "Enable", "2", QM_ERR_BAD_VALUE},
+        {"User_1", "Enable", "true", QM_ERR_BAD_VALUE},
+        {"LANDevice_1_IPInterface_1", "IPAddress", "10.0.0.254", 0},
+        {"LANDevice_1_IPInterface_1", "IPAddress", "", 0},
+        {"LANDevice_1_IPInterface_1", "IPAddress", "10.0.0.256", QM_ERR_BAD_VALUE},
+        {"LANDevice_1_IPInterface_1", "IPAddress", "10.0.0", QM_ERR_BAD_VALUE},
+        {"LANDevice_1_IPInterface_1", "IPAddress", "10.0.0.01", QM_ERR_BAD_VALUE},
+        {"Services_IADConfigurator", "CurrentLanguage", "1234567", 0},  // maxlen 7
+        {"Services_IADConfigurator", "CurrentLanguage", "12345678", QM_ERR_BAD_VALUE},
+        {"Device", "Name", "tab\tand\vvertical tab", 0},  // list texts use them
+        {"Device", "Name", "two\nlines", QM_ERR_BAD_VALUE},
+        {"Device", "Name", "carriage\rreturn", QM_ERR_BAD_VALUE},
+        {"Device", "Name", nullptr, QM_ERR_BAD_VALUE},
+        {"Device", "Nope", "x", QM_ERR_UNKNOWN_OBJECT},
+        {"Device", nullptr, "x", QM_ERR_UNKNOWN_OBJECT},
+        {"User", "1_Username", "x", 0},               // the split point of a name does not matter
+        {"User_9", "Username", "x", QM_ERR_NOTHING},  // no such instance
+        {"User_1", "", "x", QM_ERR_UNKNOWN_OBJECT},
+        {"Services", "IADConfigurator", "x", QM_ERR_UNKNOWN_OBJECT},  // a node is not a property
+    };
+    for (const Case &c : cases) {
+        std::string before = c.property != nullptr && *c.property ? value_of(c.object, c.property) : "";
+        int rc = QM_DAT_setobjproperty(c.object, c.property, c.value, 0);
+        EXPECT_EQ(rc, c.result) << c.object << " " << (c.property ? c.property : "(null)") << " "
+                                << (c.value ? c.value : "(null)");
+        EXPECT_EQ(QM_err_get(), c.result);
+        if (c.result == 0) {
+            EXPECT_EQ(value_of(c.object, c.property), c.value);
+        } else if (c.result == QM_ERR_BAD_VALUE) {
+            EXPECT_EQ(value_of(c.object, c.property), before);
+        }
+    }
+    // A successful read clears an earlier error: the property helpers of
+    // the back end return QM_err_get() after it.
+    QM_err_set(QM_ERR_STORAGE);
+    EXPECT_EQ(value_of("Device", "Hostname"), "gateway");
+    EXPECT_EQ(QM_err_get(), 0);
+    EXPECT_EQ(value_of("User_9", "Username"), "(null)");
+    EXPECT_EQ(QM_err_get(), QM_ERR_NOTHING);
+    EXPECT_EQ(QM_err_set(42), 42);
+    EXPECT_EQ(QM_err_get(), 42);
+}
+
+TEST_F(PlatformTest, StoreOnlyWritesAreNotHandedToServices) {
+    fs::path apply_log = root_ / "var/quelm/platform/apply.log";
+    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Hostname", "box", 1), 0);
+    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Domain", "lan", 0), 0);
+    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Domain", "lan", 0), 0);  // unchanged: nothing to apply
+    std::string log = read_text(apply_log);
+    EXPECT_EQ(log.find("Hostname"), std::string::npos) << log;
+    EXPECT_NE(log.find(" apply Device_Domain\n"), std::string::npos) << log;
+    EXPECT_EQ(log.find("Device_Domain"), log.rfind("Device_Domain")) << log;
+}
+
+TEST_F(PlatformTest, CommitSavesAndRevertRestores) {
+    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Hostname", "first", 0), 0);
+    ASSERT_EQ(QM_DAT_createobject("User_7", 0), 0);
+    EXPECT_EQ(QM_FILE_revert(), 0);
+    EXPECT_EQ(value_of("Device", "Hostname"), "gateway");
+    EXPECT_EQ(count_of("User"), "1,2,3");
+
+    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Hostname", "saved", 0), 0);
+    ASSERT_EQ(QM_DAT_deleteobject("User_2", 0), 0);
+    EXPECT_EQ(QM_FILE_commit(0), 0);
+    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Hostname", "unsaved", 0), 0);
+    ASSERT_EQ(QM_DAT_createobject("User_2", 0), 0);
+    EXPECT_EQ(QM_FILE_revert(), 0);
+    EXPECT_EQ(value_of("Device", "Hostname"), "saved");
+    EXPECT_EQ(count_of("User"), "1,3");
+}
+
+TEST_F(PlatformTest, FactoryRestoresRunningAndSavedAndIsRecorded) {
+    ASSERT_EQ(QM_DAT_setobjproperty("User_1", "Password", "changed", 0), 0);
+    ASSERT_EQ(QM_DAT_deleteobject("User_3", 0), 0);
+    ASSERT_EQ(QM_DAT_createobject("Storage_Item_1", 0), 0);
+    ASSERT_EQ(QM_FILE_commit(0), 0);
+
+    EXPECT_EQ(QM_FILE_factory(2), 0);
+    EXPECT_EQ(value_of("User_1", "Password"), "admin");
+    EXPECT_EQ(count_of("User"), "1,2,3");
+    EXPECT_EQ(count_of("Storage_Item"), "");
+    ASSERT_EQ(QM_FILE_revert(), 0);  // the saved configuration is the factory one too
+    EXPECT_EQ(value_of("User_1", "Password"), "admin");
+
+    EXPECT_EQ(QM_SYS_reboot(5), 0);
+    EXPECT_EQ(QM_STATUS_set(1), 0);
+    std::istringstream log(read_text(root_ / "var/quelm/platform/events.log"));
+    std::vector<std::string> events;
+    for (std::string line; std::getline(log, line);) {
+        ASSERT_GT(line.size(), 21u) << line;
+        EXPECT_EQ(line[4], '-');
+        EXPECT_EQ(line[19], 'Z');  // UTC time stamp
+        events.push_back(line.substr(21));
+    }
+    EXPECT_EQ(events, (std::vector<std::string>{"factory 2", "reboot 5", "status 1"}));
+}
+
+TEST_F(PlatformTest, ResetPutsBackFactoryOrSchemaValues) {
+    ASSERT_EQ(QM_DAT_setobjproperty("Services_IADConfigurator", "SessionDelay", "300", 0), 0);
+    ASSERT_EQ(QM_DAT_setobjproperty("WLANInterface_1_Config", "SSID", "mine", 0), 0);
+    ASSERT_EQ(QM_DAT_setobjproperty("WLANInterface_1_Config", "Channel", "6", 0), 0);
+    ASSERT_EQ(QM_DAT_createobject("User_12", 0), 0);
+    ASSERT_EQ(QM_DAT_setobjproperty("User_12", "Username", "temp", 0), 0);
+
+    EXPECT_EQ(QM_DAT_resetobjdata("Services_IADConfigurator", 0), 0);
+    EXPECT_EQ(value_of("Services_IADConfigurator", "SessionDelay"), "1200");
+
+    // Flag 0: the object's own properties only; Config is below WLANInterface_1.
+    EXPECT_EQ(QM_DAT_resetobjdata("WLANInterface_1", 0), 0);
+    EXPECT_EQ(value_of("WLANInterface_1_Config", "SSID"), "mine");
+    EXPECT_EQ(QM_DAT_resetobjdata("WLANInterface_1_Config_Channel", 0), 0);
+    EXPECT_EQ(value_of("WLANInterface_1_Config", "Channel"), "0");
+    EXPECT_EQ(QM_DAT_resetobjdata("WLANInterface_1", 1), 0);
+    EXPECT_EQ(value_of("WLANInterface_1_Config", "SSID"), "QHG-000001");
+
+    EXPECT_EQ(QM_DAT_resetobjdata("User_12", 0), 0);  // not in the factory file: schema defaults
+    EXPECT_EQ(value_of("User_12", "Username"), "");
+    EXPECT_EQ(count_of("User"), "1,2,3,12");  // instances stay
+    EXPECT_EQ(QM_DAT_resetobjdata("User_13", 1), QM_ERR_NOTHING);
+    EXPECT_EQ(QM_DAT_resetobjdata("Nope", 1), QM_ERR_UNKNOWN_OBJECT);
+}
+
+TEST_F(PlatformTest, LoadIsAllOrNothingAndInitKeepsValues) {
+    std::string message;
+    EXPECT_EQ(
+        quelm::platform::load_text("# comment\n\nUser_20_Username=bob\r\nStorage_Item_2_Status_State=ConnectedMounted\n"
+                                   "LANEthernetInterface_6_Name=eth5\n",
+                                   message),
+        0)
+        << message;
+    EXPECT_EQ(count_of("User"), "1,2,3,20");
+    EXPECT_EQ(value_of("User_20", "Username"), "bob");
+    EXPECT_EQ(value_of("Storage_Item_2_Status", "State"), "ConnectedMounted");
+    EXPECT_EQ(count_of("LANEthernetInterface"), "6");  // an Array grows up to the instance named
+
+    struct Case {
+        const char *text;
+        int result;
+        const char *line;
+    } bad[] = {
+        {"User_21_Username=carol\nUser_21_Enable=yes\n", QM_ERR_BAD_VALUE, "line 2"},
+        {"Device_Hostname=x\nDevice_Nope=1\n", QM_ERR_UNKNOWN_OBJECT, "line 2"},
+        {"Device_Hostname=x\nno equals sign\n", QM_ERR_BAD_VALUE, "line 2"},
+        {"User_22=x\n", QM_ERR_UNKNOWN_OBJECT, "line 1"},
+    };
+    for (const Case &c : bad) {
+        message.clear();
+        EXPECT_EQ(quelm::platform::load_text(c.text, message), c.result) << c.text;
+        EXPECT_NE(message.find(c.line), std::string::npos) << message;
+    }
+    EXPECT_EQ(count_of("User"), "1,2,3,20");
+    EXPECT_EQ(value_of("Device", "Hostname"), "gateway");
+
+    ASSERT_EQ(QM_FILE_commit(0), 0);
+    ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
+    EXPECT_EQ(value_of("User_20", "Username"), "bob");
+
+    std::string dump;
+    EXPECT_EQ(quelm::platform::dump_text("User_20", dump), 0);
+    EXPECT_EQ(dump, "User_20_Enable=0\nUser_20_User=1\nUser_20_Username=bob\nUser_20_Password=\nUser_20_Services=\n");
+    dump.clear();
+    EXPECT_EQ(quelm::platform::dump_text("WANConnectionDevice_1_Service_9", dump), QM_ERR_NOTHING);
+    EXPECT_EQ(quelm::platform::dump_text("Storage_Item_2_Status_MountPoint", dump), 0);
+    EXPECT_EQ(dump, "Storage_Item_2_Status_MountPoint=\n");
+}
+
+TEST_F(PlatformTest, LockHeldByAnotherProcessTimesOut) {
+    LockHolder other;
+    ASSERT_TRUE(other.locked());
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(QM_FILE_lock(), QM_ERR_LOCKED);
+    auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(150));  // QUELM_LOCK_WAIT_MS is 200
+    EXPECT_LT(waited, std::chrono::seconds(2));
+    EXPECT_EQ(QM_FILE_unlock(), QM_ERR_NOTHING);
+
+    other.release();
+    EXPECT_EQ(QM_FILE_lock(), 0);
+    EXPECT_EQ(QM_FILE_lock(), 0);  // nests within the process
+    EXPECT_EQ(QM_FILE_unlock(), 0);
+    EXPECT_FALSE(LockHolder().locked());  // still held: one level left
+    EXPECT_EQ(QM_FILE_unlock(), 0);
+    EXPECT_TRUE(LockHolder().locked());
+    EXPECT_EQ(QM_FILE_unlock(), QM_ERR_NOTHING);
+}
+
+TEST_F(PlatformTest, OnlyTheLastFreeReleasesTheLibrary) {
+    ASSERT_EQ(QM_FILE_lock(), 0);
+    // A handler that opens and frees the library inside a request.
+    ASSERT_EQ(QM_Cfg_Init(1), 0);
+    EXPECT_EQ(value_of("Device", "Hostname"), "gateway");
+    QM_Cfg_Free();
+    EXPECT_FALSE(LockHolder().locked());  // the process's own state survived
+
+    QM_Cfg_Free();  // the fixture's: releases state and lock
+    EXPECT_TRUE(LockHolder().locked());
+    QM_Cfg_Free();  // unbalanced: ignored
+    // Without QM_Cfg_Init the library opens itself on demand.
+    EXPECT_EQ(value_of("Device", "Hostname"), "gateway");
+    ASSERT_EQ(QM_Cfg_Init(1), 0);  // for TearDown's QM_Cfg_Free
+}
+
+TEST_F(PlatformTest, UninitialisedRootFailsCleanly) {
+    QM_Cfg_Free();
+    char dir[] = "/tmp/platform_empty.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    {
+        EnvVar empty_root("QUELM_ROOT", dir);
+        EXPECT_EQ(QM_Cfg_Init(1), QM_ERR_NOT_INIT);
+        EXPECT_EQ(value_of("Device", "Hostname"), "(null)");
+        EXPECT_EQ(QM_err_get(), QM_ERR_NOT_INIT);
+        EXPECT_EQ(QM_DAT_objname2xmlpath("Device"), nullptr);
+        EXPECT_EQ(QM_FILE_commit(0), QM_ERR_NOT_INIT);
+        EXPECT_EQ(QM_FILE_lock(), QM_ERR_NOT_INIT);
+        QM_Cfg_Free();
+    }
+    fs::remove_all(dir);
+    ASSERT_EQ(QM_Cfg_Init(1), 0);  // back on the fixture's root
+    EXPECT_EQ(value_of("Device", "Hostname"), "gateway");
+}
+
+TEST_F(PlatformTest, LogPrintsOnlyWhenSwitchedOn) {
+    QM_LOG_print("before %d", 1);
+    QM_LOG_set(1);
+    QM_LOG_print("during %d", 2);
+    QM_LOG_set(0);
+    QM_LOG_print("after %d", 3);
+    std::string log = read_text(root_ / "test.log");
+    EXPECT_EQ(log.find("before"), std::string::npos) << log;
+    EXPECT_NE(log.find("during 2"), std::string::npos) << log;
+    EXPECT_EQ(log.find("after"), std::string::npos) << log;
+}
+
+TEST_F(PlatformTest, WebauthChecksEnabledUsers) {
+    struct Case {
+        const char *authorization;
+        const char *realm;
+        int result;
+    } cases[] = {
+        {"Embedded username=\"admin\" password=\"admin\"", "web", 0},
+        {"Embedded username=\"admin\" password=\"admin\"", "rmt", 0},
+        {"Embedded username=\"admin\" password=\"admin\"", nullptr, 0},
+        {"Embedded username=\"admin\" password=\"admin\"", "nas", -1},  // realm not granted
+        {"Embedded username=\"admin\" password=\"admin2\"", "web", -1},
+        {"Embedded username=\"admin\" password=\"admi\"", "web", -1},
+        {"Embedded username=\"admin\" password=\"\"", "web", -1},
+        {"Embedded username=\"Admin\" password=\"admin\"", "web", -1},
+        {"Embedded username=\"guest\" password=\"\"", "web", -1},                  // disabled
+        {"Embedded username=\"support\" password=\"support-3000\"", nullptr, -1},  // not a web user
+        {"Embedded username=\"\" password=\"\"", "web", -1},
+        {"Embedded username=\"admin\" password=\"admin", "web", -1},
+        {"Embedded username=admin password=admin", "web", -1},
+        {"Basic YWRtaW46YWRtaW4=", "web", -1},
+        {"", "web", -1},
+        {nullptr, "web", -1},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(webauth_check_auth(0, 0, "/index.htm", c.authorization, c.realm, "192.168.1.20"), c.result)
+            << (c.authorization ? c.authorization : "(null)") << " realm " << (c.realm ? c.realm : "(null)");
+
+    // A user without the admin level is authorised subject to his services;
+    // a password holding quotes is taken up to the last one.
+    ASSERT_EQ(QM_DAT_setobjproperty("User_2", "Enable", "1", 0), 0);
+    ASSERT_EQ(QM_DAT_setobjproperty("User_2", "Password", "a\" password=\"b", 0), 0);
+    QM_err_set(17);
+    EXPECT_EQ(
+        webauth_check_auth(0, 0, nullptr, "Embedded username=\"guest\" password=\"a\" password=\"b\"", "web", nullptr),
+        1);
+    EXPECT_EQ(QM_err_get(), 17);  // the caller's error code is kept
+    EXPECT_EQ(webauth_check_auth(0, 0, nullptr, "Embedded username=\"guest\" password=\"a\"", "web", nullptr), -1);
+
+    std::string long_name(WEBAUTH_MAX_USERNAME + 1, 'a');
+    ASSERT_EQ(QM_DAT_setobjproperty("User_1", "Username", long_name.substr(1).c_str(), 0), 0);
+    std::string text = "Embedded username=\"" + long_name.substr(1) + "\" password=\"admin\"";
+    EXPECT_EQ(webauth_check_auth(0, 0, nullptr, text.c_str(), "web", nullptr), 0);
+    text = "Embedded username=\"" + long_name + "\" password=\"admin\"";
+    EXPECT_EQ(webauth_check_auth(0, 0, nullptr, text.c_str(), "web", nullptr), -1);
+}
+
+TEST(PlatformWebauth, ErrorMessageIsBoundedAndEscaped) {
+    char out[512];
+    int n = webauth_send_http_error_message(403, nullptr, out, sizeof out);
+    ASSERT_GT(n, 0);
+    EXPECT_EQ(static_cast<std::size_t>(n), std::strlen(out));
+    EXPECT_EQ(std::string(out).rfind("Status: 403 Forbidden\r\nContent-Type: text/html\r\n\r\n", 0), 0u) << out;
+
+    n = webauth_send_http_error_message(500, "bad <thing>\r\nX-Injected: 1", out, sizeof out);
+    ASSERT_GT(n, 0);
+    std::string text(out);
+    EXPECT_EQ(text.find("\r\nX-Injected"), std::string::npos) << text;
+    EXPECT_NE(text.find("bad &lt;thing&gt;"), std::string::npos) << text;
+
+    char small[40];
+    EXPECT_EQ(webauth_send_http_error_message(404, nullptr, small, sizeof small), -1);
+    EXPECT_STREQ(small, "");
+    for (int status : {99, 600}) EXPECT_EQ(webauth_send_http_error_message(status, "x", out, sizeof out), -1);
+    EXPECT_EQ(webauth_send_http_error_message(404, nullptr, nullptr, 10), -1);
+}
+
+}  // namespace
