@@ -8,13 +8,15 @@
 #include <cstdarg>
 #include <syslog.h>
 
+#include "quelm_root.h"
+
 namespace quelm::log {
 
 // openlog(ident, LOG_PID, LOG_USER); the identity is copied (at most 63 bytes).
-void open(const char *ident);
-void close();
+QUELM_COMMON_API void open(const char *ident);
+QUELM_COMMON_API void close();
 
-void print(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void vprint(int priority, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
+QUELM_COMMON_API void print(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
+QUELM_COMMON_API void vprint(int priority, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
 
 }  // namespace quelm::log

@@ -10,24 +10,26 @@
 #include <string>
 #include <string_view>
 
+#define QUELM_COMMON_API __attribute__((visibility("default")))
+
 namespace quelm {
 
 // Process settings read from the environment: QUELM_ROOT and QUELM_LOG_FILE.
 // Under FastCGI the environment is replaced by each request's parameters, so
 // the responder pins the values it was started with before its first accept;
 // until pinned (tools, tests) they are read live at every call.
-void pin_process_environment();
-const char *process_env(const char *name);  // pinned or live value, may be null
+QUELM_COMMON_API void pin_process_environment();
+QUELM_COMMON_API const char *process_env(const char *name);  // pinned or live value, may be null
 
 // The root prefix without a trailing "/" ("" when unset).
-std::string_view root_prefix();
+QUELM_COMMON_API std::string_view root_prefix();
 
 // QUELM_ROOT + gateway_path. gateway_path must be absolute.
-std::string root_path(std::string_view gateway_path);
+QUELM_COMMON_API std::string root_path(std::string_view gateway_path);
 
 // Bounded form for fixed buffers: writes the mapped path into out (size
 // bytes, always terminated). Returns false when it did not fit; out then
 // holds "" so that a cut path is never used.
-bool root_path(std::string_view gateway_path, char *out, std::size_t size);
+QUELM_COMMON_API bool root_path(std::string_view gateway_path, char *out, std::size_t size);
 
 }  // namespace quelm

@@ -84,10 +84,6 @@ State::~State() {
     }
 }
 
-void follow_environment() {
-    if (globals().refcount == 0) quelm::pin_process_environment();
-}
-
 void log_message(int priority, const char *format, ...) {
     if (!globals().log_on) return;
     va_list args;
@@ -120,7 +116,6 @@ int load_definitions(std::unique_ptr<Schema> &schema, std::unique_ptr<FactoryDef
 }
 
 State *open_state(int &code, bool need_database) {
-    follow_environment();
     Globals &g = globals();
     std::string root(quelm::root_prefix());
     if (g.state && (g.state->root != root || g.state->pid != getpid())) g.state.reset();
@@ -230,7 +225,6 @@ extern "C" {
 
 int QM_Cfg_Init(int, ...) {
     return shield(QM_ERR_STORAGE, [&] {
-        quelm::platform::detail::follow_environment();
         ++globals().refcount;
         int code = 0;
         return open_state(code) != nullptr ? 0 : code;
@@ -247,7 +241,6 @@ void QM_LOG_set(int on) { globals().log_on = on != 0; }
 
 void QM_LOG_print(const char *format, ...) {
     if (!globals().log_on || format == nullptr) return;
-    quelm::platform::detail::follow_environment();
     va_list args;
     va_start(args, format);
     quelm::log::vprint(LOG_INFO, format, args);
@@ -450,7 +443,6 @@ int QM_FILE_factory(int option) {
 
 int QM_SYS_reboot(int delay) {
     return shield(QM_ERR_STORAGE, [&] {
-        quelm::platform::detail::follow_environment();
         return set_error(
             quelm::platform::record_event(quelm::platform::kEventLogPath, "reboot", std::to_string(delay)));
     });
@@ -458,7 +450,6 @@ int QM_SYS_reboot(int delay) {
 
 int QM_STATUS_set(int status) {
     return shield(QM_ERR_STORAGE, [&] {
-        quelm::platform::detail::follow_environment();
         return set_error(
             quelm::platform::record_event(quelm::platform::kEventLogPath, "status", std::to_string(status)));
     });

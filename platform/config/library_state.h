@@ -29,10 +29,6 @@ struct State {
     DataModel model() { return DataModel(*schema, *db, *factory); }
 };
 
-// While no QM_Cfg_Init is outstanding, re-reads QUELM_ROOT and
-// QUELM_LOG_FILE from the environment; otherwise keeps what the first
-// QM_Cfg_Init saw.
-void follow_environment();
 
 // The state for the current root, opened when needed (and reopened when
 // the root or the process changed); with need_database the database is

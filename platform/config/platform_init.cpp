@@ -113,7 +113,6 @@ int create_database(const std::string &path, const Schema &schema, const Factory
 
 int init_root(std::string &message) {
     try {
-        detail::follow_environment();
         for (std::string_view dir : kRootDirectories)
             if (!make_directories(quelm::root_path(dir), message)) return QM_ERR_STORAGE;
         for (std::string_view file : {kSchemaFile, kFactoryFile}) {
