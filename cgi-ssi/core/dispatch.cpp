@@ -100,10 +100,9 @@ void set_session_name(const char *realm) {
 // Attaches or creates the browser session and writes its cookie line.
 // Returns false when no session could be created (the request ends).
 bool attach_session() {
-    const char *cookie = std::getenv("HTTP_COOKIE");
-    cgiCookie = cookie != nullptr ? cookie : "";
-    cgiUserAgent = std::getenv("HTTP_USER_AGENT");
-    cgiRemoteAddr = std::getenv("REMOTE_ADDR");
+    cgiGetenv(&cgiCookie, "HTTP_COOKIE");
+    cgiGetenv(&cgiUserAgent, "HTTP_USER_AGENT");
+    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
 
     char value[kCookieValueSize];
     int result = cgiCookieString(QM_SessionName, value, sizeof value);
