@@ -29,7 +29,7 @@ struct BuiltinCgi {
 // Searched in this order; the first row's name is what the page renderer
 // is started as.
 constexpr BuiltinCgi kBuiltins[kBuiltinCount] = {
-    {"ssi", ssi},
+    {"ssi", ::ssi},
     {"reboot.cgi", reboot_cgi},
     {"firmupgd.cgi", firmware_user_cgi},
     {"nas.cgi", nas_cgi},
