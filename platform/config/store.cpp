@@ -51,19 +51,62 @@ std::unique_ptr<Database> Database::open(const std::string &path, bool create, s
 }
 
 Database::~Database() {
+    finalize_cached();
     if (db_ != nullptr) sqlite3_close_v2(db_);
+}
+
+void Database::finalize_cached() {
+    for (auto &entry : cache_) sqlite3_finalize(entry.second.stmt);
+    cache_.clear();
+}
+
+sqlite3_stmt *Database::acquire(const std::string &sql) {
+    if (db_ == nullptr) return nullptr;
+    Cached &entry = cache_[sql];
+    if (entry.in_use) return nullptr;
+    if (entry.stmt == nullptr &&
+        sqlite3_prepare_v3(db_, sql.c_str(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &entry.stmt,
+                           nullptr) != SQLITE_OK) {
+        entry.stmt = nullptr;
+        return nullptr;
+    }
+    entry.in_use = true;
+    return entry.stmt;
+}
+
+void Database::release(sqlite3_stmt *stmt) {
+    sqlite3_reset(stmt);
+    sqlite3_clear_bindings(stmt);
+    for (auto &entry : cache_) {
+        if (entry.second.stmt == stmt) {
+            entry.second.in_use = false;
+            return;
+        }
+    }
 }
 
 bool Database::exec(const char *sql) { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK; }
 
 const char *Database::message() const { return db_ != nullptr ? sqlite3_errmsg(db_) : "no database"; }
 
-Statement::Statement(Database &db, const std::string &sql) {
+Statement::Statement(Database &db, const std::string &sql) : db_(db) {
+    stmt_ = db.acquire(sql);
+    if (stmt_ != nullptr) {
+        cached_ = true;
+        return;
+    }
     if (sqlite3_prepare_v2(db.handle(), sql.c_str(), static_cast<int>(sql.size()), &stmt_, nullptr) != SQLITE_OK)
         stmt_ = nullptr;
 }
 
-Statement::~Statement() { sqlite3_finalize(stmt_); }
+Statement::~Statement() {
+    if (stmt_ == nullptr) return;
+    if (cached_) {
+        db_.release(stmt_);
+    } else {
+        sqlite3_finalize(stmt_);
+    }
+}
 
 bool Statement::bind(int index, std::string_view text) {
     return stmt_ != nullptr &&

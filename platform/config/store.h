@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 struct sqlite3;
@@ -33,15 +34,32 @@ public:
 
     // Forgets the handle without closing it: a connection inherited across
     // fork must not be used or closed by the child.
-    void abandon() { db_ = nullptr; }
+    void abandon() {
+        db_ = nullptr;
+        cache_.clear();
+    }
 
     sqlite3 *handle() const { return db_; }
     bool exec(const char *sql);
     const char *message() const;
 
+    // Prepared statements are kept for the life of the connection: a
+    // responder asks the same few questions on every request, and preparing
+    // them costs more than running them. Returns null when the statement of
+    // that text is already in use (the caller prepares its own then).
+    sqlite3_stmt *acquire(const std::string &sql);
+    void release(sqlite3_stmt *stmt);
+
 private:
+    struct Cached {
+        sqlite3_stmt *stmt = nullptr;
+        bool in_use = false;
+    };
+
     explicit Database(sqlite3 *db) : db_(db) {}
+    void finalize_cached();
     sqlite3 *db_;
+    std::unordered_map<std::string, Cached> cache_;
 };
 
 class Statement {
@@ -60,7 +78,9 @@ public:
     bool is_null(int column) const;
 
 private:
+    Database &db_;
     sqlite3_stmt *stmt_ = nullptr;
+    bool cached_ = false;
 };
 
 // BEGIN IMMEDIATE on construction; rolled back unless commit() succeeded.
