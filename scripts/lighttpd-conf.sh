@@ -36,7 +36,7 @@ CONF
 
 cat <<CONF
 server.modules = ( "mod_access", "mod_setenv", "mod_fastcgi", "mod_ssi" )
-server.document-root = "$docroot"
+server.document-root = "$docroot/"
 server.bind = "127.0.0.1"
 server.port = $port
 server.errorlog = "$run/lighttpd-error.log"

@@ -21,7 +21,6 @@ int answer_not_found() {
 }  // namespace
 
 extern "C" {
-int ssi(int, char **) { return answer_not_found(); }
 int reboot_cgi(int, char **) { return answer_not_found(); }
 int firmware_user_cgi(int, char **) { return answer_not_found(); }
 int nas_cgi(int, char **) { return answer_not_found(); }

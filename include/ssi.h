@@ -1,0 +1,53 @@
+/*
+ * Value output of the SSI page engine, for built-in producers and plugins.
+ *
+ * A value inserted into a page (or into a JSON answer) is printed with
+ * ssiprintf, which escapes it for the current output mode:
+ *   SSI_MODE_PLAIN  0  as is
+ *   SSI_MODE_JS     1  inside a JavaScript string  ("jsvar" of echo)
+ *   SSI_MODE_JSON   2  inside a JSON string        ("jsonvar", generic.cgi)
+ * Any other mode prints nothing. The mode is process-wide and stays until
+ * the next echo directive or front end sets it.
+ *
+ * Escaped output is staged in the shared buffer Ssi (ssi_buffer.h), which
+ * ssiprintf leaves empty: a producer must not call ssiprintf while its own
+ * text in Ssi is still to be printed. Not thread-safe.
+ */
+#ifndef SSI_H
+#define SSI_H
+
+#include "qm_export.h"
+#include "ssi_buffer.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum {
+    SSI_MODE_PLAIN = 0,
+    SSI_MODE_JS = 1,
+    SSI_MODE_JSON = 2,
+    SSI_FORMAT_SIZE = 4096 /* ssiprintf formats at most 4095 characters */
+};
+
+/* The current output mode; prefer SSI_Set_Mode / SSI_Get_Mode. */
+QM_EXPORT extern int Ssi_mode;
+
+QM_EXPORT void SSI_Set_Mode(int mode);
+QM_EXPORT int SSI_Get_Mode(void);
+
+/* Formats (cut at SSI_FORMAT_SIZE - 1 characters) and writes the text to
+ * the response, escaped for the current mode. Returns the length the
+ * formatting produced before any cut, or -1 on a format error. */
+QM_EXPORT int ssiprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/* Stores byte at position pos of Ssi and returns the next position. When
+ * pos has reached SSI_BUFFER_SIZE - 1, the staged text is written first and
+ * the byte goes to position 0, so any length leaves in 4095-byte chunks. */
+QM_EXPORT int ssisendbyte(int pos, char byte);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,17 @@
+// Bindings of SSI symbols to the firmware, NAS, token, data-model and
+// device-function parts. Each is wired to its part as that part lands; until
+// then it answers as if the part found nothing: no text, result 0.
+#include "libssi/ssi_hooks.h"
+
+namespace cgissi::ssi {
+
+int hook_firmware_progression() { return 0; }
+int hook_nas_playlists() { return 0; }
+int hook_nas_fullplaylists() { return 0; }
+
+int hook_token(const char *) { return 0; }
+int hook_cli(const char *) { return 0; }
+int hook_fct(const char *) { return 0; }
+int hook_create(const char *) { return 0; }
+
+}  // namespace cgissi::ssi

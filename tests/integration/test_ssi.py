@@ -1,0 +1,352 @@
+"""The SSI page engine through the real executable run as a plain CGI:
+headers and error pages byte for byte, directives, includes and their
+refusals, malformed pages, and the sections shown by authentication or by
+a data-model value."""
+
+import os
+import re
+import subprocess
+
+import pytest
+
+from conftest import assert_no_sanitizer_report, split_response
+
+HTML = "Content-type: text/html\r\n\r\n"
+NOT_PERMITTED = ("<HR><H2>Not Permitted</H2>\nThe filename requested in the {} {}={} directive\n"
+                 "may not be fetched.\n<HR>\n")
+NOT_FOUND = ("<HR><H2>Not Found</H2>\nThe filename requested in a {} {} directive, {},\n"
+             "does not seem to exist.\n<HR>\n")
+UNKNOWN_DIRECTIVE = ("<HR><H2>Unknown Directive</H2>\nThe requested server-side-includes filename, {},\n"
+                     "tried to use an unknown directive, {}.\n<HR>\n")
+UNKNOWN_TAG = ("<HR><H2>Unknown Tag</H2>\nThe requested server-side-includes filename, {},\n"
+               "tried to use the directive {} with an unknown tag, {}.\n<HR>\n")
+UNKNOWN_VALUE = ("<HR><H2>Unknown Value</H2>\nThe requested server-side-includes filename, {},\n"
+                 "tried to use the directive {} {} with an unknown value, {}.\n<HR>\n")
+PAGE_HEAD = ("<HTML>\n<HEAD>\n<TITLE>{0}</TITLE>\n"
+             "<meta http-equiv=Content-Type content=\"text/html; charset=iso-8859-1\">\n"
+             "</HEAD>\n<BODY><H2>{0}</H2>\n")
+COOKIE = re.compile(r"QM_web_ID=([A-Za-z0-9]{6})")
+
+
+@pytest.fixture
+def site(bin_dir, env, tmp_path):
+    """A document root and a runner that serves one page from it."""
+    docroot = tmp_path / "site"
+    docroot.mkdir()
+
+    def render(page="index.htm", text=None, extra=None, unset=(), files=None):
+        for name, content in (files or {}).items():
+            path = docroot / name
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_bytes(content.encode() if isinstance(content, str) else content)
+        if text is not None:
+            (docroot / page).write_bytes(text.encode() if isinstance(text, str) else text)
+        request_env = dict(env, REQUEST_METHOD="GET", QUERY_STRING="", QUELM_REALM="web",
+                           DOCUMENT_ROOT=f"{docroot}/", SCRIPT_NAME=f"/{page}",
+                           SCRIPT_FILENAME=f"{docroot}/{page}", REMOTE_ADDR="127.0.0.1",
+                           HTTP_HOST="127.0.0.1", HTTP_USER_AGENT="pytest")
+        request_env.update(extra or {})
+        for name in unset:
+            request_env.pop(name, None)
+        done = subprocess.run(["ssi"], executable=bin_dir / "cgi-ssi", env=request_env,
+                              capture_output=True, timeout=60)
+        assert_no_sanitizer_report(done.stderr.decode(errors="replace"))
+        return done.stdout.decode("latin-1")
+
+    render.docroot = docroot
+    return render
+
+
+def body(raw):
+    """The response after the header block; asserts that there is one."""
+    head, sep, rest = raw.partition("\r\n\r\n")
+    assert sep, raw[:300]
+    return rest
+
+
+# ---- Headers and error pages -----------------------------------------------------
+
+@pytest.mark.parametrize("page, header", [
+    ("index.htm", HTML),
+    ("app.js", "Content-type: application/x-javascript\r\n\r\n"),
+    ("data.xml", "Content-type: text/xml\r\n\r\n"),
+    ("data.json", "Content-type: text/plain\r\n\r\n"),    # no row for json
+    ("page.shtml", "Content-type: text/plain\r\n\r\n"),   # nor for shtml
+])
+def test_content_type_from_table(site, page, header):
+    assert site(page, "x") == header + "x"
+
+
+def test_content_language_comes_first(site):
+    raw = site(text="x", extra={"HTTP_ACCEPT_LANGUAGE": "fr-FR,fr"})
+    assert raw == "CONTENT-LANGUAGE: fr-FR,fr\r\n" + HTML + "x"
+
+
+def test_missing_page_exact_bytes(site):
+    raw = site("missing.htm")
+    path = f"{site.docroot}/missing.htm"
+    assert raw == ("Status: 404 Not Found\r\nContent-type: text/html\r\n\r\n" + PAGE_HEAD.format("404 Not Found") +
+                   f"The requested server-side-includes filename, {path},\n"
+                   "does not seem to exist.\n</BODY></HTML>\n")
+
+
+@pytest.mark.parametrize("variable", ["SCRIPT_NAME", "SCRIPT_FILENAME"])
+def test_missing_variable_exact_bytes(site, variable):
+    # Without SCRIPT_FILENAME the request loop itself answers nothing.
+    raw = site(text="x", unset=[variable])
+    expected = (PAGE_HEAD.format("500 Internal Error") +
+                "Something unusual went wrong during a server-side-includes request:\n"
+                f"<BLOCKQUOTE>\nCouldn't get {variable} environment variable.\n</BLOCKQUOTE>\n"
+                "</BODY></HTML>\n")
+    header = "Status: 500 Internal Server Error\r\nContent-type: text/html\r\n\r\n"
+    assert raw == (header + expected if variable == "SCRIPT_NAME" else "")
+
+
+def test_pages_matching_cgi_pattern_are_refused(site):
+    raw = site("run.cgi.htm", "secret", extra={"CGI_PATTERN": "**.cgi.htm|/nothing"})
+    forbidden = "Status: 403 Forbidden\r\nContent-type: text/html\r\n\r\n"
+    assert raw == forbidden + NOT_PERMITTED.format("initial", "SCRIPT_FILENAME", f"{site.docroot}/run.cgi.htm")
+    raw = site(text="ok", extra={"PATH_INFO": "/a/../index.htm"})
+    assert raw == forbidden + NOT_PERMITTED.format("initial", "PATH_INFO", "/a/../index.htm")
+
+
+# ---- Directives -------------------------------------------------------------------
+
+def test_echo_values_and_attribute_separator(site):
+    page = ('<!--#echo var="DOCUMENT_URI" -->|<!--#echo var=DOCUMENT_NAME -->|'
+            '<!--#echo var=QUERY_STRING_UNESCAPED -->|<!--#echo var=A var=B -->|'
+            '<!--#echo var=X_FORWARDED_FOR -->|<!--#echo var=nosuch -->|'
+            '<!--#echo value=x -->')
+    raw = site(text=page, extra={"A": "a'1", "B": "b", "QUERY_STRING": "q=%41&x"})
+    name = f"{site.docroot}/index.htm"
+    assert body(raw) == (f"/index.htm|{name}|q=%41&x|a'1 b|||"
+                         + UNKNOWN_TAG.format(name, "echo", "value"))
+
+
+def test_unknown_symbol_is_logged(site, log_file):
+    site(text="<!--#echo var=nosuch_symbol -->")
+    assert "SSI unknown symbol <nosuch_symbol>" in log_file.read_text()
+
+
+@pytest.mark.parametrize("attribute, expected", [
+    ("var", "a'b\"c\t\\d"),
+    ("jsvar", "a\\'b\"c\\011\\\\d"),
+    ("jsonvar", "a\\'b\\\\\"c\\011\\\\d"),
+])
+def test_symbol_escaped_by_echo_mode(site, root, attribute, expected):
+    (root / "var/tmp").mkdir(parents=True, exist_ok=True)
+    (root / "var/tmp/cgierror").write_text("a'b\"c\t\\d\n")
+    assert body(site(text=f"[<!--#echo {attribute}=iCgiError -->]")) == f"[{expected}]"
+    # Shown once; without a stored error the symbol is 0.
+    assert body(site(text=f"<!--#echo {attribute}=iCgiError -->")) == "0"
+
+
+def test_sizes_dates_and_config(site):
+    files = {"small.bin": b"x" * 1023, "kilo.bin": b"x" * 3000, "mega.bin": b"x" * (2 << 20)}
+    page = ("<!--#fsize file=kilo.bin -->|<!--#config sizefmt=abbrev -->"
+            "<!--#fsize file=small.bin -->|<!--#fsize file=kilo.bin -->|<!--#fsize virtual=/mega.bin -->|"
+            "<!--#config timefmt=\"%Y-%m-%d\" --><!--#flastmod file=kilo.bin -->|"
+            "<!--#config sizefmt=huge --><!--#config colour=red --><!--#fsize file=none.bin -->")
+    site(files=files)
+    os.utime(site.docroot / "kilo.bin", (1000000000, 1000000000))  # 2001-09-09 UTC
+    raw = site(text=page, extra={"TZ": "UTC"})
+    name = f"{site.docroot}/index.htm"
+    # "abbrev" never shows kilobytes: below 1 MiB it is 0M, above it counts GiB.
+    assert body(raw) == ("3000|1023|0M|0G|2001-09-09|"
+                         + UNKNOWN_VALUE.format(name, "config", "sizefmt", "huge")
+                         + UNKNOWN_TAG.format(name, "config", "colour")
+                         + NOT_FOUND.format("fsize", "file", f"{site.docroot}/none.bin"))
+    # Formats are reset for every page.
+    assert body(site(text="<!--#fsize file=kilo.bin -->")) == "3000"
+
+
+def test_exec_output_lands_in_order(site, log_file):
+    raw = site(text='a<!--#exec cmd="printf X; printf Y" -->b<!--#exec run=x -->')
+    assert body(raw) == "aXYb" + UNKNOWN_TAG.format(f"{site.docroot}/index.htm", "exec", "run")
+    assert log_file.read_text().count("SSI has tried to execute system command, please fix webpage !") == 2
+
+
+# ---- Includes ------------------------------------------------------------------------
+
+def test_include_resolution_and_names(site):
+    files = {"sub/part.htm": "<!--#echo var=DOCUMENT_URI -->,<!--#include file=leaf.htm -->",
+             "sub/leaf.htm": "<!--#echo var=DOCUMENT_URI -->", "top.htm": "<!--#echo var=DOCUMENT_URI -->"}
+    page = '<!--#include virtual="/sub/part.htm" -->|<!--#include virtual="//top.htm" -->'
+    assert body(site(text=page, files=files)) == "/sub/part.htm,/sub/leaf.htm|//top.htm"
+    nested = site("sub/page.htm", "<!--#include file=leaf.htm -->", extra={"PATH_INFO": "/sub/page.htm"})
+    assert body(nested) == "/sub/leaf.htm"
+
+
+def test_include_refusals(site):
+    page = ('<!--#include file="/etc/passwd" --><!--#include file="a/../b.htm" -->'
+            '<!--#include virtual="/x/../index.htm" --><!--#include virtual=/run.cgi -->'
+            '<!--#include file=missing.htm --><!--#include url=x -->')
+    raw = site(text=page, files={"run.cgi": "program"}, extra={"CGI_PATTERN": "**.cgi"})
+    docroot = site.docroot
+    assert body(raw) == (NOT_PERMITTED.format("include", "file", "/etc/passwd")
+                         + NOT_PERMITTED.format("include", "file", "a/../b.htm")
+                         + NOT_PERMITTED.format("include", "virtual", "/x/../index.htm")
+                         + NOT_PERMITTED.format("include", "virtual", f"{docroot}/run.cgi")
+                         + NOT_FOUND.format("include", "file", f"{docroot}/missing.htm")
+                         + UNKNOWN_TAG.format(f"{docroot}/index.htm", "include", "url"))
+
+
+def test_special_files_read_as_empty(site):
+    os.mkfifo(site.docroot / "pipe.htm")   # no writer: must not block the responder
+    (site.docroot / "dir.htm").mkdir()
+    assert body(site(text="a<!--#include file=pipe.htm -->b<!--#include file=dir.htm -->c")) == "abc"
+
+
+def test_self_including_page_stops(site):
+    raw = site("self.htm", 'A<!--#include file="self.htm" -->B')
+    depth = 16  # nested includes allowed below the page itself
+    refusal = NOT_PERMITTED.format("include", "file", f"{site.docroot}/self.htm")
+    assert body(raw) == "A" * (depth + 1) + refusal + "B" * (depth + 1)
+
+
+# ---- Malformed pages ---------------------------------------------------------------------
+
+@pytest.mark.parametrize("text", [
+    "#!<!--#echo var=\"A\"",                      # "#" first, no closing
+    "<p>\"<!--#echo var=\"A -->\n",               # unclosed quote
+    "<!--#echo var=A" + " " * 1100 + "-->tail",   # longer than 1023 bytes
+    "",                                           # empty page
+    "#",
+])
+def test_malformed_directives_are_text(site, text):
+    assert body(site(text=text, extra={"A": "value"})) == text
+
+
+def test_page_of_unknown_directives(site):
+    raw = site(text="a<!--#foo -->b<!--#Echo var=A -->c<!--# -->d", extra={"A": "x"})
+    name = f"{site.docroot}/index.htm"
+    assert body(raw) == ("a" + UNKNOWN_DIRECTIVE.format(name, "foo") + "b"
+                         + UNKNOWN_DIRECTIVE.format(name, "Echo") + "c"
+                         + UNKNOWN_DIRECTIVE.format(name, "") + "d")
+
+
+# ---- Sections ------------------------------------------------------------------------------
+
+@pytest.fixture
+def gateway(qmcfg):
+    qmcfg("set", "Device", "Hostname", "gw")
+    qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", "127.0.0.1")
+
+
+SECTION_OPEN = {"none": "", "isAuth": "<!--#isAuth level={level} -->", "isNotAuth": "<!--#isNotAuth -->"}
+
+
+@pytest.mark.parametrize("section, authorised, check, text_shown, directives_run", [
+    ("none", False, True, True, True),
+    ("none", False, False, False, True),   # unauthorised visitors keep directives in a fired check
+    ("none", True, True, True, True),
+    ("none", True, False, False, False),
+    ("isAuth", True, True, True, True),
+    ("isAuth", True, False, False, False),
+    ("isAuth", False, True, False, False),
+    ("isAuth", False, False, False, False),
+    ("isNotAuth", False, True, True, True),
+    ("isNotAuth", False, False, False, True),
+    ("isNotAuth", True, True, False, False),
+    ("isNotAuth", True, False, False, False),
+])
+def test_gating_truth_table(site, gateway, section, authorised, check, text_shown, directives_run):
+    level = "no_realm" if authorised else "admin"
+    page = (f"<!--#isAuth level={level} --><!--#endAuth -->"
+            + SECTION_OPEN[section].format(level=level)
+            + ("<!--#check Device_Hostname=other -->" if not check else "")
+            + 'T<!--#echo var=MARK --><!--#include file=inc.htm --><!--#fsize file=inc.htm -->'
+            + "<!--#endCheck x --><!--#endAuth -->end")
+    raw = site(text=page, files={"inc.htm": "I"}, extra={"MARK": "E"})
+    # An included file's text passes the text gate, like the page's own.
+    if text_shown:
+        assert body(raw) == "TEI1end"
+    else:
+        assert body(raw) == ("E1end" if directives_run else "end")
+
+
+def test_check_and_uncheck_include_alternatives(site, gateway):
+    files = {"alt.htm": "ALT", "eq.htm": "EQ"}
+    page = ("<!--#check Device_Hostname=gw -->same<!--#endCheck x -->|"
+            "<!--#check Device_Hostname=\"other&file=alt.htm\" -->hidden<!--#endCheck -->still<!--#endCheck x -->|"
+            "<!--#unCheck Device_Hostname=\"gw&virtual=eq.htm\" -->hidden<!--#endCheck x -->|"
+            "<!--#unCheck Device_Hostname=\"&file=alt.htm\" -->empty-differs<!--#endCheck x -->|"
+            "<!--#check Nothing_Here=x -->unknown-object<!--#endCheck x -->")
+    assert body(site(text=page, files=files)) == "same|ALT|EQ|empty-differs|unknown-object"
+
+
+def test_auth_directives_ignored_inside_fired_check(site, gateway):
+    # isNotAuth reuses the last isAuth that was acted on: none here.
+    page = ("<!--#check Device_Hostname=other --><!--#isAuth level=no_realm --><!--#endAuth -->"
+            "<!--#endCheck x -->[<!--#isNotAuth -->visible<!--#endAuth -->]")
+    assert body(site(text=page)) == "[visible]"
+    # A bare endCheck changes nothing.
+    page = "<!--#check Device_Hostname=other -->a<!--#endCheck -->b<!--#endCheck x -->c"
+    assert body(site(text=page)) == "c"
+
+
+@pytest.fixture
+def visitor(site, gateway, root):
+    """Serves pages to one browser: the first visit creates its session."""
+    state = {}
+
+    def visit(text, session_lines=None):
+        extra = {}
+        if "token" in state:
+            extra["HTTP_COOKIE"] = f"QM_web_ID={state['token']}"
+        raw = site(text=text, extra=extra)
+        match = COOKIE.search(raw)
+        assert match, raw[:200]
+        state["token"] = match.group(1)
+        state["file"] = root / "var/quelm/session" / f"web_{state['token']}"
+        if session_lines:
+            with open(state["file"], "a") as f:
+                f.write(session_lines)
+        return body(raw)
+
+    visit.state = state
+    return visit
+
+
+def make_user(qmcfg, index, name, password, services="web_admin"):
+    qmcfg("create", f"User_{index}")
+    for prop, value in [("Enable", "1"), ("User", "1"), ("Username", name), ("Password", password),
+                        ("Services", services)]:
+        qmcfg("set", f"User_{index}", prop, value)
+
+
+SECTION = "[<!--#isAuth {} -->in<!--#endAuth -->]"
+
+
+def test_is_auth_levels(visitor, qmcfg):
+    make_user(qmcfg, 11, "member", "pw", "web_user")
+    assert visitor(SECTION.format("level=admin")) == "[]"
+    assert visitor(SECTION.format("any=no_realm")) == "[in]"   # the attribute's name is not examined
+    visitor("", "USER=member\nPASSWORD=pw\nSERVICES=web_user\n")
+    assert visitor(SECTION.format("level=user") + SECTION.format("level=admin")) == "[in][]"
+    # isNotAuth reuses the value of the last isAuth.
+    not_auth = "[<!--#isNotAuth -->out<!--#endAuth -->]"
+    assert visitor(SECTION.format("level=user") + not_auth) == "[in][]"
+    assert visitor(SECTION.format("level=admin") + not_auth) == "[][out]"
+
+
+def test_block_user_login(visitor, qmcfg):
+    # The factory's disabled "guest" (User_2) comes first and is skipped.
+    make_user(qmcfg, 14, "guest", "", "web_admin")
+    make_user(qmcfg, 15, "locked", "pw", "web_admin")
+    assert visitor(SECTION.format("level=admin&blkpwd=locked")) == "[]"
+    assert visitor(SECTION.format("level=admin&blkpwd=guest")) == "[in]"
+    lines = visitor.state["file"].read_text().splitlines()
+    assert lines[-3:] == ["USER=guest", "PASSWORD=", "SERVICES=web_admin"]
+    # Logged in as the password-less user from now on, but never for
+    # sections reserved to visitors with a password.
+    assert visitor(SECTION.format("level=admin")) == "[in]"
+    assert visitor(SECTION.format("level=admin&blkpwd=forbidden")) == "[]"
+
+
+def test_forbidden_needs_a_password(visitor, qmcfg):
+    make_user(qmcfg, 11, "owner", "secret")
+    assert visitor(SECTION.format("level=admin&blkpwd=forbidden")) == "[]"
+    visitor("", "USER=owner\nPASSWORD=secret\nSERVICES=web_admin\n")
+    assert visitor(SECTION.format("level=admin&blkpwd=forbidden")) == "[in]"
+    assert visitor(SECTION.format("level=no_realm&blkpwd=forbidden")) == "[in]"
