@@ -1,0 +1,326 @@
+#!/usr/bin/env bash
+# The page benchmark. One lighttpd on loopback serves the same 8 KB page with
+# 20 echo directives four ways:
+#   (a) cgi-ssi rendering it (FastCGI, started as "ssi")       /page.htm
+#   (b) a FastCGI responder that only copies the file          /page.bfc
+#   (c) lighttpd's own mod_ssi rendering it                    /page.shtml
+#   (d) the file served as a static file                       /page.txt
+# wrk loads each target in turn; then cgi-ssi runs once under callgrind as a
+# plain CGI to count the instructions of one page request. See bench/README.md.
+#
+#   bench/ssi/run.sh [BUILD_DIR]            (default: build)
+#
+# Knobs (environment): BENCH_DURATION seconds per measured run (3),
+# BENCH_WARMUP seconds of warm-up per target (1), BENCH_ROUNDS rounds over the
+# four targets (2), BENCH_THREADS (2), BENCH_CONNECTIONS (8),
+# BENCH_MAX_REQUESTS per wrk thread and run (1000000), BENCH_PORT (a free one),
+# BENCH_CALLGRIND=0 skips the instruction count.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+top=$(cd "$here/../.." && pwd)
+build=$(cd "${1:-$top/build}" && pwd)
+bin=$build/bin
+out_dir=$build/bench
+work=$out_dir/ssi-run
+report=$out_dir/ssi.txt
+
+duration=${BENCH_DURATION:-3}
+warmup=${BENCH_WARMUP:-1}
+rounds=${BENCH_ROUNDS:-2}
+threads=${BENCH_THREADS:-2}
+connections=${BENCH_CONNECTIONS:-8}
+export BENCH_MAX_REQUESTS=${BENCH_MAX_REQUESTS:-1000000}
+query='lang=en&note=two%20words'
+user_agent='bench-wrk/1'
+accept='text/html'
+
+for tool in lighttpd wrk curl python3; do
+  command -v "$tool" >/dev/null || { echo "bench/ssi: $tool is missing (scripts/bench.sh installs it)" >&2; exit 2; }
+done
+for exe in cgi-ssi qmcfg bench-fcgi-copy; do
+  [ -x "$bin/$exe" ] || { echo "bench/ssi: $bin/$exe is missing (build the target bench-tools)" >&2; exit 2; }
+done
+
+# ---------------------------------------------------------------- set-up --
+rm -rf "$work"
+mkdir -p "$work"
+root=$work/root
+docroot=$work/www
+run=$work/run
+mkdir -p "$docroot" "$run"
+
+export QUELM_ROOT=$root
+export QUELM_LOG_FILE=$run/cgi-ssi.log
+"$bin/qmcfg" init >/dev/null
+
+# One file under four names: every target serves exactly the same bytes.
+cp "$here/page.shtml" "$docroot/page.shtml"
+for name in page.htm page.bfc page.txt; do
+  ln "$docroot/page.shtml" "$docroot/$name"
+done
+# The same page with every directive turned into a plain comment ("<!--#"
+# becomes "<!-- "): same size, nothing to expand. Used by the instruction count.
+sed 's/<!--#/<!-- /g' "$here/page.shtml" > "$docroot/plain.htm"
+page_bytes=$(stat -c %s "$docroot/page.shtml")
+directives=$(grep -o '<!--#echo' "$docroot/page.shtml" | wc -l)
+
+port=${BENCH_PORT:-$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')}
+conf=$run/lighttpd.conf
+"$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$docroot" "$run" > "$conf"
+cat >> "$conf" <<CONF
+
+# ---- page benchmark: the reference FastCGI responder (b) ----
+static-file.exclude-extensions += ( ".bfc" )
+fastcgi.server += (
+  ".bfc" => (
+    ( "bin-path" => "$bin/bench-fcgi-copy",
+      "socket" => "$run/copy.sock",
+      "check-local" => "disable",
+      "max-procs" => 1
+    )
+  )
+)
+CONF
+lighttpd -tt -f "$conf" >/dev/null
+
+lighttpd_pid=""
+stop_lighttpd() {
+  if [ -n "$lighttpd_pid" ] && kill -0 "$lighttpd_pid" 2>/dev/null; then
+    kill "$lighttpd_pid" 2>/dev/null || true
+    for _ in $(seq 1 50); do
+      kill -0 "$lighttpd_pid" 2>/dev/null || break
+      sleep 0.1
+    done
+    kill -9 "$lighttpd_pid" 2>/dev/null || true
+    wait "$lighttpd_pid" 2>/dev/null || true
+  fi
+  lighttpd_pid=""
+}
+trap stop_lighttpd EXIT
+
+lighttpd -D -f "$conf" >"$run/lighttpd.out" 2>&1 &
+lighttpd_pid=$!
+
+base=http://127.0.0.1:$port
+up=0
+for _ in $(seq 1 150); do
+  if curl -s -o /dev/null --max-time 1 "$base/page.txt"; then up=1; break; fi
+  kill -0 "$lighttpd_pid" 2>/dev/null || break
+  sleep 0.1
+done
+if [ $up = 0 ]; then
+  echo "bench/ssi: lighttpd did not come up on $base" >&2
+  cat "$run/lighttpd.out" "$run/lighttpd-error.log" >&2 2>/dev/null || true
+  exit 1
+fi
+
+# The back end lighttpd started with the given argv[0].
+backend_pid() {
+  local want=$1 p argv0
+  for p in /proc/[0-9]*; do
+    [ "$(awk '{print $4}' "$p/stat" 2>/dev/null)" = "$lighttpd_pid" ] || continue
+    argv0=$(tr '\0' '\n' < "$p/cmdline" 2>/dev/null | head -n 1) || continue
+    if [ "$argv0" = "$want" ]; then echo "${p#/proc/}"; return 0; fi
+  done
+  return 1
+}
+status_kb() { # pid field
+  awk -v f="$2:" '$1 == f { print $2 }' "/proc/$1/status" 2>/dev/null || true
+}
+
+ssi_pid="" copy_pid=""
+for _ in $(seq 1 50); do
+  ssi_pid=$(backend_pid "$root/cgi-bin/ssi" || true)
+  copy_pid=$(backend_pid "$bin/bench-fcgi-copy" || true)
+  [ -n "$ssi_pid" ] && [ -n "$copy_pid" ] && break
+  sleep 0.1
+done
+rss_ssi_idle=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmRSS || echo "?")
+rss_copy_idle=$( [ -n "$copy_pid" ] && status_kb "$copy_pid" VmRSS || echo "?")
+
+# ----------------------------------------------------------------- probe --
+targets=(a b c d)
+declare -A url label probe_status probe_size probe_type probe_note
+url[a]="/page.htm?$query";   label[a]="cgi-ssi (FastCGI, renders)"
+url[b]="/page.bfc?$query";   label[b]="copy responder (FastCGI, no render)"
+url[c]="/page.shtml?$query"; label[c]="lighttpd mod_ssi (renders)"
+url[d]="/page.txt?$query";   label[d]="static file"
+
+problems=()
+for t in "${targets[@]}"; do
+  body=$work/probe-$t.out
+  line=$(curl -s --max-time 5 -o "$body" -H "User-Agent: $user_agent" -H "Accept: $accept" \
+              -w '%{http_code} %{size_download} %{content_type}' "$base${url[$t]}" || echo "000 0 -")
+  read -r "probe_status[$t]" "probe_size[$t]" "probe_type[$t]" <<<"$line"
+  probe_note[$t]=""
+  if [ "${probe_status[$t]}" != 200 ]; then
+    probe_note[$t]="NOT 200"
+    problems+=("($t) ${label[$t]}: the probe got HTTP ${probe_status[$t]} (${probe_size[$t]} bytes), not 200")
+  elif { [ "$t" = a ] || [ "$t" = c ]; } && grep -q '<!--#' "$body"; then
+    probe_note[$t]="UNRENDERED"
+    problems+=("($t) ${label[$t]}: the page came back with its directives not expanded")
+  fi
+done
+
+# ------------------------------------------------------------------ load --
+# wrk once against one target; prints "rps requests non2xx socket_errors p50_us p99_us"
+load() { # target seconds
+  local t=$1 secs=$2 text
+  text=$(timeout $((secs + 15)) wrk -t"$threads" -c"$connections" -d"${secs}s" --timeout 2s \
+           -H "User-Agent: $user_agent" -H "Accept: $accept" \
+           -s "$here/wrk.lua" "$base${url[$t]}" 2>&1) || true
+  awk '
+    /^BENCH / {
+      for (i = 2; i <= NF; i++) { split($i, kv, "="); v[kv[1]] = kv[2] }
+      secs = v["duration_us"] / 1e6
+      printf "%.1f %d %d %d %d %d\n", (secs > 0 ? v["requests"] / secs : 0), v["requests"], v["status_errors"],
+             v["connect"] + v["read"] + v["write"] + v["timeout"], v["p50_us"], v["p99_us"]
+      found = 1
+    }
+    END { if (!found) print "0 0 0 0 0 0" }' <<<"$text"
+}
+
+declare -A best requests non2xx sockerr p50 p99 all_rps
+for t in "${targets[@]}"; do
+  load "$t" "$warmup" >/dev/null
+  best[$t]=0 requests[$t]=0 non2xx[$t]=0 sockerr[$t]=0 p50[$t]=0 p99[$t]=0 all_rps[$t]=""
+done
+for _ in $(seq 1 "$rounds"); do
+  for t in "${targets[@]}"; do
+    read -r rps n bad serr l50 l99 < <(load "$t" "$duration")
+    all_rps[$t]="${all_rps[$t]} $rps"
+    if [ $(( n + connections + threads )) -ge $(( threads * BENCH_MAX_REQUESTS )) ]; then
+      # The threads stopped before the time was up, so the rate is understated.
+      problems+=("($t) ${label[$t]}: a run reached the request cap ($BENCH_MAX_REQUESTS per thread); its rate is too low, raise BENCH_MAX_REQUESTS")
+    fi
+    requests[$t]=$(( ${requests[$t]} + n ))
+    non2xx[$t]=$(( ${non2xx[$t]} + bad ))
+    sockerr[$t]=$(( ${sockerr[$t]} + serr ))
+    if awk -v a="$rps" -v b="${best[$t]}" 'BEGIN { exit !(a > b) }'; then
+      best[$t]=$rps p50[$t]=$l50 p99[$t]=$l99
+    fi
+  done
+done
+for t in "${targets[@]}"; do
+  if [ "${non2xx[$t]}" -gt 0 ]; then
+    problems+=("($t) ${label[$t]}: ${non2xx[$t]} of ${requests[$t]} responses under load had a status of 400 or more")
+  fi
+  if [ "${requests[$t]}" -eq 0 ]; then
+    problems+=("($t) ${label[$t]}: wrk completed no request")
+  fi
+done
+
+rss_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmRSS || echo "?")
+hwm_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmHWM || echo "?")
+rss_copy_after=$( [ -n "$copy_pid" ] && status_kb "$copy_pid" VmRSS || echo "?")
+[ -n "$ssi_pid" ] && [ -d "/proc/$ssi_pid" ] || problems+=("the cgi-ssi back end (pid ${ssi_pid:-?}) was not found or did not survive the load")
+stop_lighttpd
+
+# ------------------------------------------------- instructions per page --
+# cgi-ssi as a plain CGI (stdin not a socket: one request, then exit), under
+# the name "ssi". Three runs, each the whole process from exec to exit:
+#   page   the benchmark page
+#   plain  the same page with no directive (same size)
+#   start  no page at all: the responder starts, initialises, accepts the one
+#          request and returns before any handler runs
+cgi_env() { # script-file script-name
+  local env_args=(
+    PATH=/usr/bin:/bin QUELM_ROOT="$root" QUELM_LOG_FILE="$run/cgi-ssi-callgrind.log"
+    QUELM_REALM=web QUELM_SRV_IDX=1 GATEWAY_INTERFACE=CGI/1.1 REQUEST_METHOD=GET
+    QUERY_STRING="$query" REQUEST_URI="$2?$query" DOCUMENT_ROOT="$docroot"
+    HTTP_HOST="127.0.0.1:$port" HTTP_USER_AGENT="$user_agent" HTTP_ACCEPT="$accept"
+    REMOTE_ADDR=127.0.0.1 REMOTE_PORT=40000 SERVER_NAME=127.0.0.1 SERVER_ADDR=127.0.0.1
+    SERVER_PORT="$port" SERVER_PROTOCOL=HTTP/1.1 SERVER_SOFTWARE=lighttpd
+  )
+  if [ -n "$1" ]; then env_args+=(SCRIPT_FILENAME="$1" SCRIPT_NAME="$2"); fi
+  printf '%s\0' "${env_args[@]}"
+}
+callgrind_ir() { # name script-file script-name
+  local name=$1 file=$run/callgrind.$1.out envs=()
+  mapfile -d '' envs < <(cgi_env "$2" "$3")
+  if ! env -i "${envs[@]}" timeout 120 valgrind --tool=callgrind --callgrind-out-file="$file" \
+         "$root/cgi-bin/ssi" </dev/null >"$run/callgrind.$name.stdout" 2>"$run/callgrind.$name.stderr"; then
+    : # the responder's exit status is not the point; the count is
+  fi
+  awk '/^summary:/ { print $2; found = 1 } END { if (!found) print "?" }' "$file" 2>/dev/null || echo "?"
+}
+
+inclusive_ir() { # function annotate-text
+  awk -v f="$1" '{ for (i = 2; i <= NF; i++) if ($i ~ ("(^|[^:]:)" f "$") && $(i + 1) ~ /^\[/) { gsub(",", "", $1); print $1; exit } }' "$2"
+}
+ir_page="?" ir_plain="?" ir_start="?" ir_request="?" ir_handler="?" cg_status="?"
+if [ "${BENCH_CALLGRIND:-1}" != 0 ] && command -v valgrind >/dev/null; then
+  ir_page=$(callgrind_ir page "$docroot/page.htm" /page.htm)
+  ir_plain=$(callgrind_ir plain "$docroot/plain.htm" /plain.htm)
+  ir_start=$(callgrind_ir start "" "")
+  # Inclusive counts inside the page run: the whole request (main_CGI) and
+  # the page handler (ssi) alone.
+  if command -v callgrind_annotate >/dev/null; then
+    callgrind_annotate --inclusive=yes --threshold=100 "$run/callgrind.page.out" > "$run/callgrind.page.txt" 2>/dev/null || true
+    ir_request=$(inclusive_ir main_CGI "$run/callgrind.page.txt")
+    ir_handler=$(inclusive_ir ssi "$run/callgrind.page.txt")
+  fi
+  cg_status=$(awk 'NR == 1 && /^Status:/ { print $2; exit } NR == 1 { print "200"; exit }' \
+                "$run/callgrind.page.stdout" 2>/dev/null || echo "?")
+  [ -n "$cg_status" ] || cg_status="none"
+  if [ "$cg_status" != 200 ]; then
+    problems+=("the callgrind run of cgi-ssi answered status $cg_status: its count is not a page render")
+  elif grep -q '<!--#' "$run/callgrind.page.stdout"; then
+    problems+=("the callgrind run of cgi-ssi left directives unexpanded")
+  fi
+fi
+
+# ---------------------------------------------------------------- report --
+num() { awk -v x="$1" 'BEGIN { if (x == "?" || x == "") print "?"; else printf "%.0f", x }'; }
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a == "?" || b == "?" || b + 0 == 0) print "?"; else printf "%.3f", a / b }'; }
+diff_ir() { awk -v a="$1" -v b="$2" -v n="${3:-1}" 'BEGIN { if (a == "?" || b == "?") print "?"; else printf "%.0f", (a - b) / n }'; }
+
+ab=$(ratio "${best[a]}" "${best[b]}")
+ac=$(ratio "${best[a]}" "${best[c]}")
+bd=$(ratio "${best[b]}" "${best[d]}")
+cd_=$(ratio "${best[c]}" "${best[d]}")
+target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (r >= 0.9) print "target 0.90 met"; else print "target 0.90 NOT met" }')
+
+{
+  echo "SSI page benchmark   $(date -u '+%Y-%m-%d %H:%M:%S UTC')   $(nproc) CPUs   $(lighttpd -v 2>/dev/null | head -n 1)"
+  echo "page: $page_bytes bytes, $directives echo directives; lighttpd on $base"
+  echo "load: wrk -t$threads -c$connections, ${warmup}s warm-up then $rounds x ${duration}s per target, best run kept"
+  echo
+  if [ ${#problems[@]} -gt 0 ]; then
+    echo "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!"
+    echo "!!! WARNING: these numbers do not measure what their labels say:"
+    for p in "${problems[@]}"; do echo "!!!   $p"; done
+    echo "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!"
+    echo
+  fi
+  printf '%-40s %-8s %7s %-10s %-10s %10s %9s %9s %7s  %s\n' target probe bytes type note "req/s" "p50 us" "p99 us" "errors" "each run (req/s)"
+  for t in "${targets[@]}"; do
+    type=${probe_type[$t]%%;*}
+    printf '%-40s %-8s %7s %-10s %-10s %10s %9s %9s %7s  %s\n' "($t) ${label[$t]}" "HTTP ${probe_status[$t]}" \
+      "${probe_size[$t]}" "${type:--}" "${probe_note[$t]:--}" "$(num "${best[$t]}")" "${p50[$t]}" "${p99[$t]}" \
+      "$(( ${non2xx[$t]} + ${sockerr[$t]} ))" "${all_rps[$t]# }"
+  done
+  echo
+  echo "a/b = $ab   (cgi-ssi against the copy-only responder; $target_note)"
+  echo "a/c = $ac   (cgi-ssi against lighttpd mod_ssi)"
+  echo "b/d = $bd   (FastCGI round trip against the static file)"
+  echo "c/d = $cd_   (mod_ssi against the static file)"
+  echo
+  echo "cgi-ssi responder memory (VmRSS of the \"ssi\" FastCGI process, pid ${ssi_pid:-?}):"
+  echo "  idle after start: ${rss_ssi_idle:-?} kB   after the load: ${rss_ssi_after:-?} kB   peak (VmHWM): ${hwm_ssi_after:-?} kB"
+  echo "  (copy responder for comparison: ${rss_copy_idle:-?} kB idle, ${rss_copy_after:-?} kB after the load)"
+  echo
+  echo "instructions (callgrind, cgi-ssi as a plain CGI named \"ssi\", one request, whole process):"
+  echo "  benchmark page:                 $(num "$ir_page")   (response status: $cg_status)"
+  echo "  same page without directives:   $(num "$ir_plain")"
+  echo "  start-up only (no page):        $(num "$ir_start")"
+  echo "  per page request  = page  - start-up: $(diff_ir "$ir_page" "$ir_start")"
+  echo "  per plain request = plain - start-up: $(diff_ir "$ir_plain" "$ir_start")"
+  echo "  per directive     = (page - plain) / $directives: $(diff_ir "$ir_page" "$ir_plain" "$directives")"
+  echo "  inside the page run, inclusive: the request (main_CGI) ${ir_request:-?}, of which the page handler (ssi) ${ir_handler:-?}"
+  echo "  (subtracted: the start-up run is the same process with no SCRIPT_FILENAME; it pays exec, dynamic"
+  echo "   linking, data-model initialisation and exit, which a FastCGI responder pays once, not per page)"
+  echo
+  echo "files: $work (probe-*.out bodies, lighttpd.conf, callgrind.*.out)"
+} | tee "$report"
