@@ -112,7 +112,7 @@ long idle_lifetime() {
     return delay;
 }
 
-bool expired(const struct stat &st, std::time_t now) { return idle_lifetime() < now - st.st_mtime; }
+bool expired(const struct stat &st, std::time_t now, long lifetime) { return lifetime < now - st.st_mtime; }
 
 // Reads a whole session file; false when it is missing or not a session.
 bool read_session_file(const std::string &mapped, std::string &content) {
@@ -231,12 +231,19 @@ int QM_FlushSessions(void) {
     }
     const char *r = realm();
     std::size_t realm_len = std::strlen(r);
+    // One reading of the lifetime serves the whole pass over the folder.
+    long lifetime = -1;
     while (struct dirent *entry = ::readdir(dir.get())) {
         if (entry->d_name[0] == '.') continue;
         if (std::strncmp(entry->d_name, r, realm_len) != 0) continue;
         std::string mapped = quelm::root_path(cut(std::string(kSessionPath) + "/" + entry->d_name, kPathSize));
         struct stat st {};
-        if (::stat(mapped.c_str(), &st) == 0 && expired(st, now)) {
+        if (::stat(mapped.c_str(), &st) != 0) {
+            if (QM_SessionMaxLimit != 0) ++QM_CurrentSession;
+            continue;
+        }
+        if (lifetime < 0) lifetime = idle_lifetime();
+        if (expired(st, now, lifetime)) {
             ::unlink(mapped.c_str());
             continue;
         }
@@ -293,7 +300,7 @@ int QM_CheckSession(const char *token) {
                           path.c_str());
         return 0;
     }
-    if (expired(st, std::time(nullptr))) {
+    if (expired(st, std::time(nullptr), idle_lifetime())) {
         quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path.c_str());
         QM_DestroySession();
         return 0;
