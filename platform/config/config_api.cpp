@@ -141,6 +141,10 @@ State *open_state(int &code, bool need_database) {
         } else {
             state->db = Database::open(db_path, false, message);
             code = state->db ? QM_ERR_NONE : QM_ERR_STORAGE;
+            if (state->db && state->generation.open(quelm::root_path(kGenerationFile))) {
+                state->db->count_commits(&state->generation);
+                state->cached_generation = state->generation.current();
+            }
         }
         if (code != QM_ERR_NONE) {
             log_message(LOG_ERR, "configuration library: %s", message.c_str());
@@ -151,6 +155,28 @@ State *open_state(int &code, bool need_database) {
 }
 
 void drop_state() { globals().state.reset(); }
+
+// Bounds the cache of a long-lived process; the settings a responder reads
+// are a few dozen.
+constexpr std::size_t kMaxCachedValues = 4096;
+
+const State::CachedValue *State::cached(const std::string &name) {
+    if (!generation.usable()) return nullptr;
+    std::uint64_t now = generation.current();
+    if (now != cached_generation) {
+        values.clear();
+        cached_generation = now;
+        return nullptr;
+    }
+    auto found = values.find(name);
+    return found != values.end() ? &found->second : nullptr;
+}
+
+void State::remember(const std::string &name, int code, const std::string &value) {
+    if (!generation.usable()) return;
+    if (values.size() >= kMaxCachedValues) values.clear();
+    values[name] = CachedValue{code, value};
+}
 
 }  // namespace quelm::platform::detail
 
@@ -319,8 +345,23 @@ char *QM_DAT_getobjproperty(const char *object, const char *property) {
             set_error(QM_ERR_UNKNOWN_OBJECT);
             return nullptr;
         }
+        int code = 0;
+        State *state = open_state(code);
+        if (state == nullptr) {
+            set_error(code);
+            return nullptr;
+        }
         std::string value;
-        if (with_model([&](DataModel &m) { return m.get(name, value); }) != 0) return nullptr;
+        if (const State::CachedValue *hit = state->cached(name)) {
+            code = hit->code;
+            value = hit->value;
+        } else {
+            DataModel model = state->model();
+            code = model.get(name, value);
+            // Only answers of the database are kept, not its failures.
+            if (code != QM_ERR_STORAGE) state->remember(name, code, value);
+        }
+        if (set_error(code) != 0) return nullptr;
         char *out = copy_text(value);
         if (out == nullptr) set_error(QM_ERR_STORAGE);
         return out;

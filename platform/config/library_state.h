@@ -2,12 +2,15 @@
 // (config_api.cpp) and the root set-up (platform_init.cpp).
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include <sys/types.h>
 
 #include "file_lock.h"
+#include "generation.h"
 #include "model.h"
 #include "schema.h"
 #include "store.h"
@@ -24,6 +27,21 @@ struct State {
     FileLock lock;
     int lock_depth = 0;
     int lock_wait_ms = kDefaultLockWaitMs;
+
+    // Property values read since the change counter last moved: a responder
+    // asks for the same few settings on every request.
+    struct CachedValue {
+        int code;
+        std::string value;
+    };
+    Generation generation;
+    std::uint64_t cached_generation = 0;
+    std::unordered_map<std::string, CachedValue> values;
+
+    // The cached value of a property, or null; drops the cache when the
+    // data model changed since it was filled.
+    const CachedValue *cached(const std::string &name);
+    void remember(const std::string &name, int code, const std::string &value);
 
     ~State();
     DataModel model() { return DataModel(*schema, *db, *factory); }

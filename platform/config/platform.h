@@ -22,6 +22,8 @@ inline constexpr std::string_view kDefaultsDir = "/etc/quelm/config.default";
 inline constexpr std::string_view kSchemaFile = "/etc/quelm/config.default/schema.xml";
 inline constexpr std::string_view kFactoryFile = "/etc/quelm/config.default/factory.conf";
 inline constexpr std::string_view kDatabaseFile = "/var/quelm/config/config.db";
+// Change counter of the database (see generation.h).
+inline constexpr std::string_view kGenerationFile = "/var/quelm/config/generation";
 inline constexpr std::string_view kLockFile = "/var/quelm/config/config.lock";
 
 // Directories a gateway root needs.

@@ -1,5 +1,7 @@
 #include "store.h"
 
+#include "generation.h"
+
 #include <charconv>
 
 #include <fcntl.h>
@@ -53,6 +55,24 @@ std::unique_ptr<Database> Database::open(const std::string &path, bool create, s
 Database::~Database() {
     finalize_cached();
     if (db_ != nullptr) sqlite3_close_v2(db_);
+}
+
+namespace {
+// Frames in the log after which a commit checkpoints it (SQLite's own
+// default, which the commit hook below replaces).
+constexpr int kCheckpointFrames = 1000;
+}  // namespace
+
+int Database::after_commit(void *self, sqlite3 *db, const char *name, int frames) {
+    auto *database = static_cast<Database *>(self);
+    if (database->generation_ != nullptr) database->generation_->bump();
+    if (frames >= kCheckpointFrames) sqlite3_wal_checkpoint_v2(db, name, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    return SQLITE_OK;
+}
+
+void Database::count_commits(Generation *generation) {
+    generation_ = generation;
+    if (db_ != nullptr) sqlite3_wal_hook(db_, &Database::after_commit, this);
 }
 
 void Database::finalize_cached() {

@@ -21,6 +21,8 @@ struct sqlite3_stmt;
 
 namespace quelm::platform {
 
+class Generation;
+
 constexpr int kBusyTimeoutMs = 5000;
 
 class Database {
@@ -50,6 +52,10 @@ public:
     sqlite3_stmt *acquire(const std::string &sql);
     void release(sqlite3_stmt *stmt);
 
+    // Every commit on this connection (once it is in the log) moves the
+    // shared change counter, so that other processes drop what they cached.
+    void count_commits(Generation *generation);
+
 private:
     struct Cached {
         sqlite3_stmt *stmt = nullptr;
@@ -58,7 +64,9 @@ private:
 
     explicit Database(sqlite3 *db) : db_(db) {}
     void finalize_cached();
+    static int after_commit(void *self, sqlite3 *db, const char *name, int frames);
     sqlite3 *db_;
+    Generation *generation_ = nullptr;
     std::unordered_map<std::string, Cached> cache_;
 };
 

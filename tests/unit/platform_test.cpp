@@ -464,6 +464,26 @@ TEST_F(PlatformTest, CommitSavesAndRevertRestores) {
     EXPECT_EQ(count_of("User"), "1,3");
 }
 
+// Values are cached per process; a change made by another process must be
+// seen by the next read, and so must one made through this process.
+TEST_F(PlatformTest, ReadsSeeChangesOfOtherProcesses) {
+    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Hostname", "before", 0), 0);
+    EXPECT_EQ(value_of("Device", "Hostname"), "before");
+    EXPECT_EQ(value_of("Device", "Hostname"), "before");
+    for (const char *value : {"from-child", "again-from-child"}) {
+        pid_t pid = fork();
+        if (pid == 0) _exit(QM_DAT_setobjproperty("Device", "Hostname", value, 0) == 0 ? 0 : 1);
+        int status = -1;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        EXPECT_EQ(value_of("Device", "Hostname"), value);
+    }
+    char *missing = QM_DAT_getobjproperty("Device", "NoSuchProperty");
+    EXPECT_EQ(missing, nullptr);
+    EXPECT_NE(QM_err_get(), 0);
+    free(missing);
+}
+
 TEST_F(PlatformTest, FactoryRestoresRunningAndSavedAndIsRecorded) {
     ASSERT_EQ(QM_DAT_setobjproperty("User_1", "Password", "changed", 0), 0);
     ASSERT_EQ(QM_DAT_deleteobject("User_3", 0), 0);
