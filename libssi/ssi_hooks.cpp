@@ -3,15 +3,17 @@
 // then it answers as if the part found nothing: no text, result 0.
 #include "libssi/ssi_hooks.h"
 
+#include "qm_token.h"
+
 namespace cgissi::ssi {
 
 int hook_firmware_progression() { return 0; }
 int hook_nas_playlists() { return 0; }
 int hook_nas_fullplaylists() { return 0; }
 
-int hook_token(const char *) { return 0; }
+int hook_token(const char *arg) { return create_token(arg); }
 int hook_cli(const char *) { return 0; }
 int hook_fct(const char *) { return 0; }
-int hook_create(const char *) { return 0; }
+int hook_create(const char *arg) { return extend_token_create(arg); }
 
 }  // namespace cgissi::ssi

@@ -16,7 +16,7 @@
 #include "quelm_log.h"
 #include "quelm_root.h"
 #include "session/session_store.h"
-#include "session/token.h"
+#include "qm_token.h"
 
 namespace cgissi {
 namespace {
@@ -143,7 +143,9 @@ extern "C" int try_call_shared_plugin(const char *name, int argc, char **argv) {
 extern "C" int get_nbplugins(void) { return kBuiltinSymbolCount; }
 
 extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv) {
+    // Session and token of the previous request are not this one's.
     session::begin_request();
+    remove_last_token_name();
     set_ssi_do_plugin(do_plugin);
 
     char script_name[sizeof default_name];

@@ -1,0 +1,420 @@
+// login.cgi: logs a data-model user ("User_<n>") into the current browser
+// session, by signature (the password never travels) or by plain password,
+// and lets a user change a password sent encrypted.
+//
+// A successful login writes "USER", "PASSWORD" and "SERVICES" into the
+// session file; pages and the rights checks read them from there. Wrong
+// signatures count towards "MaxTry" of Services_IADConfigurator; refusing
+// logins while "TimeBlock" lies ahead is the web authentication library's
+// business.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <dlfcn.h>
+#include <openssl/crypto.h>
+#include <strings.h>
+
+#include "cgi_output.h"
+#include "cgic.h"
+#include "core/handlers.h"
+#include "qm_cgi_state.h"
+#include "qm_config.h"
+#include "qm_login.h"
+#include "qm_session.h"
+#include "qm_token.h"
+#include "quelm_log.h"
+#include "quelm_root.h"
+
+namespace cgissi::auth {
+namespace {
+
+// Form field buffers, terminator included. A value that does not fit counts
+// as not supplied.
+constexpr int kCustAuthSize = 64;
+constexpr int kSeedSize = 1024;
+constexpr int kLevelSize = 128;
+constexpr int kRequestSize = 64;
+constexpr int kLoginSize = 64;
+constexpr int kPasswordSize = 64;
+constexpr int kTokenFieldSize = 200;
+constexpr int kRedirectSize = 4;
+
+// Copies of user records while the signatures are checked.
+constexpr std::size_t kRecordBufferSize = 1024;
+// Session lookups of "USER"; one spare zero byte follows.
+constexpr int kSessionUserSize = 64;
+constexpr std::size_t kSuffixLength = 8;  // "Username", "Password", "Services"
+constexpr std::size_t kUserPrefixLength = 5;  // "User_"
+
+constexpr const char *kIad = "Services_IADConfigurator";
+constexpr const char *kNoRealm = "no_realm";
+constexpr const char *kDefaultLogin = "admin";
+constexpr const char *kAuthenticationRequest = "authentication";
+constexpr const char *kVendorLibrary = "/lib/webauth_vendor.so";
+constexpr const char *kVendorFunction = "webauth_check";
+constexpr int kVendorAccept = 1;
+constexpr int kModeChangePassword = 0;
+constexpr int kModeLogin = 1;
+
+struct ValueFree {
+    void operator()(char *value) const noexcept { std::free(value); }
+};
+using PlatformText = std::unique_ptr<char, ValueFree>;
+
+struct RecordsFree {
+    void operator()(QM_DAT_record *records) const noexcept { QM_DAT_freedata(&records); }
+};
+using Records = std::unique_ptr<QM_DAT_record, RecordsFree>;
+
+class Library {
+  public:
+    explicit Library(const std::string &path) : handle_(::dlopen(path.c_str(), RTLD_LAZY)) {}
+    Library(const Library &) = delete;
+    Library &operator=(const Library &) = delete;
+    ~Library() {
+        if (handle_ != nullptr) ::dlclose(handle_);
+    }
+    void *get() const { return handle_; }
+
+  private:
+    void *handle_;
+};
+
+using VendorCheck = int (*)(int, const char *, const char *, const char *);
+
+const char *realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
+
+bool has_line_break(const char *s) { return s != nullptr && std::strpbrk(s, "\r\n") != nullptr; }
+
+bool ends_with(std::string_view text, std::string_view suffix) {
+    return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
+}
+
+// A form field that is there, not empty and fits its buffer.
+bool form_value(const char *name, char *out, int size) {
+    return cgiFormString(name, out, size) == cgiFormSuccess;
+}
+
+// Constant time over the longer text once the lengths agree.
+bool same_secret(const char *a, const char *b) {
+    std::size_t la = std::strlen(a), lb = std::strlen(b);
+    return la == lb && CRYPTO_memcmp(a, b, la) == 0;
+}
+
+bool property(const std::string &object, const char *name, std::string &out) {
+    PlatformText value(QM_DAT_getobjproperty(object.c_str(), name));
+    if (!value) return false;
+    out = value.get();
+    return true;
+}
+
+int int_property(const std::string &object, const char *name) {
+    int value = 0;
+    GetPropertyIntValue(object.c_str(), name, &value);
+    return value;
+}
+
+void copy_bounded(char *out, std::size_t size, const char *value) {
+    std::snprintf(out, size, "%s", value != nullptr ? value : "");
+}
+
+void remove_login() {
+    QM_RemoveSessionInfo(QM_SessionToken, "USER");
+    QM_RemoveSessionInfo(QM_SessionToken, "PASSWORD");
+    QM_RemoveSessionInfo(QM_SessionToken, "SERVICES");
+}
+
+// Writes the three login entries. A value with a line break would add
+// entries of its own to the session file; it is refused, and so is a write
+// the store does not take. Nothing of a refused login stays behind.
+bool store_login(const char *login, const char *password, const char *services) {
+    if (has_line_break(login) || has_line_break(password) || has_line_break(services)) {
+        quelm::log::print(LOG_ERR, "%s %d: refused a login value with a line break", "update_session_user",
+                          __LINE__);
+        remove_login();
+        return false;
+    }
+    bool stored = QM_SetSessionInfo(QM_SessionToken, "USER", login) == 1 &&
+                  QM_SetSessionInfo(QM_SessionToken, "PASSWORD", password) == 1 &&
+                  QM_SetSessionInfo(QM_SessionToken, "SERVICES", services) == 1;
+    if (!stored) remove_login();
+    return stored;
+}
+
+// A password posted by the password page: base64 of the cipher text keyed
+// by the form's "token" field. False when it is not such a text.
+bool decrypt_posted_password(const char *posted, char *out, std::size_t size) {
+    char key[kTokenFieldSize] = {};
+    cgiFormString("token", key, sizeof key);
+    char hex[QM_CRYPT_BUFFER_SIZE];
+    if (decode64(posted, hex, sizeof hex) == nullptr) return false;
+    return decrypt_post_value(key, hex, out, size) != nullptr;
+}
+
+// The logged-in user changes the password (mode 0); given already matched.
+int change_password(const char *services, const char *object) {
+    char posted[kPasswordSize];
+    if (!form_value("newpassword1", posted, sizeof posted)) return 0;
+    char fresh[QM_CRYPT_BUFFER_SIZE];
+    if (!decrypt_posted_password(posted, fresh, sizeof fresh)) {
+        QM_LOG_print("%s %d: new password of %s is not an encrypted value", "update_session_user", __LINE__, object);
+        return 0;
+    }
+    if (has_line_break(posted) || has_line_break(services) || has_line_break(fresh)) {
+        quelm::log::print(LOG_ERR, "%s %d: refused a password with a line break", "update_session_user", __LINE__);
+        return 0;
+    }
+    if (QM_HasSession() != 0) {
+        // The session keeps the password as the page sent it (encrypted).
+        QM_RemoveSessionInfo(QM_SessionToken, "PASSWORD");
+        QM_SetSessionInfo(QM_SessionToken, "PASSWORD", posted);
+        QM_SetSessionInfo(QM_SessionToken, "SERVICES", services);
+    }
+    if (SetPropertyStrValue(object, "Password", fresh) != 0) {
+        QM_LOG_print("%s %d: failed to set %s_Password", "update_session_user", __LINE__, object);
+        return 0;
+    }
+    QM_FILE_commit(0);
+    return 1;
+}
+
+int call_vendor_extension(int number, const char *login, const char *stored, const char *given) {
+    Library library(quelm::root_path(kVendorLibrary));
+    if (library.get() == nullptr) return -ENOENT;
+    ::dlerror();
+    auto check = reinterpret_cast<VendorCheck>(::dlsym(library.get(), kVendorFunction));
+    if (check == nullptr) {
+        const char *error = ::dlerror();
+        quelm::log::print(LOG_ERR, "Failed to extract handle to webauth_check : %s\n", error != nullptr ? error : "");
+        return -ENOENT;
+    }
+    int answer = check(number, login, stored, given);
+    quelm::log::print(LOG_DEBUG, "Got %d for external vendor function", answer);
+    return answer;
+}
+
+int update_session_user(const char *login, const char *given, const char *stored, const char *services, int number,
+                        int mode, const char *object) {
+    if (QM_HasSession() != 0) {
+        char user[kSessionUserSize + 1] = {};
+        // Another user logging into this session first drops the previous one.
+        if (QM_GetSessionInfo(QM_SessionToken, "USER", user, kSessionUserSize) == 1 && user[0] != '\0' &&
+            std::strcmp(user, login) != 0) {
+            remove_login();
+        }
+    }
+    if (mode == kModeLogin && call_vendor_extension(number, login, stored, given) == kVendorAccept) {
+        return store_login(login, given, services) ? 1 : 0;
+    }
+    char decrypted[QM_CRYPT_BUFFER_SIZE] = {};
+    if (mode == kModeChangePassword) {
+        if (!decrypt_posted_password(given, decrypted, sizeof decrypted)) return 0;
+        given = decrypted;
+    }
+    if (!same_secret(given, stored)) return 0;
+    if (mode == kModeLogin) {
+        remove_login();
+        return store_login(login, given, services) ? 1 : 0;
+    }
+    return change_password(services, object);
+}
+
+std::string user_object(int number) { return "User_" + std::to_string(number); }
+
+// The "User" instances whose Enable and User are set and whose Services
+// hold word as one of its ","-separated items, as the data model's path
+// query selects them; their records in order.
+Records signature_candidates(const char *level) {
+    std::string filter = "User_*[Enable=1][User=1][Services?=web_";
+    filter.append(realm());
+    if (std::strcmp(level, kNoRealm) != 0) filter.append("_").append(level);
+    filter.append("]");
+    return Records(QM_DAT_getobjdata(filter.c_str(), 0));
+}
+
+void count_failed_signature() {
+    int max_try = int_property(kIad, "MaxTry");
+    int try_delay = int_property(kIad, "TryDelay");
+    int number_try = int_property(kIad, "NumberTry") + 1;
+    if (number_try == max_try) {
+        char block[32];
+        std::snprintf(block, sizeof block, "%ld", static_cast<long>(std::time(nullptr)) + try_delay);
+        SetPropertyStrValue(kIad, "TimeBlock", block);
+    }
+    SetPropertyIntValue(kIad, "NumberTry", number_try);
+    QM_FILE_commit(0);
+}
+
+int parse_config_auth_signature(const char *seed, const char *level, int mode) {
+    // The session token is the signature's key: no session, no signed login.
+    if (QM_HasSession() == 0) return 0;
+    Records records = signature_candidates(level);
+    char user[kRecordBufferSize] = {};
+    char password[kRecordBufferSize] = {};
+    char services[kRecordBufferSize] = {};
+    const QM_DAT_record *matched = nullptr;
+    for (const QM_DAT_record *r = records.get(); r != nullptr; r = r->next) {
+        std::string_view name = r->name != nullptr ? r->name : "";
+        if (name.size() != kSuffixLength) {
+            if (ends_with(name, "Username")) copy_bounded(user, sizeof user, r->value);
+            else if (ends_with(name, "Password")) copy_bounded(password, sizeof password, r->value);
+            else if (ends_with(name, "Services")) copy_bounded(services, sizeof services, r->value);
+        }
+        if (user[0] == '\0' || password[0] == '\0' || services[0] == '\0') continue;
+        if (check_sha_sig(user, password, QM_SessionToken, seed) == 1) {
+            matched = r;
+            break;
+        }
+        QM_LOG_print("Signature failed");
+        user[0] = password[0] = services[0] = '\0';
+        count_failed_signature();
+    }
+    if (matched == nullptr) return 0;
+    int number = static_cast<int>(std::strtol(matched->name + kUserPrefixLength, nullptr, 10));
+    std::string object = user_object(number);
+    int result = update_session_user(user, password, password, services, number, mode, object.c_str());
+    SetPropertyIntValue(kIad, "NumberTry", 0);
+    QM_FILE_commit(0);
+    return result;
+}
+
+int retrieve_password(const char *login, const char *password, const char *level, int mode) {
+    PlatformText list(QM_DAT_getobjcount("User"));
+    if (!list) return 0;
+    std::string level_word;
+    if (level != nullptr && std::strcmp(level, kNoRealm) != 0) level_word.append(realm()).append("_").append(level);
+    int result = 0;
+    int number = 0;
+    const char *rest = list.get();
+    do {
+        rest = next_item(rest, &number);
+        if (number == 0) break;
+        std::string object = user_object(number);
+        std::string services, username, stored;
+        if (int_property(object, "Enable") == 0 || int_property(object, "User") == 0) continue;
+        if (!property(object, "Services", services) || services.find(realm()) == std::string::npos) continue;
+        if (!property(object, "Username", username) || username != login) continue;
+        if (!level_word.empty() && services.find(level_word) == std::string::npos) continue;
+        property(object, "Password", stored);
+        result = update_session_user(login, password, stored.c_str(), services.c_str(), number, mode,
+                                     object.c_str());
+    } while (rest != nullptr);
+    return result;
+}
+
+void redirect_html(const char *url, bool failed) {
+    // The first line names no header; browsers and the pages' scripts have
+    // always got it this way.
+    cgi_out_printf("text/html\r\n\r\n<HTML>\n");
+    cgi_out_printf("<script>\r\ndocument.location.replace(\"%s%s\");\r\n</script>\r\n", url,
+                   failed ? "?pwd=ko" : "");
+    cgi_out_printf("</HTML>\n");
+    cgi_out_flush();
+}
+
+void redirect_json(bool failed) {
+    cgi_out_printf("text/plain\r\n\r\n");
+    cgi_out_printf("{\"result\": \"%s\", \"codeError\": %d}\r\n", failed ? "Invalid Username or password" : "OK",
+                   failed ? -1 : 0);
+    cgi_out_flush();
+}
+
+void redirect(int ok, const char *referrer) {
+    char target[kRedirectSize];
+    // Read with one byte less than the buffer: "no" asks for the JSON answer
+    // and anything of three characters or more (pages send "yes") falls back
+    // to the referring page.
+    if (cgiFormString("redirect", target, kRedirectSize - 1) != cgiFormSuccess) {
+        if (ok != 0) QM_err_set(0);
+        redirect_html(referrer, ok == 0);
+    } else if (strcasecmp(target, "no") == 0) {
+        redirect_json(ok == 0);
+    } else {
+        redirect_html(target, ok == 0);
+    }
+}
+
+// HTTP_REFERER without its query; the variable itself is cut too, so that
+// the request layer sees the same page.
+std::string referring_page() {
+    const char *value = std::getenv("HTTP_REFERER");
+    if (value == nullptr) return "";
+    std::string page = value;
+    std::size_t query = page.find('?');
+    if (query != std::string::npos) {
+        page.resize(query);
+        setenv("HTTP_REFERER", page.c_str(), 1);
+    }
+    return page;
+}
+
+// ".../password.htm" gives ".../passwordOK.htm".
+std::string success_page(const std::string &referrer) {
+    std::size_t dot = referrer.rfind('.');
+    return referrer.substr(0, dot) + "OK.htm";
+}
+
+void signed_login(const std::string &referrer) {
+    char seed[kSeedSize];
+    char level[kLevelSize];
+    int result = 0;
+    if (form_value("seed", seed, sizeof seed) && form_value("level", level, sizeof level)) {
+        result = parse_config_auth_signature(seed, level, kModeLogin);
+    }
+    redirect(result, referrer.c_str());
+}
+
+void plain_login(const std::string &referrer) {
+    char login[kLoginSize];
+    char password[kPasswordSize];
+    char level[kLevelSize];
+    int result = 0;
+    if (form_value("login", login, sizeof login) && form_value("password", password, sizeof password) &&
+        form_value("level", level, sizeof level) && QM_HasSession() != 0) {
+        result = retrieve_password(login, password, level, kModeLogin);
+    }
+    redirect(result, referrer.c_str());
+}
+
+void password_change(const std::string &referrer) {
+    char current[kPasswordSize];
+    if (!form_value("currentpassword", current, sizeof current)) return;
+    char login[kLoginSize];
+    if (!form_value("login", login, sizeof login)) copy_bounded(login, sizeof login, kDefaultLogin);
+    if (retrieve_password(login, current, nullptr, kModeChangePassword) == 1) {
+        redirect_html(success_page(referrer).c_str(), false);
+    } else {
+        redirect_html(referrer.c_str(), true);
+    }
+}
+
+}  // namespace
+}  // namespace cgissi::auth
+
+extern "C" int login_cgi(int, char **) {
+    using namespace cgissi::auth;
+    QM_err_set(0);
+    std::string referrer = referring_page();
+    if (cgiInitResources(nullptr) != 0) return 0;
+    set_cgierror(QM_err_get());
+
+    char cust_auth[kCustAuthSize];
+    char request[kRequestSize];
+    if (!form_value("cust_auth", cust_auth, sizeof cust_auth)) {
+        signed_login(referrer);
+    } else if (form_value("request", request, sizeof request)) {
+        if (std::strcmp(request, kAuthenticationRequest) == 0) {
+            plain_login(referrer);
+        } else {
+            password_change(referrer);
+        }
+    }
+    cgiFreeResources();
+    return 0;
+}

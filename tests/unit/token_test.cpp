@@ -1,0 +1,256 @@
+// Access tokens against a gateway root of their own: creation from the
+// page's text, the check of a presented token with its expiry, the rights
+// test and the rewrite of a token file.
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "cgi_output.h"
+#include "cgic.h"
+#include "qm_config.h"
+#include "qm_token.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string slurp(const fs::path &path) {
+    std::ostringstream s;
+    s << std::ifstream(path, std::ios::binary).rdbuf();
+    return s.str();
+}
+
+std::string captured_output(const std::function<void()> &write) {
+    cgi_out_flush();
+    int saved = dup(1);
+    std::FILE *sink = std::tmpfile();
+    dup2(fileno(sink), 1);
+    write();
+    cgi_out_flush();
+    dup2(saved, 1);
+    close(saved);
+    std::rewind(sink);
+    std::string out(4096, '\0');
+    out.resize(std::fread(out.data(), 1, out.size(), sink));
+    std::fclose(sink);
+    return out;
+}
+
+std::time_t mtime(const fs::path &path) {
+    struct stat st {};
+    EXPECT_EQ(stat(path.c_str(), &st), 0) << path;
+    return st.st_mtime;
+}
+
+// Waits until time() has just moved on, so that a short piece of work stays
+// in that second.
+std::time_t fresh_second() {
+    std::time_t start = std::time(nullptr), now = start;
+    while (now == start) {
+        usleep(1000);
+        now = std::time(nullptr);
+    }
+    return now;
+}
+
+class Token : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        // Outside a FastCGI server the first accept binds the response stream.
+        if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+    }
+    void SetUp() override {
+        char dir[] = "/tmp/token_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        root_ = dir;
+        fs::create_directories(tmp());
+        setenv("QUELM_ROOT", root_.c_str(), 1);
+        setenv("QUELM_LOG_FILE", (root_ / "log").c_str(), 1);
+        QM_LOG_set(1);
+        remove_last_token_name();
+    }
+    void TearDown() override {
+        remove_last_token_name();
+        cgiFreeResources();
+        QM_LOG_set(0);
+        for (const char *name : {"QUELM_ROOT", "QUELM_LOG_FILE", "REQUEST_METHOD", "QUERY_STRING"}) unsetenv(name);
+        fs::remove_all(root_);
+    }
+
+    fs::path tmp() const { return root_ / "var/tmp"; }
+    fs::path file_of(const std::string &token) const { return tmp() / ("CGI_Token_" + token); }
+    std::string logged() const { return slurp(root_ / "log"); }
+
+    // create_token's result and the token it wrote to the page.
+    std::pair<int, std::string> create(const std::string &text) {
+        int result = -9;
+        std::string out = captured_output([&] { result = create_token(text.c_str()); });
+        std::smatch m;
+        EXPECT_TRUE(out.empty() || std::regex_match(out, m, std::regex("\"([A-Za-z0-9]{6})\""))) << out;
+        return {result, m.empty() ? "" : m[1].str()};
+    }
+
+    void plant(const fs::path &path, const std::string &content, std::time_t expiry) {
+        std::ofstream(path, std::ios::binary) << content;
+        const struct timeval times[2] = {{expiry, 0}, {expiry, 0}};
+        ASSERT_EQ(utimes(path.c_str(), times), 0);
+    }
+
+    int check(const char *query, token_context &context) {
+        cgiFreeResources();
+        setenv("REQUEST_METHOD", "GET", 1);
+        setenv("QUERY_STRING", query, 1);
+        EXPECT_EQ(cgiInitResources(nullptr), 0);
+        return get_token_rights(&context);
+    }
+
+    fs::path root_;
+};
+
+TEST_F(Token, CreateTakesLifetimeAndRightsFromThePageText) {
+    struct Case {
+        std::string text;
+        int result, lifetime;
+        std::string rights;
+    } cases[] = {
+        {"600 Wifi,Hosts", 0, 600, "Wifi,Hosts"},
+        {"abc Wifi", 0, 900, "Wifi"},          // no number
+        {"Wifi,Hosts", 0, 900, "Wifi,Hosts"},  // no blank
+        {"0 Wifi", 0, 900, "Wifi"},
+        {"30 with blanks", 0, 30, "with blanks"},
+        {std::string(399, 'r'), 0, 900, std::string(399, 'r')},
+        {std::string(400, 'r'), -1, 0, ""},    // length + 1 reaches 401
+    };
+    for (const Case &c : cases) {
+        remove_last_token_name();
+        std::time_t before = std::time(nullptr);
+        auto [result, token] = create(c.text);
+        ASSERT_EQ(result, c.result) << c.text;
+        if (result != 0) {
+            EXPECT_EQ(token, "");
+            continue;
+        }
+        EXPECT_EQ(slurp(file_of(token)), std::to_string(c.lifetime) + "\n" + c.rights + "\n");
+        EXPECT_GE(mtime(file_of(token)), before + c.lifetime) << c.text;
+        EXPECT_LE(mtime(file_of(token)), std::time(nullptr) + c.lifetime) << c.text;
+        EXPECT_EQ(std::string(last_token_name), "/var/tmp/CGI_Token_" + token);
+        EXPECT_EQ(last_token_lifetime, c.lifetime);
+    }
+    EXPECT_TRUE(std::regex_search(logged(), std::regex("create_token [0-9]+ : token is too big")));
+}
+
+TEST_F(Token, TwoTokensOnOnePageOnlyTheFirstIsExtended) {
+    std::string first = create("600 Wifi").second, second = create("600 Hosts").second;
+    ASSERT_FALSE(first.empty() || second.empty() || first == second);
+    EXPECT_EQ(std::string(last_token_name), "/var/tmp/CGI_Token_" + first);
+    EXPECT_NE(logged().find(": error, two or more tokens created !"), std::string::npos);
+
+    std::time_t expiry = mtime(file_of(first));
+    EXPECT_EQ(captured_output([] { EXPECT_EQ(extend_token_create("Rule,3,Enable=1"), 0); }), "\"\"");
+    extend_token(last_token_name, "Device");
+    EXPECT_EQ(slurp(file_of(first)), "600\nWifi,Device\nRule,3,Enable=1\n");
+    EXPECT_EQ(slurp(file_of(second)), "600\nHosts\n");
+    EXPECT_EQ(mtime(file_of(first)), expiry) << "rewriting must not end the token";
+    EXPECT_FALSE(fs::exists(tmp() / ("CGI_Token_" + first + "~")));
+
+    remove_last_token_name();
+    EXPECT_EQ(captured_output([] { EXPECT_EQ(extend_token_create("Rule,1,"), -1); }), "");
+}
+
+TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
+    std::time_t now = fresh_second();
+    // "/../x1" is six characters: through a directory named "CGI_Token_" it
+    // would reach this expired file, which must survive.
+    fs::create_directory(tmp() / "CGI_Token_");
+    plant(tmp() / "x1", "900\nall\n", now - 100);
+    fs::create_directory(tmp() / "CGI_Token_Dir123");
+    const struct timeval later[2] = {{now + 100, 0}, {now + 100, 0}};
+    ASSERT_EQ(utimes((tmp() / "CGI_Token_Dir123").c_str(), later), 0);
+    plant(file_of("Same01"), "120\nWifi\nRule,1,\n", now);  // expires this very second
+    plant(file_of("Late01"), "120\nWifi\n", now - 1);
+    plant(file_of("Long01"), "60\n" + std::string(450, 'w') + "\n", now + 5);
+
+    const std::string invalid = "Token is invalid or your session has expired. Please refresh the page.";
+    const std::string expired = "Your session has expired. Please refresh the page.";
+    struct Case {
+        const char *query;
+        int result;
+        std::string message, rights;
+    } cases[] = {
+        {"other=1", QM_TOKEN_MISSING, "You must provide a token to access the values of CLI get or post.", ""},
+        {"token=abc12", QM_TOKEN_UNKNOWN, invalid, ""},
+        {"token=%2F..%2Fx1", QM_TOKEN_UNKNOWN, invalid, ""},
+        {"token=Zz9Zz9", QM_TOKEN_UNKNOWN, expired, ""},
+        {"token=Dir123", QM_TOKEN_UNREADABLE, "Unknown error. Please refresh the page.", ""},
+        {"token=Late01", QM_TOKEN_EXPIRED, expired, ""},
+        {"token=Same01", QM_TOKEN_VALID, "", "Wifi"},
+        {"token=Long01", QM_TOKEN_VALID, "", std::string(399, 'w')},
+    };
+    auto context = std::make_unique<token_context>();
+    std::string errors;
+    for (const Case &c : cases) {
+        remove_last_token_name();
+        EXPECT_EQ(check(c.query, *context), c.result) << c.query;
+        EXPECT_EQ(std::string(context->rights), c.rights) << c.query;
+        errors += c.message;
+        EXPECT_EQ(std::string(context->error_text), errors) << c.query;
+        EXPECT_EQ(last_token_name != nullptr, c.result == QM_TOKEN_VALID) << c.query;
+    }
+    EXPECT_TRUE(fs::exists(tmp() / "x1"));
+    EXPECT_FALSE(fs::exists(file_of("Late01")));
+    EXPECT_GE(mtime(file_of("Same01")), now + 120) << "use renews the expiry";
+    EXPECT_EQ(last_token_lifetime, 60);
+
+    // The accumulated text stays below its size.
+    std::string filler(QM_TOKEN_ERROR_TEXT_SIZE - 10, 'e');
+    std::snprintf(context->error_text, sizeof context->error_text, "%s", filler.c_str());
+    check("token=abc12", *context);
+    EXPECT_EQ(std::string(context->error_text), filler + invalid.substr(0, 9));
+}
+
+TEST_F(Token, RightsAreSubstringsOfThePath) {
+    struct Case {
+        const char *rights, *object;
+        int allowed;
+    } cases[] = {
+        {"all", "Device_Hostname", 1},
+        {"Wifi,Hosts", "LANDevice_1_Hosts_3_Name", 1},
+        {"Wifi,Hosts", "Device_Hostname", 0},
+        {"LANDevice_1_Hosts", "Hosts", 0},   // the right inside the path, not the reverse
+        {"all,Wifi", "Device_Hostname", 0},  // only "all" alone is everything
+        {"all,Wifi", "Services_all_x", 1},
+        {"", "Device", 0},
+        {",Wifi", "Device", 0},              // empty items grant nothing
+        {"a,,b", "Device", 0},
+    };
+    for (const Case &c : cases) EXPECT_EQ(has_right(c.rights, c.object), c.allowed) << c.rights << " / " << c.object;
+}
+
+TEST_F(Token, ExtendKeepsOtherLinesAndRefusesForeignPaths) {
+    const std::string long_rights(500, 'r');
+    plant(file_of("Ext001"), "600\n" + long_rights + "\nRule,1,\n", std::time(nullptr) + 50);
+    extend_token("/var/tmp/CGI_Token_Ext001", "Device");
+    EXPECT_EQ(slurp(file_of("Ext001")), "600\n" + long_rights + ",Device\nRule,1,\n");
+
+    plant(file_of("Ext002"), "600\nWifi\n", std::time(nullptr) + 50);
+    extend_token("/var/tmp/CGI_Token_Ext002", "Device\nall");  // would add a line
+    extend_token("/var/tmp/CGI_Token_../CGI_Token_Ext002", "Device");
+    EXPECT_EQ(slurp(file_of("Ext002")), "600\nWifi\n");
+    EXPECT_EQ(refresh_token_timestamp("/var/tmp/cgierror", 60), -1);
+}
+
+}  // namespace
