@@ -272,11 +272,11 @@ void do_echo(const Call &c) {
     }
     const std::string &name = c.value;
     if (name == "DOCUMENT_NAME") {
-        cgi_out_printf("%s", c.file_name.c_str());
+        cgi_out_write(c.file_name.data(), c.file_name.size());
     } else if (name == "DOCUMENT_URI") {
-        cgi_out_printf("%s", c.virtual_name.c_str());
+        cgi_out_write(c.virtual_name.data(), c.virtual_name.size());
     } else if (name == "QUERY_STRING_UNESCAPED") {
-        if (const char *query = std::getenv("QUERY_STRING")) cgi_out_printf("%s", query);
+        if (const char *query = std::getenv("QUERY_STRING")) cgi_out_write(query, std::strlen(query));
     } else if (name == "DATE_LOCAL") {
         print_time(std::time(nullptr), false);
     } else if (name == "DATE_GMT") {
@@ -285,7 +285,7 @@ void do_echo(const Call &c) {
         struct stat st {};
         if (::stat(c.file_name.c_str(), &st) == 0) print_time(st.st_mtime, false);
     } else if (const char *env = std::getenv(name.c_str())) {
-        cgi_out_printf("%s", env);
+        cgi_out_write(env, std::strlen(env));
     } else if (name == "X_FORWARDED_FOR") {
         cgi_out_printf("%s", "");
     } else if (ssi_symbol_callback callback = symbol_callback()) {
@@ -439,15 +439,17 @@ public:
     void text(std::string_view run) override { emit(run); }
 
     bool directive(std::string_view from_open, std::string_view inner) override {
-        Directive d;
-        if (!parse_directive(inner, d)) return false;
+        if (!parse_directive(inner, directive_)) return false;
         int section = 0;
         if (section_tag(from_open, section)) section_state.auth_section = section;
-        parse(virtual_name_, file_name_, d);
+        parse(virtual_name_, file_name_, directive_);
         return true;
     }
 
 private:
+    // Reused from directive to directive of this page (an included page has
+    // its own renderer).
+    Directive directive_;
     const std::string &virtual_name_;
     const std::string &file_name_;
 };

@@ -118,12 +118,14 @@ bool parse_directive(std::string_view text, Directive &out) {
     out.attributes.clear();
     text = text.substr(0, text.find('\0'));
 
-    // Token boundaries, the directive name first.
-    std::vector<std::size_t> starts;
-    std::vector<std::size_t> ends;
+    // Token boundaries, the directive name first. Fixed arrays: this runs
+    // for every directive of every page.
+    std::array<std::size_t, kMaxAttributes + 1> starts;
+    std::array<std::size_t, kMaxAttributes + 1> ends;
+    std::size_t count = 0, ended = 0;
     std::size_t pos = skip_blanks(text, 0);
-    starts.push_back(pos);
-    while (starts.size() - 1 < kMaxAttributes) {
+    starts[count++] = pos;
+    while (count - 1 < kMaxAttributes) {
         std::size_t sep = find_separator(text, pos);
         if (sep == std::string_view::npos) break;
         if (text[sep] == '"') {
@@ -132,17 +134,17 @@ bool parse_directive(std::string_view text, Directive &out) {
             sep = closing + 1;
             if (sep >= text.size()) break;
         }
-        ends.push_back(sep);  // the byte at sep ends the token and is dropped
+        ends[ended++] = sep;  // the byte at sep ends the token and is dropped
         pos = skip_blanks(text, sep + 1);
         if (pos >= text.size()) break;
-        starts.push_back(pos);
+        starts[count++] = pos;
     }
     // The last token runs to the end: the scan ran out, or stopped at the
     // attribute limit before cutting it.
-    if (ends.size() < starts.size()) ends.push_back(text.size());
+    if (ended < count) ends[ended++] = text.size();
 
     out.name = text.substr(starts[0], ends[0] - starts[0]);
-    for (std::size_t i = 1; i < starts.size(); ++i) {
+    for (std::size_t i = 1; i < count; ++i) {
         out.attributes.push_back(split_attribute(text.substr(starts[i], ends[i] - starts[i])));
     }
     return true;
