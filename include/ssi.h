@@ -33,6 +33,16 @@ enum {
 /* The current output mode; prefer SSI_Set_Mode / SSI_Get_Mode. */
 QM_EXPORT extern int Ssi_mode;
 
+/* Built-in SSI symbols ("iCgiError", ...): a producer writes its text into
+ * Ssi and returns its result code. get_nbplugins() gives the row count. */
+enum { SSI_SYMBOL_NAME_SIZE = 64 };
+typedef struct ssi_builtin_symbol {
+    char name[SSI_SYMBOL_NAME_SIZE];
+    int (*producer)(void);
+} ssi_builtin_symbol;
+QM_EXPORT extern const ssi_builtin_symbol plugins[];
+QM_EXPORT int get_nbplugins(void);
+
 QM_EXPORT void SSI_Set_Mode(int mode);
 QM_EXPORT int SSI_Get_Mode(void);
 

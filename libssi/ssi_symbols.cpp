@@ -10,24 +10,18 @@
 #include "qm_config.h"
 #include "ssi.h"
 
+// Searched in order by exact name; get_nbplugins() reports the row count.
+extern "C" const ssi_builtin_symbol plugins[] = {
+    {"iCgiError", get_cgierror},
+    {"iFirmwareProgression", cgissi::ssi::hook_firmware_progression},
+    {"sNasPlaylists", cgissi::ssi::hook_nas_playlists},
+    {"sNasFullPlaylists", cgissi::ssi::hook_nas_fullplaylists},
+};
+static_assert(sizeof plugins / sizeof plugins[0] == 4);
+
 namespace cgissi::ssi {
 namespace {
 
-constexpr int kSymbolNameSize = 64;
-
-struct BuiltinSymbol {
-    char name[kSymbolNameSize];
-    int (*producer)();
-};
-
-// Searched in order by exact name. get_nbplugins() reports the row count.
-constexpr BuiltinSymbol kBuiltinSymbols[] = {
-    {"iCgiError", get_cgierror},
-    {"iFirmwareProgression", hook_firmware_progression},
-    {"sNasPlaylists", hook_nas_playlists},
-    {"sNasFullPlaylists", hook_nas_fullplaylists},
-};
-static_assert(sizeof kBuiltinSymbols / sizeof kBuiltinSymbols[0] == 4);
 
 ssi_symbol_callback installed_callback = nullptr;
 
@@ -75,7 +69,7 @@ void set_ssi_do_plugin(ssi_symbol_callback callback) { installed_callback = call
 int do_plugin(const char *symbol) {
     if (symbol == nullptr) return 0;
     std::memset(Ssi, 0, sizeof Ssi);
-    for (const BuiltinSymbol &row : kBuiltinSymbols) {
+    for (const ssi_builtin_symbol &row : plugins) {
         if (std::strcmp(row.name, symbol) != 0) continue;
         QM_err_set(row.producer());
         // A producer may fill all of Ssi; it is printed as a bounded text.

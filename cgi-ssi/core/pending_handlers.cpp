@@ -24,7 +24,6 @@ extern "C" {
 int reboot_cgi(int, char **) { return answer_not_found(); }
 int firmware_user_cgi(int, char **) { return answer_not_found(); }
 int nas_cgi(int, char **) { return answer_not_found(); }
-int generic_cgi(int, char **) { return answer_not_found(); }
 int firmware_cgi(int, char **) { return answer_not_found(); }
 int import_cgi(int, char **) { return answer_not_found(); }
 int export_cgi(int, char **) { return answer_not_found(); }

@@ -12,4 +12,6 @@ int init_call_shared_plugin(plugin_registry_handle *registry) {
 int call_shared_plugin_no_session(plugin_registry_handle *, const char *) { return 0; }
 
 int call_shared_genericplugin(const char *, const char *, int, char **) { return -1; }
+
+int call_shared_genericfct(const char *, const char *, const char *) { return -1; }
 }

@@ -15,4 +15,6 @@ int init_call_shared_plugin(plugin_registry_handle *registry);
 int call_shared_plugin_no_session(plugin_registry_handle *registry, const char *name);
 // Calls a registered entry of `kind` ("plugin" or "function"); -1 when none.
 QM_EXPORT int call_shared_genericplugin(const char *kind, const char *name, int argc, char **argv);
+// Calls a registered plugin function with (method, parameter); -1 when none.
+QM_EXPORT int call_shared_genericfct(const char *method, const char *name, const char *param);
 }

@@ -1,0 +1,178 @@
+#!/usr/bin/env bash
+# The data-model read benchmark. A gateway root gets an Array "Obj" of N
+# instances with 8 properties each (N = 10, 100, 1000); "generic.cgi" then
+# reads, through the real executable:
+#   all        Obj_*                    every instance, every property
+#   half       Obj_*>N/2                the upper half, every property
+#   where      Obj_*[Enable=1]_Name     one property of every other instance
+#   one        Obj_1_Name               one property
+#   none       (token only)             the fixed cost of a request
+# For each N and read: instructions of one request run as a plain CGI
+# (callgrind, process start included; "net" subtracts the "none" request),
+# and requests per second through lighttpd and one FastCGI responder (wrk).
+#
+#   bench/datamodel/run.sh [BUILD_DIR]      (default: build)
+#
+# Knobs (environment): BENCH_SIZES ("10 100 1000"), BENCH_DURATION seconds
+# per wrk run (3), BENCH_THREADS (1), BENCH_CONNECTIONS (4), BENCH_PORT,
+# BENCH_CALLGRIND=0 / BENCH_WRK=0 skip a part.
+#
+# Obj is an Array on purpose: a List's instance list text is refused beyond
+# 1024 characters, which a List of 1,000 instances ("1,2,...,1000") exceeds.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+top=$(cd "$here/../.." && pwd)
+build=$(cd "${1:-$top/build}" && pwd)
+bin=$build/bin
+out_dir=$build/bench
+work=$out_dir/datamodel-run
+report=$out_dir/datamodel.txt
+
+sizes=${BENCH_SIZES:-"10 100 1000"}
+duration=${BENCH_DURATION:-3}
+threads=${BENCH_THREADS:-1}
+connections=${BENCH_CONNECTIONS:-4}
+do_callgrind=${BENCH_CALLGRIND:-1}
+do_wrk=${BENCH_WRK:-1}
+token=abc123
+
+for exe in cgi-ssi qmcfg; do
+  [ -x "$bin/$exe" ] || { echo "bench/datamodel: $bin/$exe is missing (build first)" >&2; exit 2; }
+done
+need=(python3)
+[ "$do_callgrind" = 1 ] && need+=(valgrind)
+[ "$do_wrk" = 1 ] && need+=(lighttpd wrk curl)
+for tool in "${need[@]}"; do
+  command -v "$tool" >/dev/null || { echo "bench/datamodel: $tool is missing (scripts/bench.sh installs it)" >&2; exit 2; }
+done
+
+rm -rf "$work"
+mkdir -p "$work"
+
+# Query strings of the reads for a root of n instances.
+declare -A query
+set_queries() { # n
+  local half=$(( $1 / 2 ))
+  query[all]="token=$token&read=Obj_%2A"
+  query[half]="token=$token&read=Obj_%2A%3E$half"
+  query[where]="token=$token&read=Obj_%2A%5BEnable%3D1%5D_Name"
+  query[one]="token=$token&read=Obj_1_Name"
+  query[none]="token=$token"
+}
+reads=(all half where one none)
+
+# A root with the factory model plus Obj of n instances and a token for all.
+make_root() { # n dir
+  local n=$1 root=$2
+  QUELM_ROOT=$root "$bin/qmcfg" init >/dev/null
+  python3 - "$root" "$n" <<'PY'
+import sys
+root, n = sys.argv[1], int(sys.argv[2])
+schema = root + "/etc/quelm/config.default/schema.xml"
+obj = """  <object name="Obj" type="32">
+    <param name="Enable" type="4" default="1"/>
+    <param name="Name" type="1" default="" maxlen="63"/>
+    <param name="Host" type="1" default="" maxlen="63"/>
+    <param name="Port" type="3" default="0"/>
+    <param name="Protocol" type="1" default="TCP" maxlen="7"/>
+    <param name="Comment" type="1" default="" maxlen="127"/>
+    <param name="User" type="2" default="1"/>
+    <param name="Key" type="28" default="" maxlen="63"/>
+  </object>
+</schema>"""
+text = open(schema).read().replace("</schema>", obj)
+open(schema, "w").write(text)
+with open(root + "/obj.conf", "w") as f:
+    for i in range(1, n + 1):
+        for key, value in (("Enable", i % 2), ("Name", f"rule-{i}"), ("Host", f"192.168.1.{i % 250 + 2}"),
+                           ("Port", 8000 + i), ("Protocol", "TCP"), ("Comment", "benchmark rule"),
+                           ("User", 1), ("Key", "secret")):
+            f.write(f"Obj_{i}_{key}={value}\n")
+PY
+  QUELM_ROOT=$root "$bin/qmcfg" load "$root/obj.conf" >/dev/null
+  mkdir -p "$root/var/tmp"
+  printf '86400\nall\n' > "$root/var/tmp/CGI_Token_$token"
+  touch -d '+1 day' "$root/var/tmp/CGI_Token_$token"
+}
+
+# One plain-CGI request; prints the answer's size in bytes.
+answer_size() { # root query
+  QUELM_ROOT=$1 QUELM_LOG_FILE=$work/cgi.log REQUEST_METHOD=GET QUERY_STRING=$2 \
+    SCRIPT_FILENAME=/www/generic.cgi SCRIPT_NAME=/generic.cgi QUELM_REALM=web REMOTE_ADDR=127.0.0.1 \
+    "$bin/cgi-ssi" | wc -c
+}
+
+# Instructions of one plain-CGI request under callgrind.
+instructions() { # root query
+  QUELM_ROOT=$1 QUELM_LOG_FILE=$work/cgi.log REQUEST_METHOD=GET QUERY_STRING=$2 \
+    SCRIPT_FILENAME=/www/generic.cgi SCRIPT_NAME=/generic.cgi QUELM_REALM=web REMOTE_ADDR=127.0.0.1 \
+    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$bin/cgi-ssi" 2>&1 >/dev/null |
+    awk '/Collected :/ { print $NF }'
+}
+
+lighttpd_pid=""
+stop_lighttpd() {
+  if [ -n "$lighttpd_pid" ] && kill -0 "$lighttpd_pid" 2>/dev/null; then
+    kill "$lighttpd_pid" 2>/dev/null || true
+    wait "$lighttpd_pid" 2>/dev/null || true
+  fi
+  lighttpd_pid=""
+}
+trap stop_lighttpd EXIT
+
+# Starts lighttpd for root; prints its base URL.
+start_lighttpd() { # root run_dir
+  local root=$1 run=$2 port conf
+  port=${BENCH_PORT:-$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')}
+  mkdir -p "$run/www"
+  conf=$run/lighttpd.conf
+  QUELM_LOG_FILE=$run/cgi-ssi.log "$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$run/www" "$run" > "$conf"
+  lighttpd -D -f "$conf" >"$run/lighttpd.out" 2>&1 &
+  lighttpd_pid=$!
+  for _ in $(seq 1 150); do
+    if curl -s -o /dev/null --max-time 1 "http://127.0.0.1:$port/generic.cgi?${query[none]}"; then
+      echo "http://127.0.0.1:$port"
+      return 0
+    fi
+    sleep 0.1
+  done
+  echo "bench/datamodel: lighttpd did not come up" >&2
+  return 1
+}
+
+rps() { # url
+  timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s "$1" 2>&1 |
+    awk '/^Requests\/sec:/ { print $2 } /Non-2xx/ { bad = 1 } END { if (bad) print "non-2xx" }' | paste -sd' '
+}
+
+{
+  printf 'generic.cgi reads of an Array of N instances x 8 properties (%s)\n' "$(date -u +%FT%TZ)"
+  printf '%-6s %-6s %10s %14s %14s %10s\n' N read bytes instructions net req/s
+} | tee "$report"
+
+for n in $sizes; do
+  root=$work/root-$n
+  make_root "$n" "$root"
+  set_queries "$n"
+  declare -A ir=() rate=()
+  if [ "$do_callgrind" = 1 ]; then
+    for r in "${reads[@]}"; do ir[$r]=$(instructions "$root" "${query[$r]}"); done
+  fi
+  if [ "$do_wrk" = 1 ]; then
+    base=$(start_lighttpd "$root" "$work/run-$n")
+    for r in "${reads[@]}"; do
+      wrk -t1 -c1 -d1s "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
+      rate[$r]=$(rps "$base/generic.cgi?${query[$r]}")
+    done
+    stop_lighttpd
+  fi
+  for r in "${reads[@]}"; do
+    size=$(answer_size "$root" "${query[$r]}")
+    total=${ir[$r]:--}
+    net=-
+    if [ -n "${ir[$r]:-}" ] && [ -n "${ir[none]:-}" ]; then net=$(( ${ir[$r]} - ${ir[none]} )); fi
+    printf '%-6s %-6s %10s %14s %14s %10s\n' "$n" "$r" "$size" "$total" "$net" "${rate[$r]:--}"
+  done | tee -a "$report"
+done
+echo "report: $report"

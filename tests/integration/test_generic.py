@@ -1,0 +1,284 @@
+"""generic.cgi through the real executable against a data model changed with
+qmcfg: answer bytes, rights, rule ownership, secrets, commit and revert, the
+configuration lock, and state kept between requests of one process. The path
+language itself is covered in depth by tests/unit/datamodel_test.cpp."""
+
+import base64
+import fcntl
+import os
+import shutil
+import subprocess
+import time
+from urllib.parse import urlencode
+
+import pytest
+
+from conftest import REPO
+from fcgi import Responder
+
+FORM = "application/x-www-form-urlencoded"
+TOKEN = "abc123"
+NO_ACCESS = "Your token does not give you access to the object {}. "
+
+
+@pytest.fixture
+def token(root):
+    """Writes a valid token file: lifetime, rights, further lines."""
+    def make(rights="all", more=""):
+        path = root / "var/tmp" / f"CGI_Token_{TOKEN}"
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(f"600\n{rights}\n{more}")
+        os.utime(path, (time.time() + 600, time.time() + 600))
+        return path
+    return make
+
+
+def form(*fields, with_token=True):
+    return urlencode(([("token", TOKEN)] if with_token else []) + list(fields)).encode()
+
+
+@pytest.fixture
+def generic(cgi, token):
+    token()
+
+    def run(*fields, with_token=True, extra=None):
+        answer = cgi(page="generic.cgi", method="POST", body=form(*fields, with_token=with_token),
+                     content_type=FORM, extra=extra)
+        assert answer.header("Content-Type") == "text/plain"
+        return answer.body
+    return run
+
+
+def error_member(*messages, printed=True):
+    # The error text goes through the JSON escaping of the SSI output:
+    # a single quote becomes \'.
+    text = "".join(messages).replace("'", "\\'")
+    return (", " if printed else "") + f'"error" : "{text}"'
+
+
+def test_mixed_request_answer_bytes(generic, qmcfg):
+    body = generic(("read", "Device_Name"), ("write", "Device_Name"), ("read", "User_1_Password"),
+                   ("fct", "nosuch"), ("read", "Nothing_Here"), ("write", "Device_Hostname:box"), ("delay", "0"))
+    missing = "CGI error : symbol <nosuch> doesn't exist"
+    expected = ('{"Device_Name" : "Home Gateway", "User_1_Password" : "********", "nosuch" : , "Nothing_Here" : ""'
+                + error_member("Wrong format when trying to write Device_Name (write=PROPERTY:VALUE). ",
+                               missing, missing, missing)  # a failed read repeats the latest message twice
+                + "}\n")
+    assert body.decode() == expected
+    assert qmcfg("get", "Device", "Hostname").stdout == "gateway\n"  # the error reverted the write
+
+
+def test_reads_through_the_front_end(generic, qmcfg):
+    qmcfg("set", "Device", "Name", 'say "hi"')
+    for n in (3, 2, 1):
+        qmcfg("delete", f"HttpServer_{n}")
+    cases = [
+        ("Device_Name", r'"say \\"hi\\""'),
+        ("HttpServer_*", '{"List" : ""}'),
+        ("Storage_Item_*_Name", '{"List" : ""}'),
+        ("PortMapping_*[Protocol=TCP]_Name", '{"List" : "2","2" : {"Name" : "web-server"}}'),
+        ("PortMapping_{}", '{"List" : ""}'),
+        ("PortMapping_{1", '""'),
+        ('a"b\\c', '""'),
+    ]
+    body = generic(*[("read", path) for path, _ in cases]).decode()
+    keys = ['"a\\"b\\\\c"' if path.startswith('a"') else f'"{path}"' for path, _ in cases]
+    members = ", ".join(f"{key} : {value}" for key, (_, value) in zip(keys, cases))
+    assert body == "{" + members + "}\n"  # failed reads add no error member
+
+
+def test_rights_come_from_the_object_path_only(generic, token):
+    token("PortMapping_2,Enable,Hostname")
+    body = generic(("read", "User_1_Username"), ("read", "User_*[Enable=1]_Username"),
+                   ("read", "Device_[PortMapping_2_User]_Name"), ("writes", "User_1:Username=x"),
+                   ("fct", "nosuch"), ("write", "PortMapping_[Name=web-server]_Protocol:UDP"),
+                   ("read", "PortMapping_2_Protocol"), ("write", "Device_Hostname:ok"))
+    refused = ["User_1_Username", "User_*[Enable=1]_Username", "Device_[PortMapping_2_User]_Name", "User_1",
+               "nosuch"]
+    assert body.decode() == ('{"PortMapping_2_Protocol" : "UDP"'
+                             + error_member(*(NO_ACCESS.format(name) for name in refused)) + "}\n")
+
+
+def test_rules_of_other_users_stay(generic, qmcfg):
+    body = generic(("write", "PortMapping_1_Name:mine"), ("delete", "PortMapping_1"))
+    assert body.decode() == "{" + error_member(
+        "It's forbidden to write on a rule that does not belong to you (PortMapping_1). ",
+        "Error deleting PortMapping_1.", printed=False) + "}\n"
+    # Once written in a request, an object stays writable in it.
+    assert generic(("write", "PortMapping_2_User:0"), ("write", "PortMapping_2_Name:given")) == b"{}\n"
+    qmcfg("set", "PortMapping_2", "User", "1")
+    assert generic(("clear", "PortMapping"), ("clear", "Device")) == b"{}\n"
+    assert qmcfg("count", "PortMapping").stdout == "1\n"
+
+
+def test_commit_and_revert_in_the_saved_configuration(generic, qmcfg):
+    assert generic(("write", "Device_Hostname:saved")) == b"{}\n"
+    qmcfg("revert")
+    assert qmcfg("get", "Device", "Hostname").stdout == "saved\n"
+    # "writes" alone marks nothing modified: not saved.
+    assert generic(("writes", "Device:Hostname=unsaved|Domain=lan")) == b"{}\n"
+    qmcfg("revert")
+    assert qmcfg("get", "Device", "Hostname").stdout == "saved\n"
+    body = generic(("write", "Device_Domain:lan"), ("writes", "Device:Hostname=" + "h" * 80))
+    assert f"Unable to write the value {'h' * 80} for Device_Hostname : 3. ".encode() in body
+    assert qmcfg("get", "Device", "Domain").stdout == "home\n"
+
+
+def test_create_delete_reset_and_store_only(generic, token, qmcfg, root):
+    token("Device", "PortMapping,3,Enable=0\n")
+    assert generic(("create", "PortMapping"), ("write", "PortMapping_3_Name:new")) == b'{"PortMapping":"3"}\n'
+    assert qmcfg("get", "PortMapping_3", "Enable").stdout == "0\n"
+    assert generic(("create", "User")).decode() == "{" + error_member("Failed to create User", printed=False) + "}\n"
+    token()
+    assert generic(("delete", "PortMapping_3"), ("remove", "PortMapping_9")) == b"{}\n"
+    assert qmcfg("count", "PortMapping").stdout == "1,2\n"
+    apply_log = root / "var/quelm/platform/apply.log"
+    before = apply_log.read_text().count("\n") if apply_log.exists() else 0
+    assert generic(("storeonly", "Device_Name:quiet"), ("write", "Device_Domain:loud")) == b"{}\n"
+    assert apply_log.read_text().splitlines()[before:][-1].endswith("apply Device_Domain")
+    assert len(apply_log.read_text().splitlines()) == before + 1
+    body = generic(("reset", "Device_Name:0"), ("reset", "Device_Name"), ("reset", "Nothing:1"))
+    assert body.decode() == "{" + error_member("Wrong format when trying to write Device_Name (reset=PROPERTY:VALUE). ",
+                                               "Error while trying to reset Nothing. ", printed=False) + "}\n"
+    assert qmcfg("get", "Device", "Name").stdout == "quiet\n"  # reverted by the error
+
+
+def encrypt(key, plain):
+    """Hex text that the server's value cipher decrypts into plain."""
+    out = []
+    for i, c in enumerate(plain.encode()):
+        k = key.encode()[i % len(key)]
+        out.append(next(p for p in range(256) if (p - k + 94 if p - k + 94 >= 33 else p - k + 188) == c))
+    return base64.b64encode("".join(f"{p:02X}" for p in out).encode()).decode()
+
+
+def test_encrypted_secrets(generic, qmcfg):
+    path = "WLANInterface_1_Config_KeyPassphrase"
+    assert generic(("write", f"{path}:{encrypt(TOKEN, 'newpassphrase')}")) == b"{}\n"
+    assert qmcfg("get", "WLANInterface_1_Config", "KeyPassphrase").stdout == "newpassphrase\n"
+    too_long = "p" * 70
+    body = generic(("write", f"{path}:{encrypt(TOKEN, too_long)}"), ("write", f"{path}:%%%"),
+                   ("write", f"{path}:{base64.b64encode(b'XYZ').decode()}"))
+    assert too_long.encode() not in body
+    assert body.decode() == "{" + error_member(
+        "Unable to write the value ******** for WLANInterface_1_Config_KeyPassphrase : 3. ",
+        "Error: Bad base64 signature", "Error:  Bad Crypt signature", printed=False) + "}\n"
+
+
+def test_missing_token_stops_every_field(generic, qmcfg):
+    body = generic(("write", "Device_Hostname:x"), with_token=False)
+    assert body == b'{"error" : "You must provide a token to access the values of CLI get or post."}\n'
+    assert qmcfg("get", "Device", "Hostname").stdout == "gateway\n"
+
+
+def test_lock_held_elsewhere_is_waited_for_once(generic, root):
+    wait = {"QUELM_LOCK_WAIT_MS": "400"}
+
+    def timed(*fields):
+        start = time.monotonic()
+        body = generic(*fields, extra=wait)
+        return time.monotonic() - start, body
+
+    changes = (("write", "Device_Hostname:a"), ("write", "Device_Domain:b"), ("clear", "PortMapping"))
+    free_time, _ = timed(*changes)
+    with open(root / "var/quelm/config/config.lock", "a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        read_time, _ = timed(("read", "Device_Name"))
+        assert read_time - free_time < 0.3  # reads take no lock
+        locked_time, body = timed(*changes)
+        # One wait for the whole request; the fields then go on as they would.
+        assert 0.35 <= locked_time - free_time < 0.75
+        assert body == b"{}\n"
+
+
+def test_state_across_requests_of_one_process(bin_dir, env, tmp_path, token, qmcfg):
+    token("PortMapping", "PortMapping,3,\n")
+    responder = Responder(bin_dir / "cgi-ssi", "ssi", dict(env, QUELM_LOCK_WAIT_MS="100"), tmp_path / "fcgi.sock")
+
+    def post(*fields):
+        params = {"SCRIPT_FILENAME": "/www/generic.cgi", "REQUEST_METHOD": "POST", "CONTENT_TYPE": FORM,
+                  "QUELM_REALM": "web"}
+        body = form(*fields)
+        out, _ = responder.request(dict(params, CONTENT_LENGTH=str(len(body))), body)
+        return out.partition(b"\r\n\r\n")[2]
+
+    try:
+        # Before any create of this process "_0_" names nothing.
+        assert b"Unable to create the object PortMapping_0 : " in post(("write", "PortMapping_0_Name:x"))
+        assert post(("create", "PortMapping")) == b'{"PortMapping":"3"}\n'
+        assert post(("write", "PortMapping_0_Name:cam")) == b"{}\n"
+        assert post(("read", "PortMapping_3_Name")) == b'{"PortMapping_3_Name" : "cam"}\n'
+        # The lock of the last write was given back.
+        qmcfg("set", "Device", "Hostname", "after")
+    finally:
+        err = responder.stop()
+    for mark in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"):
+        assert mark not in err, err
+
+
+def test_hostile_paths_are_refused_cleanly(generic, qmcfg):
+    qmcfg("create", "User_1024")
+    paths = ["User_*", "O" * 5000 + "_[N=x]_A", "User_*[" + "F" * 5000 + "=1]_Name", "User_{" + "1," * 500 + "}",
+             "User_[" + "x" * 3000 + "]_Name", "User_*" + ">1" * 3000, "PortMapping_[Name=" + "v" * 300 + "]_Name"]
+    body = generic(*[("read", p) for p in paths], ("write", "O" * 5000 + "_[N=x]_A:v"))
+    assert body.startswith(b'{"User_*" : ""')
+    assert body.count(b" : ") >= len(paths)
+
+
+PLUGIN = r"""
+#include <stdio.h>
+#include "qm_generic.h"
+#include "qm_node.h"
+int plugin_entry(void) {
+    char *name = compute_name("User_0_Name");
+    qm_node *tree = create_tree_full("Device", NULL, NULL);
+    QM_DAT_record *found = find_field(NULL, "_Name");
+    int flags[QM_INDEX_FLAGS_SIZE] = {0};
+    dump_JSON_tree(tree, 1); dump_XML_tree(tree); free_all_node(tree); free_all_node(create_node("x"));
+    free_all_node(create_tree_simple("Device", NULL, NULL)); free(find_field_value(found, "a", "b"));
+    direct = 1; tfprintf(stdout, "%d", last_created_indice + is_lock + need_reboot + need_factory);
+    free(name); free(malloczero(4)); free(fct_buffer);
+    return compute_generic_list("", flags) + Where_check(NULL, "User_1", "Enable=1") + create_object("User")
+           + find_in_list_word("1,2", "2") + get_lock() + generic_ssi("Device_Name") + generic_fct("date");
+}
+"""
+
+
+def test_plugin_interface_is_exported_and_plain_c(bin_dir, tmp_path):
+    cc, nm = shutil.which("cc"), shutil.which("nm")
+    if cc is None or nm is None:
+        pytest.skip("no C toolchain")
+    (tmp_path / "plugin.c").write_text(PLUGIN)
+    done = subprocess.run([cc, "-std=c99", "-Wall", "-Wextra", "-Werror", "-pedantic", "-c", "-I", REPO / "include",
+                           "-include", "stdlib.h", "-o", tmp_path / "plugin.o", tmp_path / "plugin.c"],
+                          capture_output=True, text=True)
+    assert done.returncode == 0, done.stderr
+    needed = set(subprocess.run([nm, "--undefined-only", tmp_path / "plugin.o"], capture_output=True, text=True,
+                                check=True).stdout.split()[1::2])
+    exported = set(subprocess.run([nm, "--dynamic", "--defined-only", bin_dir / "cgi-ssi"], capture_output=True,
+                                  text=True, check=True).stdout.split()[2::3])
+    ours = needed - {"free", "stdout"}
+    assert len(ours) == 24
+    assert sorted(ours - exported) == []
+
+
+def test_page_symbols_read_the_data_model(cgi, qmcfg, root):
+    """cli= prints a read in the echo's escaping mode, secrets masked unless
+    ":show"; fct= of an unknown function prints an empty string; a page's
+    ":write" read teaches its token the objects it shows."""
+    qmcfg("set", "Device", "Hostname", 'my "box"')
+    (cgi.docroot / "p.htm").write_text(
+        '<!--#echo var="token=60 Device" -->|'
+        '<!--#echo jsonvar="cli=Device_Hostname" -->|'
+        '<!--#echo jsvar="cli=Device_Hostname" -->|'
+        '<!--#echo var="cli=User_1_Password" -->|'
+        '<!--#echo var="cli=User_*[Enable=1]_Username" -->|'
+        '<!--#echo var="fct=nosuchfunction" -->|'
+        '<!--#echo var="cli=LANDevice_1_IPInterface_1_IPAddress:write" -->')
+    body = cgi(page="p.htm").body.decode()
+    parts = body.split("|")
+    token = parts[0].strip('"')
+    assert parts[1:6] == ['"my \\\\"box\\\\""', '"my "box""', '"********"',
+                          '{"List" : "1,3","1" : {"Username" : "admin"},"3" : {"Username" : "support"}}', '""']
+    rights = (root / "var/tmp" / f"CGI_Token_{token}").read_text().splitlines()[1]
+    assert rights == "Device,LANDevice_1_IPInterface_1_IPAddress"

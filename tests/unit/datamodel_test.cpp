@@ -1,0 +1,595 @@
+// Data-model access: the pure parsers of the path language, result trees
+// and their printed form, and whole paths against a gateway root built from
+// the factory data model (users 1-3, port mappings 1-2, four Ethernet ports,
+// three HTTP servers, a WAN device with two services).
+
+#include <gtest/gtest.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "cgi_output.h"
+#include "cgic.h"
+#include "datamodel/datamodel_internal.h"
+#include "platform.h"
+#include "qm_config.h"
+#include "qm_generic.h"
+#include "qm_node.h"
+#include "qm_token.h"
+#include "ssi.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace cgissi::datamodel;
+
+std::string captured_output(const std::function<void()> &write) {
+    cgi_out_flush();
+    int saved = dup(1);
+    std::FILE *sink = std::tmpfile();
+    dup2(fileno(sink), 1);
+    write();
+    cgi_out_flush();
+    dup2(saved, 1);
+    close(saved);
+    std::rewind(sink);
+    std::string out;
+    char chunk[4096];
+    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
+    std::fclose(sink);
+    return out;
+}
+
+struct Free {
+    void operator()(void *p) const { std::free(p); }
+};
+using Text = std::unique_ptr<char, Free>;
+
+// ---- Pure parsers ---------------------------------------------------------
+
+TEST(DatamodelParse, InstanceListWalk) {
+    const struct {
+        const char *list;
+        std::vector<int> visited;
+    } cases[] = {
+        {"1,3,4", {1, 3, 4}}, {"", {}},    {"5", {5}},  {"1,2,", {1, 2, 2}},  // a bad item repeats the last
+        {"1,x,3", {1, 1}},    {"0,3", {}}, {"x,3", {}}, {" 7, 8", {7, 8}},   {"2,0,5", {2}},
+    };
+    for (const auto &c : cases) EXPECT_EQ(instance_numbers(c.list), c.visited) << c.list;
+}
+
+TEST(DatamodelParse, WildcardFilters) {
+    // Flags of a List holding 2 and 5 (end mark after 5) or of an empty one.
+    const struct {
+        std::vector<int> instances;
+        const char *filter;
+        int result;  // length of the text after the filters, or -1
+        std::vector<int> selected;
+    } cases[] = {
+        {{2, 5}, "", 0, {2, 5}},      {{2, 5}, ">2", 0, {5}},
+        {{2, 5}, "=3", 0, {}},        {{2, 5}, "!=2", 0, {5}},
+        {{2, 5}, "<5", 0, {2}},       {{2, 5}, "<=5", 0, {2, 5}},
+        {{2, 5}, ">=5_Name", 5, {5}}, {{2, 5}, ">1<5[Enable=1]_Name", 15, {2}},
+        {{2, 5}, "_Name", 5, {2, 5}}, {{2, 5}, "==3", -1, {}},
+        {{2, 5}, "=>3", -1, {}},      {{2, 5}, "!3", -1, {}},
+        {{2, 5}, "<>3", -1, {}},      {{}, "==3", 0, {}},  // nothing selected: no complaint
+        {{2, 5}, "=5==3", -1, {}},    {{2, 5}, "=2==5", -1, {}},
+    };
+    for (const auto &c : cases) {
+        int flags[QM_INDEX_FLAGS_SIZE] = {};
+        int highest = 0;
+        for (int i : c.instances) flags[i] = 1, highest = std::max(highest, i);
+        flags[highest + 1] = -1;
+        EXPECT_EQ(compute_generic_list(c.filter, flags), c.result) << c.filter;
+        if (c.result < 0) continue;
+        std::vector<int> selected;
+        for (int i = 1; flags[i] != -1; ++i)
+            if (flags[i] == 1) selected.push_back(i);
+        EXPECT_EQ(selected, c.selected) << c.filter;
+    }
+}
+
+TEST(DatamodelParse, SelectorsAndWhereClauses) {
+    const struct {
+        const char *tail;
+        SelectorResult result;
+        std::vector<std::string> wheres;
+        const char *remainder;
+    } selectors[] = {
+        {"", SelectorResult::ok, {}, ""},
+        {"_Name", SelectorResult::ok, {}, "_Name"},
+        {"[Enable=1][User<2]_Name", SelectorResult::ok, {"Enable=1", "User<2"}, "_Name"},
+        {"[]", SelectorResult::ok, {""}, ""},
+        {"X", SelectorResult::unknown_selector, {}, ""},
+        {"[Enable=1", SelectorResult::bad_wheres, {}, ""},
+        {"[A=1][B=2", SelectorResult::bad_wheres, {}, ""},
+    };
+    for (const auto &s : selectors) {
+        Selector out;
+        ASSERT_EQ(parse_selector(s.tail, out), s.result) << s.tail;
+        if (s.result != SelectorResult::ok) continue;
+        EXPECT_EQ(out.wheres, s.wheres) << s.tail;
+        EXPECT_EQ(out.remainder, s.remainder) << s.tail;
+    }
+
+    const struct {
+        const char *clause, *property;
+        int holds;  // -1: unknown operator, -2: does not parse
+    } wheres[] = {
+        {"Count<10", "abc", 1},  // not a number counts as 0
+        {"Count<10", "10", 0},
+        {"Count<=10", "10", 1},
+        {"Count>2", "3", 1},
+        {"Count>=4", "3", 0},
+        {"Name=box", "box", 1},
+        {"Name=box", "box ", 0},
+        {"Name!=box", "boxes", 1},
+        {"Name=01", "1", 0},  // texts, not numbers
+        {"Days?=Tue", "Mon,Tue", 1},
+        {"Days?=Tu", "Mon,Tue", 0},
+        {"Name==box", "box", -1},
+        {"Name<>1", "1", -1},
+        {"Name=", "", -2},
+        {"Name", "", -2},
+        {"=1", "1", -2},
+        {"Sub_Field=1", "1", 1},
+    };
+    for (const auto &w : wheres) {
+        WhereClause parsed;
+        if (!parse_where(w.clause, parsed)) {
+            EXPECT_EQ(w.holds, -2) << w.clause;
+            continue;
+        }
+        EXPECT_EQ(compare_where(parsed.op, w.property, parsed.value.c_str()), w.holds) << w.clause;
+    }
+    // A field longer than its buffer does not overflow it: the clause fails.
+    const std::string long_field(5000, 'F');
+    WhereClause parsed;
+    EXPECT_FALSE(parse_where((long_field + "=1").c_str(), parsed));
+    EXPECT_TRUE(parse_where((std::string(128, 'F') + "=" + std::string(500, 'v')).c_str(), parsed));
+    EXPECT_EQ(parsed.value.size(), 128u);
+}
+
+TEST(DatamodelParse, IndirectForms) {
+    Lookup lookup;
+    ASSERT_TRUE(parse_lookup("Obj_[Name=my box]_Enable", lookup));
+    EXPECT_EQ(lookup.object, "Obj");
+    EXPECT_EQ(lookup.field, "Name");
+    EXPECT_EQ(lookup.value, "my box");
+    EXPECT_EQ(lookup.rest, "_Enable");
+    ASSERT_TRUE(parse_lookup("A_B[Field=v.1]", lookup));
+    EXPECT_EQ(lookup.object, "A_B");
+    EXPECT_EQ(lookup.rest, "");
+    for (const char *bad : {"Obj_[Name=box", "Obj_[Name=]_X", "Obj_[=x]_X", "Obj_[Name=a/b]_X", "[Name=x]"}) {
+        EXPECT_FALSE(parse_lookup(bad, lookup)) << bad;
+    }
+    EXPECT_FALSE(parse_lookup((std::string(129, 'O') + "[Name=x]").c_str(), lookup));
+    EXPECT_FALSE(parse_lookup(("O[N=" + std::string(4000, 'v') + "]").c_str(), lookup));
+
+    EXPECT_EQ(replace_last_created("Rule_0_Name", 5), "Rule_5_Name");
+    EXPECT_EQ(replace_last_created("A_0_B_0_C", 12), "A_12_B_0_C");
+    EXPECT_EQ(replace_last_created("A_10_B", 5), "");
+
+    IndirectIndex index;
+    ASSERT_TRUE(parse_indirect_index("Obj_[Other_2_Prop]_Name", index));
+    EXPECT_EQ(index.prefix, "Obj");
+    EXPECT_EQ(index.object, "Other_2");
+    EXPECT_EQ(index.property, "Prop");
+    EXPECT_EQ(index.rest, "Name");
+    for (const char *bad : {"Obj_[Other_Prop]", "Obj_[Prop]_Name", "Obj[Other_Prop]_Name"}) {
+        EXPECT_FALSE(parse_indirect_index(bad, index)) << bad;
+    }
+}
+
+TEST(DatamodelParse, RightsKeysMasksAndOptions) {
+    const struct {
+        const char *path, *checked;
+    } rights[] = {
+        {"Device_Name", "Device_Name"},
+        {"User_*[Username=admin]_Password", "User_*[]_Password"},
+        {"User_{WLANInterface_1_Config_Channel}_Name", "User_{}_Name"},
+        {"A_[B_[C]_D]_E", "A_[]_E"},
+        {"A_[x}y]_B", "A_[]_B"},
+        {"A_[unclosed_Wifi", "A_["},
+        {"A]_B}", "A]_B}"},
+    };
+    for (const auto &r : rights) EXPECT_EQ(rights_path(r.path), r.checked) << r.path;
+
+    EXPECT_EQ(json_key("User_*[Enable=1]_Name"), "User_*[Enable=1]_Name");
+    EXPECT_EQ(json_key("a\"b\\c\nd"), "a\\\"b\\\\c\\u000ad");
+
+    EXPECT_EQ(masked_value("secret"), "********");
+    EXPECT_EQ(masked_value(",,"), ",,");
+    EXPECT_EQ(masked_value(",x"), ",********");
+    EXPECT_EQ(masked_value(""), "");
+
+    const struct {
+        const char *argument, *path;
+        bool autolearn;
+        int shadow;
+    } options[] = {
+        {"Device_Name:show:write", "Device_Name", true, 0},
+        {"Device_Name:write:show", "Device_Name", true, 0},
+        {"Device_Name:show:shadow", "Device_Name", false, 0},  // stripped from the end
+        {"Device_Name:shadow", "Device_Name", false, 1},
+        {":show", ":show", false, 1},  // nothing precedes it
+        {"X:show", "X", false, 0},
+        {"Device_Name:other", "Device_Name:other", false, 1},
+    };
+    for (const auto &o : options) {
+        std::string argument = o.argument;
+        CliOptions parsed;
+        strip_cli_options(argument, parsed);
+        EXPECT_EQ(argument, o.path) << o.argument;
+        EXPECT_EQ(parsed.autolearn, o.autolearn) << o.argument;
+        EXPECT_EQ(parsed.shadow, o.shadow) << o.argument;
+    }
+}
+
+// ---- Trees from given records ------------------------------------------
+
+// A record list owned by the test.
+class RecordList {
+public:
+    RecordList(std::initializer_list<std::tuple<std::string, std::string, int>> rows) {
+        for (const auto &[name, value, type] : rows) texts_.push_back({name, value, type});
+        records_.resize(texts_.size());
+        for (std::size_t i = 0; i < texts_.size(); ++i) {
+            records_[i] =
+                QM_DAT_record{texts_[i].name.data(), texts_[i].value.data(), static_cast<int8_t>(texts_[i].type),
+                              i + 1 < texts_.size() ? &records_[i + 1] : nullptr};
+        }
+    }
+    QM_DAT_record *head() { return records_.empty() ? nullptr : records_.data(); }
+
+private:
+    struct Row {
+        std::string name, value;
+        int type;
+    };
+    std::vector<Row> texts_;
+    std::vector<QM_DAT_record> records_;
+};
+
+std::string printed(qm_node *root, int shadow, int mode = SSI_MODE_PLAIN) {
+    SSI_Set_Mode(mode);
+    std::string out = captured_output([&] { dump_JSON_tree(root != nullptr ? root->child : nullptr, shadow); });
+    free_all_node(root);
+    SSI_Set_Mode(SSI_MODE_PLAIN);
+    return out;
+}
+
+class DatamodelTree : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+    }
+};
+
+TEST_F(DatamodelTree, RecordsPrintAsNestedMembers) {
+    struct {
+        const char *description, *name, *suffix;
+        RecordList records;
+        int shadow;
+        const char *json;
+    } cases[] = {
+        {"secret masked",
+         "Obj",
+         nullptr,
+         {{"Obj_Name", "box", 1}, {"Obj_Wifi_Key", "abc", 14}},
+         1,
+         R"({"Name" : "box","Wifi" : {"Key" : "********"}})"},
+        {"secret shown", "Obj", nullptr, {{"Obj_Wifi_Key", "abc", 28}}, 0, R"({"Wifi" : {"Key" : "abc"}})"},
+        {"commas of a secret",
+         "Obj",
+         nullptr,
+         {{"Obj_K", ",,", 28}, {"Obj_L", ",x", 28}},
+         1,
+         R"({"K" : ",,","L" : ",********"})"},
+        {"value gains a sibling",
+         "Obj",
+         nullptr,
+         {{"Obj_A", "x", 1}, {"Obj_A_B", "y", 1}},
+         1,
+         R"({"A" : {"x" : ,"B" : "y"}})"},
+        {"value replaces children",
+         "Obj",
+         nullptr,
+         {{"Obj_A_B", "y", 1}, {"Obj_A_C", "z", 1}, {"Obj_A", "x", 1}},
+         1,
+         R"({"A" : "x"})"},
+        {"suffix keeps one branch",
+         "Obj",
+         "A",
+         {{"Obj_A", "1", 1}, {"Obj_AB", "2", 1}, {"Obj_A_C", "3", 1}},
+         1,
+         R"({"A" : {"1" : ,"C" : "3"}})"},
+        {"first seen order",
+         "Obj",
+         nullptr,
+         {{"Obj_2_N", "b", 1}, {"Obj_1_N", "a", 1}, {"Obj_2_M", "c", 1}},
+         1,
+         R"({"2" : {"N" : "b","M" : "c"},"1" : {"N" : "a"}})"},
+        {"other names ignored",
+         "Obj",
+         nullptr,
+         {{"Objective_X", "1", 1}, {"Ob", "2", 1}, {"Obj_Y", "3", 1}},
+         1,
+         R"({"Y" : "3"})"},
+        {"the name itself", "Obj_Key", nullptr, {{"Obj_Key", "pw", 28}}, 1, R"("********")"},
+        {"values are data, not formats", "Obj", nullptr, {{"Obj_F", "%s%n%d", 1}}, 1, R"({"F" : "%s%n%d"})"},
+    };
+    for (auto &c : cases) {
+        qm_node *root = create_tree_simple(c.name, c.suffix, c.records.head());
+        ASSERT_NE(root, nullptr) << c.description;
+        EXPECT_EQ(printed(root, c.shadow), c.json) << c.description;
+    }
+}
+
+TEST_F(DatamodelTree, EscapingFollowsTheOutputModeExceptForKeys) {
+    RecordList records{{"Obj_Say", "a\"b'c\nd", 1}};
+    EXPECT_EQ(printed(create_tree_simple("Obj", nullptr, records.head()), 1, SSI_MODE_JSON),
+              "{\"Say\" : \"a\\\\\"b\\'c\\013d\"}");
+    EXPECT_EQ(printed(create_tree_simple("Obj", nullptr, records.head()), 1, 3), "\"Say\" : \"\"");
+
+    RecordList nested{{"Obj_A_B", "v", 1}, {"Obj_C", "w", 1}};
+    qm_node *root = create_tree_simple("Obj", nullptr, nested.head());
+    EXPECT_EQ(captured_output([&] { dump_XML_tree(root->child); }), "<A><B>v</B> </A> <C>w</C> ");
+    free_all_node(root);
+}
+
+TEST(DatamodelOutput, TfprintfAccumulatesNewestFirst) {
+    if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+    direct = 0;
+    std::string out = captured_output([] {
+        tfprintf(nullptr, "%s", "one ");
+        tfprintf(nullptr, "%d ", 2);
+    });
+    EXPECT_EQ(out, "");
+    ASSERT_NE(fct_buffer, nullptr);
+    EXPECT_STREQ(fct_buffer, "2 one ");
+    direct = 1;
+    out = captured_output([] { tfprintf(stdout, "%s", "three "); });
+    EXPECT_EQ(out, "three 2 one ");
+    EXPECT_EQ(fct_buffer, nullptr);
+}
+
+// ---- Paths against the factory data model ---------------------------------
+
+class DatamodelModel : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+    }
+    void SetUp() override {
+        char dir[] = "/tmp/datamodel_test.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        root_ = dir;
+        setenv("QUELM_ROOT", root_.c_str(), 1);
+        setenv("QUELM_LOG_FILE", (root_ / "log").c_str(), 1);
+        std::string message;
+        ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
+        ASSERT_EQ(QM_Cfg_Init(1), 0);
+        fs::create_directories(root_ / "var/tmp");
+        QM_LOG_set(1);
+        saved_created_ = last_created_indice;
+    }
+    void TearDown() override {
+        last_created_indice = saved_created_;
+        remove_last_token_name();
+        QM_LOG_set(0);
+        QM_Cfg_Free();
+        unsetenv("QUELM_ROOT");
+        unsetenv("QUELM_LOG_FILE");
+        fs::remove_all(root_);
+    }
+
+    // The printed payload of a read, or "(null)" when the path fails.
+    std::string read(const std::string &path) {
+        qm_node *root = create_tree_full(path.c_str(), nullptr, nullptr);
+        return root == nullptr ? "(null)" : printed(root, 1);
+    }
+    std::string computed(const char *path) {
+        Text name(compute_name(path));
+        return name ? name.get() : "(null)";
+    }
+    std::string logged() const {
+        std::ostringstream s;
+        s << std::ifstream(root_ / "log").rdbuf();
+        return s.str();
+    }
+    void set(const char *object, const char *property, const char *value) {
+        ASSERT_EQ(QM_DAT_setobjproperty(object, property, value, 0), 0) << object << "_" << property;
+    }
+    // A valid token file holding rights and further lines.
+    void hold_token(const std::string &content) {
+        const fs::path file = root_ / "var/tmp/CGI_Token_abc123";
+        std::ofstream(file) << content;
+        const struct timeval times[2] = {{time(nullptr) + 600, 0}, {time(nullptr) + 600, 0}};
+        ASSERT_EQ(utimes(file.c_str(), times), 0);
+        remove_last_token_name();
+        last_token_name = strdup("/var/tmp/CGI_Token_abc123");
+        last_token_lifetime = 600;
+    }
+    std::string token_file() const {
+        std::ostringstream s;
+        s << std::ifstream(root_ / "var/tmp/CGI_Token_abc123").rdbuf();
+        return s.str();
+    }
+
+    fs::path root_;
+    int saved_created_ = -1;
+};
+
+TEST_F(DatamodelModel, EveryPathForm) {
+    set("Services_IADConfigurator", "Languages", "3,1");
+    const struct {
+        const char *path, *json;
+    } cases[] = {
+        {"Device_Hostname", R"("gateway")"},
+        {"User_Count", R"("1,2,3")"},
+        {"HttpServer_List", R"("3")"},
+        {"User_1_Password", R"("********")"},
+        {"User_*_Username",
+         R"({"List" : "1,2,3","1" : {"Username" : "admin"},"2" : {"Username" : "guest"},"3" : {"Username" : "support"}})"},
+        {"User_*>1<3_Username", R"({"List" : "2","2" : {"Username" : "guest"}})"},
+        {"User_*=7_Username", R"({"List" : ""})"},
+        {"User_*[Enable=1]_Username",
+         R"({"List" : "1,3","1" : {"Username" : "admin"},"3" : {"Username" : "support"}})"},
+        {"User_*[Enable!=1]_Username", R"({"List" : "2","2" : {"Username" : "guest"}})"},
+        {"User_*[User<1]_Username", R"({"List" : "3","3" : {"Username" : "support"}})"},
+        {"User_*[User<=0]_Enable", R"({"List" : "3","3" : {"Enable" : "1"}})"},
+        {"User_*[User>0][Enable>=1]_Enable", R"({"List" : "1","1" : {"Enable" : "1"}})"},
+        {"User_*[Services?=web_web]_Enable", R"({"List" : "1,2","1" : {"Enable" : "1"},"2" : {"Enable" : "0"}})"},
+        // Filters come before clauses: here ">2_Enable" is the remainder, which
+        // the schema does not know, so the clause is not applied.
+        {"User_*[Username<1]>2_Enable", R"({"List" : "1,2,3","1" : ,"2" : ,"3" : })"},
+        {"User_*[Password=admin]_Username", R"({"List" : ""})"},  // secrets never match
+        {"User_*[Password!=x]_Username", R"({"List" : ""})"},
+        {"User_*[Nothing=1]_Username", R"({"List" : ""})"},
+        {"User_{3,1}_Username", R"({"List" : "3,1","3" : {"Username" : "support"},"1" : {"Username" : "admin"}})"},
+        {"User_{2,2,}_Enable",
+         R"({"List" : "2,2,2","2" : {"Enable" : "0"},"2" : {"Enable" : "0"},"2" : {"Enable" : "0"}})"},
+        {"User_{}", R"({"List" : ""})"},
+        {"User_{9}_Username", R"({"List" : ""})"},
+        {"User_{Services_IADConfigurator_Languages}_Enable",
+         R"({"List" : "3,1","3" : {"Enable" : "1"},"1" : {"Enable" : "1"}})"},
+        {"User_{User_1_Password}_Enable", "(null)"},
+        {"User_{Services_IADConfigurator_Nothing}", "(null)"},
+        {"User_{1", "(null)"},
+        {"User_*X", "(null)"},
+        {"User_*==2", "(null)"},
+        {"User_*[Enable=1", "(null)"},
+        {"User_{1}_*", R"({"List" : "1","1" : })"},  // the first marker decides
+        {"User_*_{1}", R"({"List" : "1,2,3","1" : ,"2" : ,"3" : })"},
+        {"LANEthernetInterface_*>2_Name", R"({"List" : "3,4","3" : {"Name" : "eth2"},"4" : {"Name" : "eth3"}})"},
+        {"Device_*", "(null)"},  // not a List or Array
+        {"User_[Username=guest]_Enable", R"("0")"},
+        {"WANConnectionDevice_[Name=Remote web access]_Name", R"("dsl")"},  // only the end is compared
+        {"User_[Username=nobody]_Enable", "(null)"},
+        {"User_[Password=admin]_Username", "(null)"},
+        {"Nothing_At_All", "(null)"},
+    };
+    for (const auto &c : cases) EXPECT_EQ(read(c.path), c.json) << c.path;
+    EXPECT_NE(logged().find("found nothing to match User_Username [nobody]"), std::string::npos);
+    EXPECT_NE(logged().find("unknow selector (X for User_*X)"), std::string::npos);
+    EXPECT_NE(logged().find("Bad syntax in Wheres, aborting the query"), std::string::npos);
+}
+
+TEST_F(DatamodelModel, ArraysOfCountZeroAndTheIndexTableEnd) {
+    for (const char *server : {"HttpServer_3", "HttpServer_2", "HttpServer_1"}) {
+        ASSERT_EQ(QM_DAT_deleteobject(server, 0), 0);
+    }
+    EXPECT_EQ(read("HttpServer_*"), R"({"List" : ""})");
+    EXPECT_EQ(read("HttpServer_*_Name"), R"({"List" : ""})");
+
+    ASSERT_EQ(QM_DAT_createobject("User_1023", 0), 0);
+    set("User_1023", "Username", "last");
+    EXPECT_EQ(read("User_*>3_Username"), R"({"List" : "1023","1023" : {"Username" : "last"}})");
+    ASSERT_EQ(QM_DAT_createobject("User_1024", 0), 0);
+    EXPECT_EQ(read("User_*>3_Username"), "(null)");
+    EXPECT_NE(logged().find("instance 1024 out of range"), std::string::npos);
+    // Explicit sets do not use the table.
+    EXPECT_EQ(read("User_{1024}_Enable"), R"({"List" : "1024","1024" : {"Enable" : "0"}})");
+}
+
+TEST_F(DatamodelModel, IndirectNames) {
+    set("Services_IADConfigurator", "MaxTry", "2");
+    set("User_1", "Password", "3");
+    last_created_indice = -1;
+    const struct {
+        const char *path, *name;
+    } before[] = {
+        {"User_[Username=guest]_Enable", "User_2_Enable"},
+        {"User_[Username=support]", "User_3"},
+        {"User_[Password=3]_Enable", "(null)"},
+        {"User_0_Enable", "(null)"},  // nothing created yet
+        {"User_[Services_IADConfigurator_MaxTry]_Username", "User_2_Username"},
+        {"User_[Device_Name]_Username", "(null)"},      // not an instance number
+        {"User_[User_1_Password]_Username", "(null)"},  // a secret
+        {"User_[Nothing]_Username", "(null)"},
+        {"Device_Name", "(null)"},
+    };
+    for (const auto &c : before) EXPECT_EQ(computed(c.path), c.name) << c.path;
+    last_created_indice = 12;
+    EXPECT_EQ(computed("PortMapping_0_Name"), "PortMapping_12_Name");
+    EXPECT_EQ(computed("User_[Username=guest]_0_X"), "User_2_0_X");  // a lookup first
+    const std::string long_path = "A_0_" + std::string(300, 'x');
+    EXPECT_EQ(computed(long_path.c_str()).size(), 127u);
+}
+
+TEST_F(DatamodelModel, CreatesInstancesForTheToken) {
+    const char *rule = "Services_ParentalControl_Rule";
+    ASSERT_EQ(QM_DAT_createobject("Services_ParentalControl_Rule_3", 0), 0);
+    ASSERT_EQ(QM_DAT_createobject("Services_ParentalControl_Rule_4", 0), 0);
+
+    hold_token("600\nDevice\nnot a line\nPortMapping,0,\nServices_ParentalControl_Rule,3,Name=kid,User=1\n");
+    EXPECT_EQ(create_object(rule), 5);
+    Text name(QM_DAT_getobjproperty("Services_ParentalControl_Rule_5", "Name"));
+    ASSERT_NE(name, nullptr);
+    EXPECT_STREQ(name.get(), "kid");
+    const std::string rights = token_file().substr(4, token_file().find('\n', 4) - 4);
+    EXPECT_NE(rights.find(",Services_ParentalControl_Rule_5_Enable"), std::string::npos) << rights;
+    EXPECT_EQ(rights.find("Rule_5_Name"), std::string::npos) << rights;  // forced by the token
+    EXPECT_EQ(rights.find("Rule_5_User"), std::string::npos) << rights;
+    EXPECT_NE(logged().find("syntax error on  not a line"), std::string::npos);
+
+    EXPECT_EQ(create_object("PortMapping"), -1);  // first instance 0
+    EXPECT_EQ(create_object("User"), -1);         // no line
+    hold_token("600\nall\nServices_ParentalControl_Rule,1,Name\n");
+    EXPECT_EQ(create_object(rule), -1);  // a default without "=": the instance stays
+    Text count(QM_DAT_getobjcount(rule));
+    EXPECT_STREQ(count.get(), "1,3,4,5");
+    remove_last_token_name();
+    EXPECT_EQ(create_object(rule), -1);
+}
+
+TEST_F(DatamodelModel, CliHookMasksUnlessShownAndLearns) {
+    SSI_Set_Mode(SSI_MODE_PLAIN);
+    hold_token("600\nDevice\n");
+    const struct {
+        const char *argument, *out;
+    } cases[] = {
+        {"User_1_Password", R"("********")"},
+        {"User_1_Password:show", R"("admin")"},
+        {"User_1_Password:show:shadow", R"("admin")"},
+        {"User_1_Username:write", R"("admin")"},
+        {"User_9_Username", "undefined"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(captured_output([&] { generic_ssi(c.argument); }), c.out) << c.argument;
+        EXPECT_EQ(token_ssi_autolearn, 0);
+        EXPECT_EQ(token_shadow_password, std::strstr(c.argument, ":show") != nullptr ? 0 : 1) << c.argument;
+    }
+    token_shadow_password = 1;
+    EXPECT_EQ(token_file(), "600\nDevice,User_1_Username\n");
+}
+
+TEST_F(DatamodelModel, RebootRequestsOfEarlierRequestsAreDropped) {
+    need_reboot = 1;
+    need_factory = 1;
+    setenv("REQUEST_METHOD", "GET", 1);
+    setenv("QUERY_STRING", "read=Device_Name", 1);
+    const std::string out = captured_output([] { generic_cgi(0, nullptr); });
+    unsetenv("REQUEST_METHOD");
+    unsetenv("QUERY_STRING");
+    EXPECT_EQ(out, "Content-Type: text/plain\r\n\r\n"
+                   "{\"error\" : \"You must provide a token to access the values of CLI get or post.\"}\n");
+    EXPECT_EQ(need_reboot, 0);
+    EXPECT_EQ(need_factory, 0);
+    std::ostringstream events;
+    events << std::ifstream(root_ / "var/quelm/platform/events.log").rdbuf();
+    EXPECT_EQ(events.str().find("reboot"), std::string::npos) << events.str();
+}
+
+}  // namespace
