@@ -24,3 +24,5 @@ cmake --build build --target bench-tools -j"$(nproc 2>/dev/null || echo 2)" >/de
 
 echo "== bench/ssi"
 bench/ssi/run.sh build
+echo "== bench/datamodel"
+bench/datamodel/run.sh build

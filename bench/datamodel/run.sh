@@ -97,10 +97,14 @@ PY
 }
 
 # One plain-CGI request; prints the answer's size in bytes.
-answer_size() { # root query
+answer() { # root query: the JSON body of the answer
   QUELM_ROOT=$1 QUELM_LOG_FILE=$work/cgi.log REQUEST_METHOD=GET QUERY_STRING=$2 \
     SCRIPT_FILENAME=/www/generic.cgi SCRIPT_NAME=/generic.cgi QUELM_REALM=web REMOTE_ADDR=127.0.0.1 \
-    "$bin/cgi-ssi" | wc -c
+    "$bin/cgi-ssi" | sed '1,/^\r\?$/d'
+}
+
+answer_size() { # root query
+  answer "$1" "$2" | wc -c
 }
 
 # Instructions of one plain-CGI request under callgrind.
@@ -128,6 +132,12 @@ start_lighttpd() { # root run_dir
   mkdir -p "$run/www"
   conf=$run/lighttpd.conf
   QUELM_LOG_FILE=$run/cgi-ssi.log "$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$run/www" "$run" > "$conf"
+  # The reference: the minimal copying responder serving the same JSON bytes.
+  cat >> "$conf" <<CONF
+static-file.exclude-extensions += ( ".bfc" )
+fastcgi.server += ( ".bfc" => ( ( "bin-path" => "$bin/bench-fcgi-copy", "socket" => "$run/copy.sock",
+                                  "check-local" => "disable", "max-procs" => 1 ) ) )
+CONF
   lighttpd -D -f "$conf" >"$run/lighttpd.out" 2>&1 &
   lighttpd_pid=$!
   for _ in $(seq 1 150); do
@@ -148,22 +158,25 @@ rps() { # url
 
 {
   printf 'generic.cgi reads of an Array of N instances x 8 properties (%s)\n' "$(date -u +%FT%TZ)"
-  printf '%-6s %-6s %10s %14s %14s %10s\n' N read bytes instructions net req/s
+  printf '%-6s %-6s %10s %14s %14s %10s %10s %6s\n' N read bytes instructions net req/s copy-req/s ratio
 } | tee "$report"
 
 for n in $sizes; do
   root=$work/root-$n
   make_root "$n" "$root"
   set_queries "$n"
-  declare -A ir=() rate=()
+  declare -A ir=() rate=() copy_rate=()
   if [ "$do_callgrind" = 1 ]; then
     for r in "${reads[@]}"; do ir[$r]=$(instructions "$root" "${query[$r]}"); done
   fi
   if [ "$do_wrk" = 1 ]; then
+    mkdir -p "$work/run-$n/www"
+    for r in "${reads[@]}"; do answer "$root" "${query[$r]}" > "$work/run-$n/www/$r.bfc"; done
     base=$(start_lighttpd "$root" "$work/run-$n")
     for r in "${reads[@]}"; do
       wrk -t1 -c1 -d1s "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
       rate[$r]=$(rps "$base/generic.cgi?${query[$r]}")
+      copy_rate[$r]=$(rps "$base/$r.bfc")
     done
     stop_lighttpd
   fi
@@ -172,7 +185,12 @@ for n in $sizes; do
     total=${ir[$r]:--}
     net=-
     if [ -n "${ir[$r]:-}" ] && [ -n "${ir[none]:-}" ]; then net=$(( ${ir[$r]} - ${ir[none]} )); fi
-    printf '%-6s %-6s %10s %14s %14s %10s\n' "$n" "$r" "$size" "$total" "$net" "${rate[$r]:--}"
+    ratio=-
+    if [[ "${rate[$r]:-}" =~ ^[0-9.]+$ && "${copy_rate[$r]:-}" =~ ^[0-9.]+$ ]]; then
+      ratio=$(awk -v a="${rate[$r]}" -v b="${copy_rate[$r]}" 'BEGIN { printf "%.2f", a / b }')
+    fi
+    printf '%-6s %-6s %10s %14s %14s %10s %10s %6s\n' "$n" "$r" "$size" "$total" "$net" "${rate[$r]:--}" \
+      "${copy_rate[$r]:--}" "$ratio"
   done | tee -a "$report"
 done
 echo "report: $report"
