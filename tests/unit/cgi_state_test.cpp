@@ -24,6 +24,7 @@
 #include "qm_config.h"
 #include "qm_util.h"
 #include "ssi_buffer.h"
+#include "test_support.h"
 
 namespace {
 
@@ -37,23 +38,7 @@ std::string slurp(const fs::path &path) {
     return s.str();
 }
 
-std::string captured_output(const std::function<void()> &write) {
-    std::fflush(stdout);
-    cgi_out_flush();
-    int saved = dup(1);
-    std::FILE *sink = std::tmpfile();
-    dup2(fileno(sink), 1);
-    write();
-    cgi_out_flush();
-    dup2(saved, 1);
-    close(saved);
-    std::rewind(sink);
-    std::string out;
-    char chunk[4096];
-    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
-    std::fclose(sink);
-    return out;
-}
+using test_support::captured_output;
 
 // Sends the current destination; returns what went into Line after
 // checking that the redirect carries exactly that and the error code
@@ -71,7 +56,7 @@ protected:
     static void SetUpTestSuite() {
         // Outside a FastCGI server the first accept binds the FCGI_ streams
         // to stdin and stdout; before it, response output is dropped.
-        if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+        test_support::bind_fcgi_streams();
         char dir[] = "/tmp/cgi_state_test.XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
         root_ = dir;

@@ -27,28 +27,14 @@
 #include "qm_node.h"
 #include "qm_token.h"
 #include "ssi.h"
+#include "test_support.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace cgissi::datamodel;
 
-std::string captured_output(const std::function<void()> &write) {
-    cgi_out_flush();
-    int saved = dup(1);
-    std::FILE *sink = std::tmpfile();
-    dup2(fileno(sink), 1);
-    write();
-    cgi_out_flush();
-    dup2(saved, 1);
-    close(saved);
-    std::rewind(sink);
-    std::string out;
-    char chunk[4096];
-    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
-    std::fclose(sink);
-    return out;
-}
+using test_support::captured_output;
 
 struct Free {
     void operator()(void *p) const { std::free(p); }
@@ -272,7 +258,7 @@ std::string printed(qm_node *root, int shadow, int mode = SSI_MODE_PLAIN) {
 class DatamodelTree : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+        test_support::bind_fcgi_streams();
     }
 };
 
@@ -349,7 +335,7 @@ TEST_F(DatamodelTree, EscapingFollowsTheOutputModeExceptForKeys) {
 }
 
 TEST(DatamodelOutput, TfprintfAccumulatesNewestFirst) {
-    if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+    test_support::bind_fcgi_streams();
     direct = 0;
     std::string out = captured_output([] {
         tfprintf(nullptr, "%s", "one ");
@@ -369,7 +355,7 @@ TEST(DatamodelOutput, TfprintfAccumulatesNewestFirst) {
 class DatamodelModel : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+        test_support::bind_fcgi_streams();
     }
     void SetUp() override {
         char dir[] = "/tmp/datamodel_test.XXXXXX";

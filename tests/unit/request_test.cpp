@@ -22,6 +22,7 @@
 #include "cgi_output.h"
 #include "cgic.h"
 #include "qm_config.h"
+#include "test_support.h"
 
 namespace {
 
@@ -46,24 +47,7 @@ std::string read_file(const std::string &path) {
     return s.str();
 }
 
-// Everything the request layer writes to the response while `write` runs.
-std::string captured_output(const std::function<void()> &write) {
-    std::fflush(stdout);
-    cgi_out_flush();
-    int saved = dup(1);
-    std::FILE *sink = std::tmpfile();
-    dup2(fileno(sink), 1);
-    write();
-    cgi_out_flush();
-    dup2(saved, 1);
-    close(saved);
-    std::rewind(sink);
-    std::string out;
-    char chunk[4096];
-    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
-    std::fclose(sink);
-    return out;
-}
+using test_support::captured_output;
 
 class RequestTest : public ::testing::Test {
 protected:

@@ -15,28 +15,13 @@
 #include "cgic.h"
 #include "libssi/ssi_internal.h"
 #include "ssi.h"
+#include "test_support.h"
 
 namespace {
 
 using namespace cgissi::ssi;
 
-std::string captured_output(const std::function<void()> &write) {
-    std::fflush(stdout);
-    cgi_out_flush();
-    int saved = dup(1);
-    std::FILE *sink = std::tmpfile();
-    dup2(fileno(sink), 1);
-    write();
-    cgi_out_flush();
-    dup2(saved, 1);
-    close(saved);
-    std::rewind(sink);
-    std::string out;
-    char chunk[4096];
-    for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
-    std::fclose(sink);
-    return out;
-}
+using test_support::captured_output;
 
 // ---- CGI pattern ------------------------------------------------------------
 
@@ -96,7 +81,7 @@ protected:
     static void SetUpTestSuite() {
         // Outside a web server the first accept makes the FastCGI streams
         // wrappers of the process's stdin and stdout.
-        if (FCGI_ToFILE(FCGI_stdout) == nullptr) FCGI_Accept();
+        test_support::bind_fcgi_streams();
     }
     void TearDown() override { SSI_Set_Mode(SSI_MODE_PLAIN); }
 

@@ -23,6 +23,7 @@
 #include "cgic.h"
 #include "qm_config.h"
 #include "qm_token.h"
+#include "test_support.h"
 
 namespace {
 
@@ -34,21 +35,7 @@ std::string slurp(const fs::path &path) {
     return s.str();
 }
 
-std::string captured_output(const std::function<void()> &write) {
-    cgi_out_flush();
-    int saved = dup(1);
-    std::FILE *sink = std::tmpfile();
-    dup2(fileno(sink), 1);
-    write();
-    cgi_out_flush();
-    dup2(saved, 1);
-    close(saved);
-    std::rewind(sink);
-    std::string out(4096, '\0');
-    out.resize(std::fread(out.data(), 1, out.size(), sink));
-    std::fclose(sink);
-    return out;
-}
+using test_support::captured_output;
 
 std::time_t mtime(const fs::path &path) {
     struct stat st {};
@@ -71,7 +58,7 @@ class Token : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
         // Outside a FastCGI server the first accept binds the response stream.
-        if (FCGI_stdout->stdio_stream == nullptr && FCGI_stdout->fcgx_stream == nullptr) FCGI_Accept();
+        test_support::bind_fcgi_streams();
     }
     void SetUp() override {
         char dir[] = "/tmp/token_test.XXXXXX";
