@@ -59,13 +59,13 @@ def render(cgi, text):
     return answer.body.decode()
 
 
-@pytest.mark.parametrize("spec, lifetime, rights", [
+@pytest.mark.parametrize("text, lifetime, rights", [
     ("600 Wifi,Hosts", "600", "Wifi,Hosts"),
     ("abc Wifi", "900", "Wifi"),
     ("Wifi,Hosts", "900", "Wifi,Hosts"),
 ])
-def test_page_token_file(cgi, root, spec, lifetime, rights):
-    body = render(cgi, f'<!--#echo var="token={spec}" -->')
+def test_page_token_file(cgi, root, text, lifetime, rights):
+    body = render(cgi, f'<!--#echo var="token={text}" -->')
     files = token_files(root)
     assert len(files) == 1 and body == f'"{files[0].name[-6:]}"'
     assert files[0].read_text() == f"{lifetime}\n{rights}\n"
