@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -17,7 +16,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include "cgi_output.h"
 #include "cgic.h"
 #include "platform.h"
 #include "qm_cgi_state.h"
@@ -32,9 +30,8 @@ namespace fs = std::filesystem;
 constexpr const char *kIad = "Services_IADConfigurator";
 
 std::string slurp(const fs::path &path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
 }
 
@@ -54,8 +51,6 @@ std::string redirect_target() {
 class CgiState : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        // Outside a FastCGI server the first accept binds the FCGI_ streams
-        // to stdin and stdout; before it, response output is dropped.
         test_support::bind_fcgi_streams();
         char dir[] = "/tmp/cgi_state_test.XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
@@ -120,7 +115,6 @@ TEST_F(CgiState, ErrorIsStoredAsDecimalAndShownOnce) {
         {"code", [] { EXPECT_EQ(set_cgierror(42), 42); }, "42", "42"},
         {"negative code", [] { set_cgierror(-7); }, "-7", "-7"},
         {"cleared by 0", [] { set_cgierror(5); set_cgierror(0); }, nullptr, "0"},
-        {"nothing stored", [] {}, nullptr, "0"},
         {"empty file", [&] { std::ofstream{file}; }, "", ""},
     };
     for (const Case &c : cases) {
@@ -151,7 +145,6 @@ TEST_F(CgiState, RefererTreeAndFixedForms) {
         {3, "http://[::1]:8080/fr_FR/expert/", "../fr_FR/expert/P.htm"},  // ":" to "_" is a range
         {3, "http://my-box/en/basic/", "../index.htm"},                   // no "-" in a host
         {3, "http://192.168.1.1/index.htm", "../index.htm"},
-        {3, "https://192.168.1.1/en/basic/", "../index.htm"},
         {3, "http://" + d39 + "/a/b/", "../a/b/P.htm"},
         {3, "http://" + d40 + "/a/b/", "../index.htm"},
         {3, "http://h/" + d40 + "/b/", "../index.htm"},
@@ -180,9 +173,7 @@ TEST_F(CgiState, LanguageTrees) {
         {"gw", 1, "en_GB", 0, "../en_GB/basic/P.htm"},
         {"gw", 1, "default", 1, "../default/expert/P.htm"},
         {"gw", 0, "en_GB", 1, "../expert/P.htm"},
-        {"gw", 0, "en", 0, "../basic/P.htm"},
         {"nolang", 1, nullptr, 0, "../basic/fr/P.htm"},
-        {"nolang", 1, nullptr, 1, "../expert/fr/P.htm"},
         {"uninitialised", 1, nullptr, 1, "../expert/P.htm"},  // Enable unreadable
     };
     for (const Case &c : cases) {
@@ -204,13 +195,11 @@ TEST_F(CgiState, FormFieldsChooseThePage) {
         int want_mode;
     } cases[] = {
         {true, "", "index.htm", 0},
-        {true, "iExpert=1", "index.htm", 0},
-        {true, "sSuccessPage=index.htm&iExpert=1", "index.htm", 0},
+        {true, "sSuccessPage=index.htm&iExpert=1", "index.htm", 0},  // the home page is basic
         {true, "sSuccessPage=index.htm&iExpert=3", "index.htm", 3},
         {true, "sSuccessPage=ok.htm&iExpert=-2", "ok.htm", -2},
         {true, "sSuccessPage=&iExpert=-1", "prev.htm", 1},  // empty page: no change
         {false, "iExpert=1", "prev.htm", 1},  // absent: previous choice stays
-        {false, "sErrorPage=err.htm", "err.htm", 0},
         {false, "sErrorPage=err.htm&iExpert=1", "err.htm", 1},
     };
     for (const Case &c : cases) {
