@@ -125,7 +125,8 @@ stop_lighttpd() {
 }
 trap stop_lighttpd EXIT
 
-# Starts lighttpd for root; prints its base URL.
+# Starts lighttpd for root and sets base to its URL. Runs in this shell (not
+# in a command substitution) so that stop_lighttpd knows its pid.
 start_lighttpd() { # root run_dir
   local root=$1 run=$2 port conf
   port=${BENCH_PORT:-$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')}
@@ -142,7 +143,7 @@ CONF
   lighttpd_pid=$!
   for _ in $(seq 1 150); do
     if curl -s -o /dev/null --max-time 1 "http://127.0.0.1:$port/generic.cgi?${query[none]}"; then
-      echo "http://127.0.0.1:$port"
+      base="http://127.0.0.1:$port"
       return 0
     fi
     sleep 0.1
@@ -172,7 +173,7 @@ for n in $sizes; do
   if [ "$do_wrk" = 1 ]; then
     mkdir -p "$work/run-$n/www"
     for r in "${reads[@]}"; do answer "$root" "${query[$r]}" > "$work/run-$n/www/$r.bfc"; done
-    base=$(start_lighttpd "$root" "$work/run-$n")
+    start_lighttpd "$root" "$work/run-$n"
     for r in "${reads[@]}"; do
       wrk -t1 -c1 -d1s "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
       rate[$r]=$(rps "$base/generic.cgi?${query[$r]}")
