@@ -293,15 +293,22 @@ void do_echo(const Call &c) {
     }
 }
 
-void do_fsize(const Call &c) {
+// The status of the file a directive names; reports a missing one inline.
+std::optional<struct stat> stat_target(const Call &c) {
     std::optional<std::string> path = get_filename(c.virtual_name, c.file_name, c.directive, c.tag, c.value);
-    if (!path) return;
+    if (!path) return std::nullopt;
     struct stat st {};
     if (::stat(path->c_str(), &st) != 0) {
         file_not_found(c.directive, c.tag, *path);
-        return;
+        return std::nullopt;
     }
-    const long size = static_cast<long>(st.st_size);
+    return st;
+}
+
+void do_fsize(const Call &c) {
+    std::optional<struct stat> st = stat_target(c);
+    if (!st) return;
+    const long size = static_cast<long>(st->st_size);
     if (sizefmt == kSizeBytes) {
         cgi_out_printf("%ld", size);
     } else if (size < 1024) {
@@ -319,14 +326,7 @@ void do_fsize(const Call &c) {
 }
 
 void do_flastmod(const Call &c) {
-    std::optional<std::string> path = get_filename(c.virtual_name, c.file_name, c.directive, c.tag, c.value);
-    if (!path) return;
-    struct stat st {};
-    if (::stat(path->c_str(), &st) != 0) {
-        file_not_found(c.directive, c.tag, *path);
-        return;
-    }
-    print_time(st.st_mtime, false);
+    if (std::optional<struct stat> st = stat_target(c)) print_time(st->st_mtime, false);
 }
 
 // Runs `command` with /bin/sh and copies its standard output into the

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds, runs and tests with.
+# Installs the Debian packages the project builds, runs and tests with, and
+# any further packages named as arguments (the benchmarks' tools).
 # Only what is missing is installed; a machine that has everything is left alone.
 set -euo pipefail
 
@@ -7,6 +8,7 @@ packages=(
   build-essential cmake pkg-config
   libfcgi-dev libfcgi-bin libssl-dev libexif-dev libiksemel-dev libsqlite3-dev
   libgtest-dev python3-pytest lighttpd curl
+  "$@"
 )
 
 missing=()

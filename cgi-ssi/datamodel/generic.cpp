@@ -331,21 +331,33 @@ void write_cgi_value(std::string &text, GenericRequest &request) {
     request.last_written = object;
 }
 
-void writes_cgi_value(std::string &text, GenericRequest &request) {
+// Splits "OBJECT:REST" and checks the token's rights on the object; records
+// the format error (wrong_format names the field) or the refusal and gives
+// nothing when either fails.
+std::optional<std::size_t> granted_object_field(const std::string &text, GenericRequest &request,
+                                                 const char *wrong_format, std::string &object) {
     const std::size_t colon = text.find(':');
     if (colon == std::string::npos) {
-        set_cgi_error(request, kErrorFormat, "Wrong format when trying to writes %s (writes=PROPERTY:VALUES). ",
-                      text.c_str());
-        return;
+        set_cgi_error(request, kErrorFormat, wrong_format, text.c_str());
+        return std::nullopt;
     }
-    const std::string object = text.substr(0, colon);
+    object = text.substr(0, colon);
+    if (!granted(request, object)) {
+        set_cgi_error(request, kErrorRefused, kNoAccess, object.c_str());
+        return std::nullopt;
+    }
+    return colon;
+}
+
+void writes_cgi_value(std::string &text, GenericRequest &request) {
     // Writes answer to the token like write does; they still apply no rule
     // ownership and do not mark the request modified (their changes are
     // saved only with another field's).
-    if (!granted(request, object)) {
-        set_cgi_error(request, kErrorRefused, kNoAccess, object.c_str());
-        return;
-    }
+    std::string object;
+    const std::optional<std::size_t> found =
+        granted_object_field(text, request, "Wrong format when trying to writes %s (writes=PROPERTY:VALUES). ", object);
+    if (!found) return;
+    const std::size_t colon = *found;
     const std::string items = text.substr(colon + 1);
     std::size_t start = 0;
     for (bool first = true; start <= items.size(); first = false) {
@@ -499,17 +511,11 @@ void delete_cgi_value(std::string &object, GenericRequest &request) {
 }
 
 void reset_cgi_value(std::string &text, GenericRequest &request) {
-    const std::size_t colon = text.find(':');
-    if (colon == std::string::npos) {
-        set_cgi_error(request, kErrorFormat, "Wrong format when trying to write %s (reset=PROPERTY:VALUE). ",
-                      text.c_str());
-        return;
-    }
-    const std::string object = text.substr(0, colon);
-    if (!granted(request, object)) {
-        set_cgi_error(request, kErrorRefused, kNoAccess, object.c_str());
-        return;
-    }
+    std::string object;
+    const std::optional<std::size_t> found =
+        granted_object_field(text, request, "Wrong format when trying to write %s (reset=PROPERTY:VALUE). ", object);
+    if (!found) return;
+    const std::size_t colon = *found;
     const int flag = text[colon + 1] == '1' ? 1 : 0;
     if (QM_DAT_resetobjdata(object.c_str(), flag) == 0) {
         request.modified = true;
