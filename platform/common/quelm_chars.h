@@ -1,0 +1,31 @@
+// Character classes of the gateway's text formats, by the exact set each
+// one accepts. Bytes are taken as they come: nothing from 128 up belongs to
+// any class, and no locale is consulted.
+#pragma once
+
+namespace quelm {
+
+constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
+constexpr bool is_ascii_alpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+constexpr bool is_ascii_alnum(char c) { return is_digit(c) || is_ascii_alpha(c); }
+
+// ' ' and '\t'.
+constexpr bool is_space_or_tab(char c) { return c == ' ' || c == '\t'; }
+// ' ', '\t', '\r' and '\n' (not '\v' or '\f').
+constexpr bool is_space_tab_cr_lf(char c) { return is_space_or_tab(c) || c == '\r' || c == '\n'; }
+// The six bytes of C's isspace in the "C" locale: ' ', '\t', '\n', '\v', '\f', '\r'.
+constexpr bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// Printable ASCII without the blank (33-126) and with it (32-126).
+constexpr bool is_graphic_ascii(char c) { return c > ' ' && c <= '~'; }
+constexpr bool is_printable_ascii(char c) { return c >= ' ' && c <= '~'; }
+
+// 0-15 for a hex digit of either case, else -1.
+constexpr int hex_value(char c) {
+    if (is_digit(c)) return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+}  // namespace quelm

@@ -1,0 +1,75 @@
+// The shared helpers every layer builds on: the child runner, split and hex.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <string>
+#include <vector>
+
+#include "quelm_child.h"
+#include "quelm_owned.h"
+#include "quelm_text.h"
+
+namespace {
+
+TEST(ChildRunner, GivesTheChildNullInputAndNoInheritedDescriptors) {
+    // A descriptor the parent holds open must not reach the child.
+    quelm::UniqueFd held(::open("/dev/null", O_RDONLY));  // deliberately without O_CLOEXEC
+    ASSERT_TRUE(held);
+    const std::string probe = "read line; echo \"in=[$line]\"; ls /proc/self/fd | wc -l";
+    std::string out;
+    const quelm::ChildResult r = quelm::run_child({"/bin/sh", "-c", probe}, out);
+    EXPECT_EQ(r.status, 0);
+    // stdin empty; fds 0, 1, 2 and the one ls itself opens on /proc/self/fd.
+    EXPECT_EQ(out, "in=[]\n4\n");
+}
+
+TEST(ChildRunner, ReportsStatusLimitAndTimeout) {
+    std::string out;
+    EXPECT_EQ(quelm::run_child({"/bin/sh", "-c", "exit 3"}, out).status, 3);
+    EXPECT_EQ(quelm::run_child({"/no/such/program"}, out).status, 127);
+    EXPECT_EQ(quelm::run_child({}, out).status, -1);
+
+    quelm::ChildOptions limited;
+    limited.output_limit = 5;
+    // The child writes far more than a pipe holds: it must still finish.
+    quelm::ChildResult r = quelm::run_child({"/bin/sh", "-c", "yes | head -c 200000; echo done >&2"}, out, limited);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(r.truncated);
+    EXPECT_EQ(out, "y\ny\ny");
+
+    quelm::ChildOptions merged;
+    merged.merge_stderr = true;
+    quelm::run_child({"/bin/sh", "-c", "echo err >&2"}, out, merged);
+    EXPECT_EQ(out, "err\n");
+
+    quelm::ChildOptions quick;
+    quick.timeout_ms = 100;
+    r = quelm::run_child({"/bin/sleep", "10"}, out, quick);
+    EXPECT_TRUE(r.timed_out);
+    EXPECT_EQ(r.status, 128 + 9);
+}
+
+TEST(Split, KeepsEmptyItemsAndStopsOnFalse) {
+    std::vector<std::string> items;
+    quelm::split("a,,b,", ',', [&](std::string_view item) { items.emplace_back(item); });
+    EXPECT_EQ(items, (std::vector<std::string>{"a", "", "b", ""}));
+    items.clear();
+    EXPECT_FALSE(quelm::split("x,stop,y", ',', [&](std::string_view item) {
+        items.emplace_back(item);
+        return item != "stop";
+    }));
+    EXPECT_EQ(items, (std::vector<std::string>{"x", "stop"}));
+}
+
+TEST(Hex, RoundTripsAndRefusesMalformedText) {
+    const std::string bytes("\x00\x7f\x80\xff", 4);
+    EXPECT_EQ(quelm::hex_encode(bytes), "007f80ff");
+    EXPECT_EQ(quelm::hex_encode(bytes, quelm::HexCase::upper), "007F80FF");
+    std::string back;
+    EXPECT_TRUE(quelm::hex_decode("007F80fF", back));
+    EXPECT_EQ(back, bytes);
+    EXPECT_FALSE(quelm::hex_decode("abc", back));
+    EXPECT_FALSE(quelm::hex_decode("0g", back));
+}
+
+}  // namespace
