@@ -5,12 +5,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "json/json_writer.h"
 #include "qm_config.h"
+#include "qm_node.h"
 #include "qm_token.h"
+#include "quelm_owned.h"
 
 namespace cgissi::datamodel {
 
@@ -105,21 +109,15 @@ struct IndirectIndex {
 // "Obj_[Other_N_Prop]_rest"; false without "_[", "]_" or a "_" inside.
 bool parse_indirect_index(std::string_view path, IndirectIndex &out);
 
-// ---- Access checks and key output ------------------------------------------
+// ---- Access checks -------------------------------------------------------------
 
 // The path with the contents of its "[...]" and "{...}" removed (the
 // brackets stay), so that a right named inside a where clause, a lookup or
 // an instance set grants nothing. An unclosed bracket drops the rest.
 std::string rights_path(std::string_view path);
 
-// Member key as JSON text between its double quotes: a double quote, a
-// backslash and control bytes are escaped, everything else is unchanged.
-std::string json_key(std::string_view key);
-
-// ---- Secret masking -----------------------------------------------------------
-
-// Leading "," kept, anything after them shown as "********".
-std::string masked_value(std::string_view value);
+// atoi without its undefined overflow: what "%d" reads, 0 when nothing.
+int decimal_value(const char *text);
 
 // ---- SSI hook options ---------------------------------------------------------
 
@@ -138,7 +136,7 @@ struct GenericRequest {
     token_context token{};         // message, token rights, error text
     std::uint32_t error_code = 0;  // latest error, 0 none
     std::string last_written;      // object of the latest accepted write
-    bool printed = false;          // a member was printed: next needs ", "
+    json::Writer answer{json::kAnswerLayout};  // the one object answered
     bool modified = false;         // commit at the end
     bool store_only = false;       // passed to QM_DAT_setobjproperty
 };
@@ -161,5 +159,38 @@ void reset_cgi_value(std::string &value, GenericRequest &request);
 
 // Schema type of a name; false when the schema does not know it.
 bool schema_type(const char *name, int &type);
+bool is_secret_name(const std::string &name);
+
+// ---- Shared by the front ends ------------------------------------------------
+
+struct TreeDeleter {
+    void operator()(qm_node *n) const { free_all_node(n); }
+};
+using Tree = std::unique_ptr<qm_node, TreeDeleter>;
+
+struct RecordsDeleter {
+    void operator()(QM_DAT_record *r) const { QM_DAT_freedata(&r); }
+};
+using Records = std::unique_ptr<QM_DAT_record, RecordsDeleter>;
+
+// Prints the chain that starts at node as a result tree.
+void write_tree(const qm_node *node, bool shadow);
+
+// True when the token grants path (has_right result 1); names inside
+// brackets grant nothing (rights_path).
+bool granted(const GenericRequest &request, const std::string &path);
+
+// Ssi as left by a producer, which may have filled all of it.
+std::string_view ssi_text();
+void clear_ssi();
+
+// Splits "name:arguments" (the arguments null when there is no ":").
+struct FunctionCall {
+    std::string name;
+    std::string arguments;
+    bool has_arguments = false;
+    const char *argument_ptr() const { return has_arguments ? arguments.c_str() : nullptr; }
+};
+FunctionCall split_call(std::string_view text);
 
 }  // namespace cgissi::datamodel

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,7 +14,10 @@
 #include "qm_config.h"
 #include "qm_generic.h"
 #include "qm_token.h"
+#include "quelm_guard.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
+#include "quelm_text.h"
 #include "util/text_scan.h"
 
 namespace cgissi::datamodel {
@@ -22,29 +26,10 @@ namespace {
 static_assert(kComputedNameSize == QM_COMPUTED_NAME_SIZE);
 static_assert(kFlagTableSize == QM_INDEX_FLAGS_SIZE);
 
-struct FreeDeleter {
-    void operator()(void *p) const { std::free(p); }
-};
-using Text = std::unique_ptr<char, FreeDeleter>;
-
-struct RecordsDeleter {
-    void operator()(QM_DAT_record *r) const { QM_DAT_freedata(&r); }
-};
-using Records = std::unique_ptr<QM_DAT_record, RecordsDeleter>;
-
-bool ends_with(const char *text, std::string_view suffix) {
-    std::string_view t(text);
-    return t.size() >= suffix.size() && t.substr(t.size() - suffix.size()) == suffix;
-}
+using quelm::MallocString;
 
 bool all_digits(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return quelm::util::is_digit(c); });
-}
-
-// atoi without its undefined overflow: what "%d" reads, 0 when nothing.
-int decimal_value(const char *text) {
-    int value = 0;
-    return quelm::util::scan_int(text, value) ? value : 0;
 }
 
 // malloc'd copy cut to the computed-name limit.
@@ -57,11 +42,6 @@ char *computed_copy(std::string_view name) {
     return out;
 }
 
-bool is_secret(const std::string &name) {
-    int type = 0;
-    return schema_type(name.c_str(), type) && is_secret_type(type);
-}
-
 // Form "Obj_[Field=Value]rest". Secret properties are never matched, so a
 // lookup cannot be used to guess a password.
 char *resolve_lookup(const Lookup &lookup) {
@@ -71,7 +51,7 @@ char *resolve_lookup(const Lookup &lookup) {
     const QM_DAT_record *match = nullptr;
     for (const QM_DAT_record *r = records.get(); r != nullptr; r = r->next) {
         if (r->name == nullptr || r->value == nullptr || is_secret_type(r->type)) continue;
-        if (ends_with(r->name, suffix) && lookup.value == r->value) {
+        if (std::string_view(r->name).ends_with(suffix) && lookup.value == r->value) {
             match = r;
             break;
         }
@@ -93,9 +73,9 @@ char *resolve_lookup(const Lookup &lookup) {
 // Form "Obj_[Other_N_Prop]_rest". Only a decimal instance number read from
 // a property that is not secret is accepted.
 char *resolve_indirect_index(const IndirectIndex &index) {
-    Text value(QM_DAT_getobjproperty(index.object.c_str(), index.property.c_str()));
+    MallocString value(QM_DAT_getobjproperty(index.object.c_str(), index.property.c_str()));
     if (!value) return nullptr;
-    if (!all_digits(value.get()) || is_secret(index.object + "_" + index.property)) {
+    if (!all_digits(value.get()) || is_secret_name(index.object + "_" + index.property)) {
         QM_LOG_print("%s %d: %s_%s does not hold an instance number", __func__, __LINE__, index.object.c_str(),
                      index.property.c_str());
         return nullptr;
@@ -135,8 +115,9 @@ struct CreateRight {
 };
 
 // The first line of the token file (after its lifetime and rights) that
-// names list_name: "<list>,<first instance>,<field=value,...>".
-bool find_create_right(std::FILE *file, const char *list_name, CreateRight &out) {
+// names list_name: "<list>,<first instance>,<field=value,...>". where names
+// the entry point in the log messages.
+bool find_create_right(std::FILE *file, const char *list_name, const char *where, CreateRight &out) {
     skip_line(file);
     skip_line(file);
     char line[kTokenLineSize];
@@ -148,7 +129,8 @@ bool find_create_right(std::FILE *file, const char *list_name, CreateRight &out)
         static_assert(kTokenLineSize == 401, "scan widths below");
         const int items = std::sscanf(line, "%400[a-zA-Z_],%d,%400s", list, &first, defaults);
         if (items < 2) {
-            QM_LOG_print("%s %d : syntax error on  %s", __func__, __LINE__, line);
+            // compat: two blanks before the line, as the log readers expect.
+            QM_LOG_print("%s %d : syntax error on  %s", where, __LINE__, line);
             continue;
         }
         if (std::strcmp(list, list_name) == 0) {
@@ -160,65 +142,60 @@ bool find_create_right(std::FILE *file, const char *list_name, CreateRight &out)
     return false;
 }
 
-// Sets the token line's defaults in the new instance. Each default's
-// record gets its name blanked, so that it is not granted afterwards.
-// False when a default has no "=".
-bool apply_defaults(const std::string &instance, const std::string &defaults, QM_DAT_record *records) {
-    std::size_t start = 0;
-    while (start <= defaults.size()) {
-        std::size_t comma = defaults.find(',', start);
-        if (comma == std::string::npos) comma = defaults.size();
-        const std::string item = defaults.substr(start, comma - start);
-        start = comma + 1;
-        if (item.empty()) continue;
-        const std::string assignment = instance + "_" + item;
-        const std::size_t equal = assignment.rfind('=');
-        if (equal == std::string::npos) {
-            QM_LOG_print("%s %d: Value not found", __func__, __LINE__);
-            return false;
-        }
-        const std::string field = assignment.substr(0, equal);
-        const std::string value = assignment.substr(equal + 1);
-        QM_DAT_record *record = find_field(records, field.c_str());
-        if (record == nullptr) {
-            QM_LOG_print("%s %d: failed to found %s in %s", __func__, __LINE__, field.c_str(), instance.c_str());
-            continue;
-        }
-        const std::string name = record->name;
-        const std::size_t cut = name.rfind('_');
-        const std::string object = name.substr(0, cut == std::string::npos ? 0 : cut);
-        const std::string property = cut == std::string::npos ? name : name.substr(cut + 1);
-        if (QM_DAT_setobjproperty(object.c_str(), property.c_str(), value.c_str(), 0) != 0) {
-            QM_LOG_print("%s %d : failed to set %s_%s with %s", __func__, __LINE__, object.c_str(), property.c_str(),
-                         value.c_str());
-        }
-        record->name[0] = '\0';
+// Sets one "field=value" default in the new instance and blanks its
+// record's name, so that it is not granted afterwards. False when the item
+// has no "=".
+bool apply_default(const std::string &instance, std::string_view item, QM_DAT_record *records, const char *where) {
+    const std::string assignment = instance + "_" + std::string(item);
+    const std::size_t equal = assignment.rfind('=');
+    if (equal == std::string::npos) {
+        QM_LOG_print("%s %d: Value not found", where, __LINE__);
+        return false;
+    }
+    const std::string field = assignment.substr(0, equal);
+    const std::string value = assignment.substr(equal + 1);
+    QM_DAT_record *record = find_field(records, field.c_str());
+    if (record == nullptr) {
+        // compat: "failed to found" as the log readers search for it.
+        QM_LOG_print("%s %d: failed to found %s in %s", where, __LINE__, field.c_str(), instance.c_str());
+        return true;
+    }
+    const std::string name = record->name;
+    const std::size_t cut = name.rfind('_');
+    const std::string object = name.substr(0, cut == std::string::npos ? 0 : cut);
+    const std::string property = cut == std::string::npos ? name : name.substr(cut + 1);
+    if (QM_DAT_setobjproperty(object.c_str(), property.c_str(), value.c_str(), 0) != 0) {
+        QM_LOG_print("%s %d : failed to set %s_%s with %s", where, __LINE__, object.c_str(), property.c_str(),
+                     value.c_str());
+    }
+    record->name[0] = '\0';
+    return true;
+}
+
+// The token's line for list_name, or false (logged).
+bool read_create_right(const char *list_name, const char *where, CreateRight &right) {
+    if (last_token_name == nullptr || last_token_name[0] == '\0') {
+        QM_LOG_print("%s %d: last_token_name is NULL", where, __LINE__);
+        return false;
+    }
+    const quelm::UniqueFile file(std::fopen(quelm::root_path(last_token_name).c_str(), "re"));
+    if (!file) {
+        QM_LOG_print("%s %d: failed to open %s", where, __LINE__, last_token_name);
+        return false;
+    }
+    if (!find_create_right(file.get(), list_name, where, right) || right.first <= 0) {
+        QM_LOG_print("%s %d : no right found to create %s", where, __LINE__, list_name);
+        return false;
     }
     return true;
 }
 
-int create_for_token(const char *list_name) {
-    if (last_token_name == nullptr || last_token_name[0] == '\0') {
-        QM_LOG_print("%s %d: last_token_name is NULL", "create_object", __LINE__);
-        return -1;
-    }
-    const std::string path = quelm::root_path(last_token_name);
-    std::FILE *file = std::fopen(path.c_str(), "re");
-    if (file == nullptr) {
-        QM_LOG_print("%s %d: failed to open %s", "create_object", __LINE__, last_token_name);
-        return -1;
-    }
+int create_for_token(const char *list_name, const char *where) {
     CreateRight right;
-    const bool found = find_create_right(file, list_name, right);
-    std::fclose(file);
-    if (!found || right.first <= 0) {
-        QM_LOG_print("%s %d : no right found to create %s", "create_object", __LINE__, list_name);
-        return -1;
-    }
-
-    Text count(QM_DAT_getobjcount(list_name));
+    if (!read_create_right(list_name, where, right)) return -1;
+    MallocString count(QM_DAT_getobjcount(list_name));
     if (!count) {
-        QM_LOG_print("%s %d: QM_DAT_getobjcount failed for %s", "create_object", __LINE__, list_name);
+        QM_LOG_print("%s %d: QM_DAT_getobjcount failed for %s", where, __LINE__, list_name);
         return -1;
     }
     int instance = right.first;
@@ -226,12 +203,15 @@ int create_for_token(const char *list_name) {
 
     const std::string name = std::string(list_name) + "_" + std::to_string(instance);
     if (name.size() >= kComputedNameSize || QM_DAT_createobject(name.c_str(), 0) != 0) {
-        QM_LOG_print("%s %d: failed to create %s", "create_object", __LINE__, name.c_str());
+        QM_LOG_print("%s %d: failed to create %s", where, __LINE__, name.c_str());
         return -1;
     }
 
     Records records(QM_DAT_getobjdata(name.c_str(), 0));
-    if (!apply_defaults(name, right.defaults, records.get())) return -1;
+    const bool applied = quelm::split(right.defaults, ',', [&](std::string_view item) {
+        return item.empty() || apply_default(name, item, records.get(), where);
+    });
+    if (!applied) return -1;
     // The holder may write every field of its new instance but those the
     // token's line forces.
     for (const QM_DAT_record *r = records.get(); r != nullptr; r = r->next) {
@@ -239,6 +219,81 @@ int create_for_token(const char *list_name) {
     }
     refresh_token_timestamp(last_token_name, last_token_lifetime);
     return instance;
+}
+
+char *resolve_name(const char *path) {
+    Lookup lookup;
+    if (parse_lookup(path, lookup)) return resolve_lookup(lookup);
+    if (std::strstr(path, "_0_") != nullptr) {
+        if (last_created_indice == -1) return nullptr;
+        return computed_copy(replace_last_created(path, last_created_indice));
+    }
+    IndirectIndex index;
+    if (!parse_indirect_index(path, index)) return nullptr;
+    return resolve_indirect_index(index);
+}
+
+// Whether instance i stays selected under "<op><number>"; nothing for an
+// operator that is not one of = != < <= > >=.
+std::optional<bool> keeps(std::string_view op, int i, int number) {
+    if (op == "=") return i == number;
+    if (op == "!=") return i != number;
+    if (op == "<") return i < number;
+    if (op == "<=") return i <= number;
+    if (op == ">") return i > number;
+    if (op == ">=") return i >= number;
+    return std::nullopt;
+}
+
+int filter_flags(const char *filter_text, int *flags) {
+    std::string current = filter_text;
+    while (true) {
+        char op[3] = "";
+        char rest[kFilterRestSize] = "";
+        int number = 0;
+        static_assert(kFilterRestSize == 1025, "scan width below");
+        const int items = std::sscanf(current.c_str(), "%2[<>=!]%d%1024s", op, &number, rest);
+        if (items < 2) break;
+        for (int i = 1; i < kFlagTableSize && flags[i] != -1; ++i) {
+            if (flags[i] != 1) continue;
+            const std::optional<bool> keep = keeps(op, i, number);
+            if (!keep) return -1;
+            if (!*keep) flags[i] = 0;
+        }
+        if (items < 3) {
+            current.clear();
+            break;
+        }
+        current = rest;
+    }
+    return static_cast<int>(std::min<std::size_t>(current.size(), INT_MAX));
+}
+
+int where_holds(QM_DAT_record *records, const char *instance_name, const char *clause, const char *where_name) {
+    WhereClause where;
+    if (!parse_where(clause, where)) {
+        QM_LOG_print("%s : failed to extract operator or value in %s", where_name, clause);
+        return 0;
+    }
+    std::string object = instance_name;
+    std::string property = where.field;
+    const std::size_t cut = where.field.rfind('_');
+    if (cut != std::string::npos) {
+        object.append("_").append(where.field, 0, cut);
+        property = where.field.substr(cut + 1);
+    }
+    std::string value;
+    int type = 0;
+    if (!read_property(records, object + "_" + property, value, type)) return 0;
+    // A clause on a secret would let a reader test guesses of it.
+    if (is_secret_type(type)) return 0;
+    const int holds = compare_where(where.op, value.c_str(), where.value.c_str());
+    if (holds < 0) {
+        // compat: "unknow" as the log readers search for it.
+        QM_LOG_print("%s: unknow operator (%s)", where_name, where.op.c_str());
+        return 0;
+    }
+    return holds;
 }
 
 }  // namespace
@@ -376,28 +431,9 @@ std::string rights_path(std::string_view path) {
     return out;
 }
 
-std::string json_key(std::string_view key) {
-    std::string out;
-    for (char c : key) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (byte < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-            out += escape;
-        } else {
-            out += c;
-        }
-    }
-    return out;
-}
-
-std::string masked_value(std::string_view value) {
-    const std::size_t commas = value.find_first_not_of(',');
-    if (commas == std::string_view::npos) return std::string(value);
-    return std::string(value.substr(0, commas)) + "********";
+int decimal_value(const char *text) {
+    int value = 0;
+    return quelm::util::scan_int(text, value) ? value : 0;
 }
 
 void strip_cli_options(std::string &argument, CliOptions &options) {
@@ -416,12 +452,17 @@ void strip_cli_options(std::string &argument, CliOptions &options) {
 }
 
 bool schema_type(const char *name, int &type) {
-    Text xml(QM_DAT_objname2xmlpath(name));
+    MallocString xml(QM_DAT_objname2xmlpath(name));
     if (!xml) return false;
     int32_t code = 0;
     if (QM_XML_gettype(xml.get(), &code) != 0) return false;
     type = code;
     return true;
+}
+
+bool is_secret_name(const std::string &name) {
+    int type = 0;
+    return schema_type(name.c_str(), type) && is_secret_type(type);
 }
 
 }  // namespace cgissi::datamodel
@@ -437,7 +478,7 @@ void *malloczero(size_t size) { return std::calloc(1, size); }
 QM_DAT_record *find_field(QM_DAT_record *records, const char *suffix) {
     if (suffix == nullptr) return nullptr;
     for (QM_DAT_record *r = records; r != nullptr; r = r->next) {
-        if (r->name != nullptr && ends_with(r->name, suffix)) return r;
+        if (r->name != nullptr && std::string_view(r->name).ends_with(suffix)) return r;
     }
     return nullptr;
 }
@@ -445,7 +486,7 @@ QM_DAT_record *find_field(QM_DAT_record *records, const char *suffix) {
 char *find_field_value(QM_DAT_record *records, const char *suffix, const char *value) {
     if (suffix == nullptr || value == nullptr) return nullptr;
     for (QM_DAT_record *r = records; r != nullptr; r = r->next) {
-        if (r->name != nullptr && r->value != nullptr && ends_with(r->name, suffix) &&
+        if (r->name != nullptr && r->value != nullptr && std::string_view(r->name).ends_with(suffix) &&
             std::strcmp(r->value, value) == 0) {
             return strdup(r->name);
         }
@@ -455,116 +496,30 @@ char *find_field_value(QM_DAT_record *records, const char *suffix, const char *v
 
 int find_in_list_word(const char *list, const char *word) {
     if (list == nullptr || word == nullptr || list[0] == '\0') return 0;
-    const std::string_view items(list);
-    std::size_t start = 0;
-    while (start <= items.size()) {
-        std::size_t comma = items.find(',', start);
-        if (comma == std::string_view::npos) comma = items.size();
-        if (items.substr(start, comma - start) == word) return 1;
-        start = comma + 1;
-    }
-    return 0;
+    const bool missing = quelm::split(list, ',', [&](std::string_view item) { return item != word; });
+    return missing ? 0 : 1;
 }
 
 char *compute_name(const char *path) {
     if (path == nullptr) return nullptr;
-    try {
-        Lookup lookup;
-        if (parse_lookup(path, lookup)) return resolve_lookup(lookup);
-        if (std::strstr(path, "_0_") != nullptr) {
-            if (last_created_indice == -1) return nullptr;
-            return computed_copy(replace_last_created(path, last_created_indice));
-        }
-        IndirectIndex index;
-        if (!parse_indirect_index(path, index)) return nullptr;
-        return resolve_indirect_index(index);
-    } catch (...) {
-        return nullptr;
-    }
+    return quelm::guarded<char *>(nullptr, __func__, [&] { return resolve_name(path); });
 }
 
 int compute_generic_list(const char *filter_text, int *flags) {
     if (filter_text == nullptr || flags == nullptr) return -1;
-    try {
-        std::string current = filter_text;
-        while (true) {
-            char op[3] = "";
-            char rest[kFilterRestSize] = "";
-            int number = 0;
-            static_assert(kFilterRestSize == 1025, "scan width below");
-            const int items = std::sscanf(current.c_str(), "%2[<>=!]%d%1024s", op, &number, rest);
-            if (items < 2) break;
-            const std::string_view o(op);
-            for (int i = 1; i < kFlagTableSize && flags[i] != -1; ++i) {
-                if (flags[i] != 1) continue;
-                bool keep;
-                if (o == "=") {
-                    keep = i == number;
-                } else if (o == "!=") {
-                    keep = i != number;
-                } else if (o == "<") {
-                    keep = i < number;
-                } else if (o == "<=") {
-                    keep = i <= number;
-                } else if (o == ">") {
-                    keep = i > number;
-                } else if (o == ">=") {
-                    keep = i >= number;
-                } else {
-                    return -1;
-                }
-                if (!keep) flags[i] = 0;
-            }
-            if (items < 3) {
-                current.clear();
-                break;
-            }
-            current = rest;
-        }
-        return static_cast<int>(std::min<std::size_t>(current.size(), INT_MAX));
-    } catch (...) {
-        return -1;
-    }
+    return quelm::guarded(-1, __func__, [&] { return filter_flags(filter_text, flags); });
 }
 
 int Where_check(QM_DAT_record *records, const char *instance_name, const char *clause) {
     if (instance_name == nullptr || clause == nullptr) return 0;
-    try {
-        WhereClause where;
-        if (!parse_where(clause, where)) {
-            QM_LOG_print("%s : failed to extract operator or value in %s", __func__, clause);
-            return 0;
-        }
-        std::string object = instance_name;
-        std::string property = where.field;
-        const std::size_t cut = where.field.rfind('_');
-        if (cut != std::string::npos) {
-            object.append("_").append(where.field, 0, cut);
-            property = where.field.substr(cut + 1);
-        }
-        std::string value;
-        int type = 0;
-        if (!read_property(records, object + "_" + property, value, type)) return 0;
-        // A clause on a secret would let a reader test guesses of it.
-        if (is_secret_type(type)) return 0;
-        const int holds = compare_where(where.op, value.c_str(), where.value.c_str());
-        if (holds < 0) {
-            QM_LOG_print("%s: unknow operator (%s)", __func__, where.op.c_str());
-            return 0;
-        }
-        return holds;
-    } catch (...) {
-        return 0;
-    }
+    const char *where = __func__;
+    return quelm::guarded(0, where, [&] { return where_holds(records, instance_name, clause, where); });
 }
 
 int create_object(const char *list_name) {
     if (list_name == nullptr) return -1;
-    try {
-        return create_for_token(list_name);
-    } catch (...) {
-        return -1;
-    }
+    const char *where = __func__;
+    return quelm::guarded(-1, where, [&] { return create_for_token(list_name, where); });
 }
 
 }  // extern "C"

@@ -15,7 +15,9 @@
 #include "qm_node.h"
 #include "qm_token.h"
 #include "ssi.h"
-#include "util/text_scan.h"
+#include "quelm_chars.h"
+#include "quelm_guard.h"
+#include "quelm_owned.h"
 
 namespace cgissi::datamodel {
 namespace {
@@ -23,20 +25,7 @@ namespace {
 constexpr const char *kSourceName = "node.cpp";
 constexpr int kMallocFailed = 10;  // shared error code of a failed allocation
 
-struct FreeDeleter {
-    void operator()(void *p) const { std::free(p); }
-};
-using Text = std::unique_ptr<char, FreeDeleter>;
-
-struct TreeDeleter {
-    void operator()(qm_node *n) const { free_all_node(n); }
-};
-using Tree = std::unique_ptr<qm_node, TreeDeleter>;
-
-struct RecordsDeleter {
-    void operator()(QM_DAT_record *r) const { QM_DAT_freedata(&r); }
-};
-using Records = std::unique_ptr<QM_DAT_record, RecordsDeleter>;
+using quelm::MallocString;
 
 // Where the walk of the previous record went at each depth. Records arrive
 // grouped by object, so most components are found again at once instead of
@@ -118,7 +107,7 @@ qm_node *single_value(qm_node *root, const char *name) {
     if (cut == std::string::npos) return nullptr;
     const std::string object = copy.substr(0, cut);
     const std::string property = copy.substr(cut + 1);
-    Text value(property == "Count" || property == "List" ? QM_DAT_getobjcount(object.c_str())
+    MallocString value(property == "Count" || property == "List" ? QM_DAT_getobjcount(object.c_str())
                                                          : QM_DAT_getobjproperty(object.c_str(), property.c_str()));
     if (!value) return nullptr;
     qm_node *leaf = create_node(value.get());
@@ -130,17 +119,13 @@ qm_node *single_value(qm_node *root, const char *name) {
     return root;
 }
 
-int decimal_value(const char *text) {
-    int value = 0;
-    return quelm::util::scan_int(text, value) ? value : 0;
-}
-
 // Flags of the instances of a wildcard's List or Array, filtered; the
 // flagged numbers joined by "," go to list, the text after the filters to
 // tail.
-bool wildcard_instances(const std::string &object, std::string_view filter, const char *path, std::string &list,
-                        std::string_view &tail) {
-    Text xml(QM_DAT_objname2xmlpath(object.c_str()));
+// where names the entry point in the log messages.
+bool wildcard_instances(const std::string &object, std::string_view filter, const char *path, const char *where,
+                        std::string &list, std::string_view &tail) {
+    MallocString xml(QM_DAT_objname2xmlpath(object.c_str()));
     if (!xml) {
         QM_LOG_print("QM_DAT_objname2xmlpath returns NULL for %s", object.c_str());
         return false;
@@ -150,7 +135,7 @@ bool wildcard_instances(const std::string &object, std::string_view filter, cons
         QM_LOG_print("QM_XML_gettype returns NULL or %s is not List neither Array", object.c_str());
         return false;
     }
-    Text count(QM_DAT_getobjcount(object.c_str()));
+    MallocString count(QM_DAT_getobjcount(object.c_str()));
     if (!count) return false;
     if (std::strlen(count.get()) > kCountTextLimit) {
         QM_LOG_print("%s:%d Count string is too long (MAX 1024) for %s", kSourceName, __LINE__, path);
@@ -181,7 +166,7 @@ bool wildcard_instances(const std::string &object, std::string_view filter, cons
     const std::string filter_text(filter);
     const int left = compute_generic_list(filter_text.c_str(), flags);
     if (left < 0) {
-        QM_LOG_print(" %s : bad syntax for %s", "create_tree_full", path);
+        QM_LOG_print(" %s : bad syntax for %s", where, path);  // compat: leading blank
         return false;
     }
     tail = filter.substr(filter.size() - std::min<std::size_t>(static_cast<std::size_t>(left), filter.size()));
@@ -200,7 +185,7 @@ bool set_instances(std::string_view content, std::string &list) {
         list.clear();
         return true;
     }
-    if (quelm::util::is_digit(content[0])) {
+    if (quelm::is_digit(content[0])) {
         list = std::string(content);
         return true;
     }
@@ -210,7 +195,7 @@ bool set_instances(std::string_view content, std::string &list) {
     const std::string property(content.substr(cut + 1));
     int type = 0;
     if (schema_type(std::string(content).c_str(), type) && is_secret_type(type)) return false;
-    Text value(QM_DAT_getobjproperty(object.c_str(), property.c_str()));
+    MallocString value(QM_DAT_getobjproperty(object.c_str(), property.c_str()));
     if (!value) return false;
     list = value.get();
     return true;
@@ -221,18 +206,19 @@ std::string bounded(std::string text, std::size_t size) {
     return text;
 }
 
-qm_node *list_tree(const char *path, const ListPath &list_path, const char *suffix, QM_DAT_record *records) {
+qm_node *list_tree(const char *path, const ListPath &list_path, const char *suffix, QM_DAT_record *records,
+                   const char *where) {
     Tree root(create_node(""));
     if (!root) return nullptr;
 
     std::string list;
     std::string_view tail;
     if (list_path.marker == ListMarker::wildcard) {
-        if (!wildcard_instances(list_path.object, list_path.after, path, list, tail)) return nullptr;
+        if (!wildcard_instances(list_path.object, list_path.after, path, where, list, tail)) return nullptr;
     } else {
         const std::size_t close = list_path.after.find('}');
         if (close == std::string_view::npos) {
-            QM_LOG_print("%s : bad syntax for %s", "create_tree_full", path);
+            QM_LOG_print("%s : bad syntax for %s", where, path);
             return nullptr;
         }
         if (!set_instances(list_path.after.substr(0, close), list)) return nullptr;
@@ -243,7 +229,8 @@ qm_node *list_tree(const char *path, const ListPath &list_path, const char *suff
     switch (parse_selector(tail, selector)) {
         case SelectorResult::ok: break;
         case SelectorResult::unknown_selector:
-            QM_LOG_print("%s %d : unknow selector (%c for %s)", "create_tree_full", __LINE__, tail[0], path);
+            // compat: "unknow" as the log readers search for it.
+            QM_LOG_print("%s %d : unknow selector (%c for %s)", where, __LINE__, tail[0], path);
             return nullptr;
         case SelectorResult::bad_wheres: QM_LOG_print("Bad syntax in Wheres, aborting the query"); return nullptr;
     }
@@ -288,7 +275,7 @@ qm_node *list_tree(const char *path, const ListPath &list_path, const char *suff
 qm_node *plain_tree(const char *path, const char *suffix, QM_DAT_record *records) {
     std::string name = path;
     if (std::strstr(path, "_[") != nullptr) {
-        Text computed(compute_name(path));
+        MallocString computed(compute_name(path));
         if (!computed) {
             QM_LOG_print("compute_name has failed");
             return nullptr;
@@ -303,22 +290,93 @@ qm_node *plain_tree(const char *path, const char *suffix, QM_DAT_record *records
     return create_tree_simple(name.c_str(), suffix, records);
 }
 
-void print_key(const char *text) {
-    const std::string key = "\"" + json_key(text) + "\" : ";
-    cgi_out_write(key.data(), key.size());
+void free_tree(qm_node *node) {
+    // Siblings iteratively: a list's chain holds one node per instance.
+    while (node != nullptr) {
+        qm_node *next = node->next;
+        free_tree(node->child);
+        std::free(node->text);
+        std::free(node);
+        node = next;
+    }
 }
 
-void print_leaf(const qm_node &leaf, int shadow) {
-    cgi_out_write("\"", 1);
-    if (shadow != 0 && is_secret_type(leaf.type)) {
-        ssiprintf("%s", masked_value(leaf.text).c_str());
-    } else {
-        ssiprintf("%s", leaf.text);
+// A record named after the object or below it, kept by the suffix (empty:
+// every record).
+bool wanted_record(std::string_view relative, std::string_view wanted) {
+    if (wanted.empty() || relative == wanted) return true;
+    return relative.size() > wanted.size() && relative.starts_with(wanted) && relative[wanted.size()] == '_';
+}
+
+qm_node *object_tree(const char *name, const char *suffix, QM_DAT_record *records) {
+    Tree root(create_node(""));
+    if (!root) return nullptr;
+    Records owned;
+    QM_DAT_record *recs = records;
+    if (recs == nullptr) {
+        owned.reset(QM_DAT_getobjdata(name, 0));
+        recs = owned.get();
     }
-    cgi_out_write("\"", 1);
+    if (recs == nullptr) return single_value(root.get(), name) != nullptr ? root.release() : nullptr;
+
+    const std::string_view base(name);
+    const std::string_view wanted = suffix != nullptr ? suffix : "";
+    TreeBuilder builder(root.get());
+    for (const QM_DAT_record *r = recs; r != nullptr; r = r->next) {
+        if (r->name == nullptr || r->value == nullptr) continue;
+        const std::string_view full(r->name);
+        if (full == base) {
+            // The name is itself a property: its value is the payload.
+            if (!wanted.empty()) continue;
+            qm_node *leaf = create_node(r->value);
+            if (leaf == nullptr) return nullptr;
+            leaf->type = r->type;
+            free_tree(root->child);
+            root->child = leaf;
+            builder.forget();
+            continue;
+        }
+        if (full.size() <= base.size() || !full.starts_with(base) || full[base.size()] != '_') continue;
+        const std::string_view relative = full.substr(base.size() + 1);
+        if (!wanted_record(relative, wanted)) continue;
+        if (!builder.add(relative, *r)) return nullptr;
+    }
+    return root.release();
+}
+
+void write_chain(json::Writer &out, const qm_node *node, bool shadow) {
+    if (node == nullptr) return;
+    if (node->child == nullptr && node->next == nullptr) {
+        out.secret(node->text, shadow && is_secret_type(node->type), json::Escape::output_mode);
+        return;
+    }
+    out.begin_object();
+    for (const qm_node *n = node; n != nullptr; n = n->next) {
+        out.key(n->text);
+        write_chain(out, n->child, shadow);
+    }
+    out.end_object();
+}
+
+void write_xml(const qm_node *node) {
+    for (const qm_node *n = node; n != nullptr; n = n->next) {
+        if (n->child != nullptr) {
+            cgi_out_printf("<%s>", n->text);
+            write_xml(n->child);
+            cgi_out_printf("</%s> ", n->text);
+        } else {
+            cgi_out_printf("%s", n->text);
+        }
+    }
 }
 
 }  // namespace
+
+void write_tree(const qm_node *node, bool shadow) {
+    json::Writer out(json::kTreeLayout);
+    write_chain(out, node, shadow);
+}
+
 }  // namespace cgissi::datamodel
 
 using namespace cgissi::datamodel;
@@ -339,97 +397,30 @@ qm_node *create_node(const char *text) {
 }
 
 void free_all_node(qm_node *node) {
-    // Siblings iteratively: a list's chain holds one node per instance.
-    while (node != nullptr) {
-        qm_node *next = node->next;
-        free_all_node(node->child);
-        std::free(node->text);
-        std::free(node);
-        node = next;
-    }
+    quelm::guarded(__func__, [&] { free_tree(node); });
 }
 
 qm_node *create_tree_simple(const char *name, const char *suffix, QM_DAT_record *records) {
     if (name == nullptr) return nullptr;
-    try {
-        Tree root(create_node(""));
-        if (!root) return nullptr;
-        Records owned;
-        QM_DAT_record *recs = records;
-        if (recs == nullptr) {
-            owned.reset(QM_DAT_getobjdata(name, 0));
-            recs = owned.get();
-        }
-        if (recs == nullptr) return single_value(root.get(), name) != nullptr ? root.release() : nullptr;
-
-        const std::string_view base(name);
-        const std::string_view wanted = suffix != nullptr ? suffix : "";
-        TreeBuilder builder(root.get());
-        for (const QM_DAT_record *r = recs; r != nullptr; r = r->next) {
-            if (r->name == nullptr || r->value == nullptr) continue;
-            const std::string_view full(r->name);
-            if (full == base) {
-                // The name is itself a property: its value is the payload.
-                if (!wanted.empty()) continue;
-                qm_node *leaf = create_node(r->value);
-                if (leaf == nullptr) return nullptr;
-                leaf->type = r->type;
-                free_all_node(root->child);
-                root->child = leaf;
-                builder.forget();
-                continue;
-            }
-            if (full.size() <= base.size() || full.substr(0, base.size()) != base || full[base.size()] != '_') continue;
-            const std::string_view relative = full.substr(base.size() + 1);
-            if (!wanted.empty() && relative != wanted &&
-                !(relative.size() > wanted.size() && relative.substr(0, wanted.size()) == wanted &&
-                  relative[wanted.size()] == '_')) {
-                continue;
-            }
-            if (!builder.add(relative, *r)) return nullptr;
-        }
-        return root.release();
-    } catch (...) {
-        return nullptr;
-    }
+    return quelm::guarded<qm_node *>(nullptr, __func__, [&] { return object_tree(name, suffix, records); });
 }
 
 qm_node *create_tree_full(const char *path, const char *suffix, QM_DAT_record *records) {
     if (path == nullptr) return nullptr;
-    try {
+    const char *where = __func__;
+    return quelm::guarded<qm_node *>(nullptr, where, [&]() -> qm_node * {
         const ListPath list_path = split_list_path(path);
         if (list_path.marker == ListMarker::none) return plain_tree(path, suffix, records);
-        return list_tree(path, list_path, suffix, records);
-    } catch (...) {
-        return nullptr;
-    }
+        return list_tree(path, list_path, suffix, records, where);
+    });
 }
 
 void dump_JSON_tree(const qm_node *node, int shadow) {
-    if (node == nullptr) return;
-    if (node->child == nullptr && node->next == nullptr) {
-        print_leaf(*node, shadow);
-        return;
-    }
-    ssiprintf("{");
-    for (const qm_node *n = node; n != nullptr; n = n->next) {
-        if (n != node) ssiprintf(",");
-        print_key(n->text);
-        dump_JSON_tree(n->child, shadow);
-    }
-    ssiprintf("}");
+    quelm::guarded(__func__, [&] { write_tree(node, shadow != 0); });
 }
 
 void dump_XML_tree(const qm_node *node) {
-    for (const qm_node *n = node; n != nullptr; n = n->next) {
-        if (n->child != nullptr) {
-            cgi_out_printf("<%s>", n->text);
-            dump_XML_tree(n->child);
-            cgi_out_printf("</%s> ", n->text);
-        } else {
-            cgi_out_printf("%s", n->text);
-        }
-    }
+    quelm::guarded(__func__, [&] { write_xml(node); });
 }
 
 }  // extern "C"

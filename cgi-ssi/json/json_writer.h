@@ -1,0 +1,84 @@
+// The one JSON writer of the web back end: objects, keys and values written
+// straight to the response of the current request, in the byte layout each
+// kind of answer has always had.
+//
+//     json::Writer answer(json::kAnswerLayout);
+//     answer.begin_object();
+//     answer.key("Device_Name");
+//     answer.string(value, json::Escape::output_mode);
+//     answer.end_object();                  // {"Device_Name" : "..."}
+//
+// A Writer only tracks where separators go; it owns no output. Keys are
+// always escaped as JSON; values are escaped as the caller says.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace cgissi::json {
+
+// How the bytes of a string value reach the output.
+enum class Escape {
+    strict,       // JSON: '"', '\\' and control bytes escaped (keys, fixed texts)
+    output_mode,  // through ssiprintf: escaped for the current SSI output mode
+    verbatim,     // a producer's text, already in the form the pages expect
+};
+
+// Byte layout of one kind of answer (see json_writer.cpp for why there are
+// several).
+struct Layout {
+    std::string_view member_separator;
+    std::string_view key_separator;
+    // Braces and member separators go through ssiprintf like the values
+    // instead of straight to the output.
+    bool punctuation_through_output_mode;
+};
+
+// Result trees of data-model reads (dump_JSON_tree).
+inline constexpr Layout kTreeLayout{",", " : ", true};
+// The one object "generic.cgi" answers.
+inline constexpr Layout kAnswerLayout{", ", " : ", false};
+// The JSON answer of "login.cgi".
+inline constexpr Layout kLoginLayout{", ", ": ", false};
+
+// What a secret value is shown as.
+inline constexpr std::string_view kMask = "********";
+
+// JSON string content: '"' and '\\' preceded by '\\', control bytes as
+// \u00XX, everything else unchanged.
+std::string escape_strict(std::string_view text);
+
+// A secret as it may be shown: its leading "," kept, anything after them
+// replaced by kMask; an empty value stays empty.
+std::string masked(std::string_view secret);
+
+class Writer {
+public:
+    explicit Writer(const Layout &layout) : layout_(layout) {}
+
+    void begin_object();
+    void end_object();
+    // Member separator when the object already has a member, then the key
+    // in double quotes and the key separator. The value may be left out:
+    // the key is then followed by nothing.
+    void key(std::string_view name);
+    // "name":"value" with no blanks, strict escaping for both.
+    void compact_member(std::string_view name, std::string_view value);
+    void string(std::string_view value, Escape escape);
+    // A secret's value as a string: masked when mask is true.
+    void secret(std::string_view value, bool mask, Escape escape);
+    void number(long value);
+    // Text that is JSON already (a device function's answer).
+    void raw(std::string_view json);
+
+private:
+    void punctuation(std::string_view text);
+    void separate();
+
+    Layout layout_;
+    // One entry per open object: whether it has a member yet.
+    std::vector<bool> has_member_;
+};
+
+}  // namespace cgissi::json
