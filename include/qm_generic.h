@@ -69,8 +69,10 @@ QM_EXPORT int create_object(const char *list_name);
 /* Zero-filled allocation, null when memory is exhausted. */
 QM_EXPORT void *malloczero(size_t size);
 
-/* Instance made by the latest successful "create" field of this process,
- * -1 before any; resolves the "_0_" form. Kept across requests. */
+/* Instance made by the latest successful "create" field of the current
+ * "generic.cgi" request, -1 before any; resolves the "_0_" form. Cleared
+ * before and after every "generic.cgi" request: it is never another
+ * request's. */
 QM_EXPORT extern int last_created_indice;
 
 /* ---- Front ends ------------------------------------------------------------ */

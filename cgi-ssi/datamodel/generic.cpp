@@ -33,6 +33,17 @@ void run_factory_reset() {
     quelm::run_child({"/bin/sh", quelm::root_path(kFactoryResetScript)}, {});
 }
 
+// The instance a "create" field made is this request's only: cleared
+// before the request's fields run and again when it ends, so no later
+// request resolves "_0_" through it.
+class CreatedInstanceScope {
+public:
+    CreatedInstanceScope() { last_created_indice = -1; }
+    ~CreatedInstanceScope() { last_created_indice = -1; }
+    CreatedInstanceScope(const CreatedInstanceScope &) = delete;
+    CreatedInstanceScope &operator=(const CreatedInstanceScope &) = delete;
+};
+
 // Fields that change the configuration take the lock before they run.
 struct FieldAction {
     std::string_view name;
@@ -111,6 +122,7 @@ void serve(GenericRequest &request) {
 }
 
 void serve_request() {
+    const CreatedInstanceScope created;
     auto request = std::make_unique<GenericRequest>();
     serve(*request);
 }

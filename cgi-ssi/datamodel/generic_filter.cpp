@@ -471,6 +471,9 @@ using namespace cgissi::datamodel;
 
 extern "C" {
 
+// Process-wide because qm_generic.h exports it to plugins; it holds an
+// instance only while the "generic.cgi" request that created it runs
+// (generic_cgi clears it before and after).
 int last_created_indice = -1;
 
 void *malloczero(size_t size) { return std::calloc(1, size); }

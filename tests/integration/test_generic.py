@@ -191,29 +191,46 @@ def test_lock_held_elsewhere_is_waited_for_once(generic, root):
         assert body == b"{}\n"
 
 
-def test_state_across_requests_of_one_process(bin_dir, env, tmp_path, token, qmcfg):
-    token("PortMapping", "PortMapping,3,\n")
-    responder = Responder(bin_dir / "cgi-ssi", "ssi", dict(env, QUELM_LOCK_WAIT_MS="100"), tmp_path / "fcgi.sock")
+@pytest.fixture
+def responder(bin_dir, env, tmp_path):
+    """One FastCGI process; post(fields, token) answers with the body."""
+    running = Responder(bin_dir / "cgi-ssi", "ssi", dict(env, QUELM_LOCK_WAIT_MS="100"), tmp_path / "fcgi.sock")
 
-    def post(*fields):
+    def post(*fields, token=TOKEN):
         params = {"SCRIPT_FILENAME": "/www/generic.cgi", "REQUEST_METHOD": "POST", "CONTENT_TYPE": FORM,
                   "QUELM_REALM": "web"}
-        body = form(*fields)
-        out, _ = responder.request(dict(params, CONTENT_LENGTH=str(len(body))), body)
+        body = urlencode([("token", token)] + list(fields)).encode()
+        out, _ = running.request(dict(params, CONTENT_LENGTH=str(len(body))), body)
         return out.partition(b"\r\n\r\n")[2]
 
-    try:
-        # Before any create of this process "_0_" names nothing.
-        assert b"Unable to create the object PortMapping_0 : " in post(("write", "PortMapping_0_Name:x"))
-        assert post(("create", "PortMapping")) == b'{"PortMapping":"3"}\n'
-        assert post(("write", "PortMapping_0_Name:cam")) == b"{}\n"
-        assert post(("read", "PortMapping_3_Name")) == b'{"PortMapping_3_Name" : "cam"}\n'
-        # The lock of the last write was given back.
-        qmcfg("set", "Device", "Hostname", "after")
-    finally:
-        err = responder.stop()
+    yield post
+    err = running.stop()
     for mark in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"):
         assert mark not in err, err
+
+
+def test_state_across_requests_of_one_process(responder, token, qmcfg):
+    token("PortMapping", "PortMapping,3,\n")
+    # Before any create "_0_" names nothing.
+    assert b"Unable to create the object PortMapping_0 : " in responder(("write", "PortMapping_0_Name:x"))
+    # "_0_" is the instance created earlier in the same request.
+    assert responder(("create", "PortMapping"), ("write", "PortMapping_0_Name:cam")) == b'{"PortMapping":"3"}\n'
+    assert responder(("read", "PortMapping_3_Name")) == b'{"PortMapping_3_Name" : "cam"}\n'
+    # The lock of the last write was given back.
+    qmcfg("set", "Device", "Hostname", "after")
+
+
+def test_created_instance_is_not_the_next_requests(responder, token, root, qmcfg):
+    """A visitor's "create" must not hand its instance to the next request:
+    a token granted only "PortMapping_0_Name" once wrote into it."""
+    token("PortMapping", "PortMapping,3,\n")
+    other = root / "var/tmp/CGI_Token_def456"
+    other.write_text("600\nPortMapping_0_Name\n")
+    os.utime(other, (time.time() + 600, time.time() + 600))
+    assert responder(("create", "PortMapping")) == b'{"PortMapping":"3"}\n'
+    body = responder(("write", "PortMapping_0_Name:stolen"), token="def456")
+    assert b"Unable to create the object PortMapping_0 : " in body
+    assert qmcfg("get", "PortMapping_3", "Name").stdout != "stolen\n"
 
 
 def test_hostile_paths_are_refused_cleanly(generic, qmcfg):
