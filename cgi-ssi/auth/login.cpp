@@ -23,6 +23,7 @@
 #include "cgi_output.h"
 #include "cgic.h"
 #include "core/handlers.h"
+#include "json/json_writer.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "qm_login.h"
@@ -320,8 +321,14 @@ void redirect_html(const char *url, bool failed) {
 
 void redirect_json(bool failed) {
     cgi_out_printf("text/plain\r\n\r\n");
-    cgi_out_printf("{\"result\": \"%s\", \"codeError\": %d}\r\n", failed ? "Invalid Username or password" : "OK",
-                   failed ? -1 : 0);
+    json::Writer answer(json::kLoginLayout);
+    answer.begin_object();
+    answer.key("result");
+    answer.string(failed ? "Invalid Username or password" : "OK", json::Escape::strict);
+    answer.key("codeError");
+    answer.number(failed ? -1 : 0);
+    answer.end_object();
+    answer.raw("\r\n");
     cgi_out_flush();
 }
 
