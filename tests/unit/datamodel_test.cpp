@@ -80,29 +80,8 @@ TEST(DatamodelParse, WildcardFilters) {
     }
 }
 
-TEST(DatamodelParse, SelectorsAndWhereClauses) {
-    const struct {
-        const char *tail;
-        SelectorResult result;
-        std::vector<std::string> wheres;
-        const char *remainder;
-    } selectors[] = {
-        {"", SelectorResult::ok, {}, ""},
-        {"_Name", SelectorResult::ok, {}, "_Name"},
-        {"[Enable=1][User<2]_Name", SelectorResult::ok, {"Enable=1", "User<2"}, "_Name"},
-        {"[]", SelectorResult::ok, {""}, ""},
-        {"X", SelectorResult::unknown_selector, {}, ""},
-        {"[Enable=1", SelectorResult::bad_wheres, {}, ""},
-        {"[A=1][B=2", SelectorResult::bad_wheres, {}, ""},
-    };
-    for (const auto &s : selectors) {
-        Selector out;
-        ASSERT_EQ(parse_selector(s.tail, out), s.result) << s.tail;
-        if (s.result != SelectorResult::ok) continue;
-        EXPECT_EQ(out.wheres, s.wheres) << s.tail;
-        EXPECT_EQ(out.remainder, s.remainder) << s.tail;
-    }
-
+// Selectors and the where clauses of whole paths are in EveryPathForm.
+TEST(DatamodelParse, WhereClauses) {
     const struct {
         const char *clause, *property;
         int holds;  // -1: unknown operator, -2: does not parse
@@ -130,32 +109,16 @@ TEST(DatamodelParse, SelectorsAndWhereClauses) {
     EXPECT_EQ(parsed.value.size(), 128u);
 }
 
+// Forms that resolve are in IndirectNames; these must not parse.
 TEST(DatamodelParse, IndirectForms) {
     Lookup lookup;
-    ASSERT_TRUE(parse_lookup("Obj_[Name=my box]_Enable", lookup));
-    EXPECT_EQ(lookup.object, "Obj");
-    EXPECT_EQ(lookup.field, "Name");
-    EXPECT_EQ(lookup.value, "my box");
-    EXPECT_EQ(lookup.rest, "_Enable");
-    ASSERT_TRUE(parse_lookup("A_B[Field=v.1]", lookup));
-    EXPECT_EQ(lookup.object, "A_B");
-    EXPECT_EQ(lookup.rest, "");
     for (const char *bad : {"Obj_[Name=box", "Obj_[Name=]_X", "Obj_[=x]_X", "Obj_[Name=a/b]_X", "[Name=x]"}) {
         EXPECT_FALSE(parse_lookup(bad, lookup)) << bad;
     }
     EXPECT_FALSE(parse_lookup((std::string(129, 'O') + "[Name=x]").c_str(), lookup));
     EXPECT_FALSE(parse_lookup(("O[N=" + std::string(4000, 'v') + "]").c_str(), lookup));
 
-    EXPECT_EQ(replace_last_created("Rule_0_Name", 5), "Rule_5_Name");
-    EXPECT_EQ(replace_last_created("A_0_B_0_C", 12), "A_12_B_0_C");
-    EXPECT_EQ(replace_last_created("A_10_B", 5), "");
-
     IndirectIndex index;
-    ASSERT_TRUE(parse_indirect_index("Obj_[Other_2_Prop]_Name", index));
-    EXPECT_EQ(index.prefix, "Obj");
-    EXPECT_EQ(index.object, "Other_2");
-    EXPECT_EQ(index.property, "Prop");
-    EXPECT_EQ(index.rest, "Name");
     for (const char *bad : {"Obj_[Other_Prop]", "Obj_[Prop]_Name", "Obj[Other_Prop]_Name"}) {
         EXPECT_FALSE(parse_indirect_index(bad, index)) << bad;
     }
@@ -255,10 +218,9 @@ TEST_F(DatamodelTree, RecordsPrintAsNestedMembers) {
     }
 }
 
-TEST_F(DatamodelTree, EscapingFollowsTheOutputModeExceptForKeys) {
+// The escaping of each mode is in json_test.cpp and test_page_symbols_read_the_data_model.
+TEST_F(DatamodelTree, UnknownModePrintsOnlyKeysAndXmlIsPlain) {
     RecordList records{{"Obj_Say", "a\"b'c\nd", 1}};
-    EXPECT_EQ(printed(create_tree_simple("Obj", nullptr, records.head()), 1, SSI_MODE_JSON),
-              "{\"Say\" : \"a\\\\\"b\\'c\\013d\"}");
     EXPECT_EQ(printed(create_tree_simple("Obj", nullptr, records.head()), 1, 3), "\"Say\" : \"\"");
 
     RecordList nested{{"Obj_A_B", "v", 1}, {"Obj_C", "w", 1}};
@@ -375,6 +337,7 @@ TEST_F(DatamodelModel, EveryPathForm) {
         {"User_{Services_IADConfigurator_Nothing}", "(null)"},
         {"User_*X", "(null)"},
         {"User_*[Enable=1", "(null)"},
+        {"User_*[Enable=1][User=1", "(null)"},
         {"User_{1}_*", R"({"List" : "1","1" : })"},  // the first marker decides
         {"User_*_{1}", R"({"List" : "1,2,3","1" : ,"2" : ,"3" : })"},
         {"LANEthernetInterface_*>2_Name", R"({"List" : "3,4","3" : {"Name" : "eth2"},"4" : {"Name" : "eth3"}})"},
@@ -417,6 +380,7 @@ TEST_F(DatamodelModel, IndirectNames) {
     } before[] = {
         {"User_[Username=guest]_Enable", "User_2_Enable"},
         {"User_[Username=support]", "User_3"},
+        {"User[Username=support]", "User_3"},
         {"User_[Password=3]_Enable", "(null)"},
         {"User_0_Enable", "(null)"},  // nothing created yet
         {"User_[Services_IADConfigurator_MaxTry]_Username", "User_2_Username"},
@@ -428,6 +392,7 @@ TEST_F(DatamodelModel, IndirectNames) {
     for (const auto &c : before) EXPECT_EQ(computed(c.path), c.name) << c.path;
     last_created_indice = 12;
     EXPECT_EQ(computed("PortMapping_0_Name"), "PortMapping_12_Name");
+    EXPECT_EQ(computed("A_0_B_0_C"), "A_12_B_0_C");  // the first "_0_" only
     EXPECT_EQ(computed("User_[Username=guest]_0_X"), "User_2_0_X");  // a lookup first
     const std::string long_path = "A_0_" + std::string(300, 'x');
     EXPECT_EQ(computed(long_path.c_str()).size(), 127u);
@@ -456,26 +421,6 @@ TEST_F(DatamodelModel, CreatesInstancesForTheToken) {
     EXPECT_STREQ(count.get(), "1,3,4,5");
     remove_last_token_name();
     EXPECT_EQ(create_object(rule), -1);
-}
-
-TEST_F(DatamodelModel, CliHookMasksUnlessShownAndLearns) {
-    SSI_Set_Mode(SSI_MODE_PLAIN);
-    hold_token("600\nDevice\n");
-    const struct {
-        const char *argument, *out;
-    } cases[] = {
-        {"User_1_Password:show", R"("admin")"},
-        {"User_1_Password:show:shadow", R"("admin")"},
-        {"User_1_Username:write", R"("admin")"},
-        {"User_9_Username", "undefined"},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(captured_output([&] { generic_ssi(c.argument); }), c.out) << c.argument;
-        EXPECT_EQ(token_ssi_autolearn, 0);
-        EXPECT_EQ(token_shadow_password, std::strstr(c.argument, ":show") != nullptr ? 0 : 1) << c.argument;
-    }
-    token_shadow_password = 1;
-    EXPECT_EQ(token_file(), "600\nDevice,User_1_Username\n");
 }
 
 TEST_F(DatamodelModel, RebootRequestsOfEarlierRequestsAreDropped) {
