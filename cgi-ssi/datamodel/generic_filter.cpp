@@ -83,25 +83,27 @@ char *resolve_indirect_index(const IndirectIndex &index) {
     return computed_copy(index.prefix + "_" + value.get() + "_" + index.rest);
 }
 
+// The record named exactly name, or null.
+const QM_DAT_record *record_named(const QM_DAT_record *records, const std::string &name) {
+    for (const QM_DAT_record *r = records; r != nullptr; r = r->next) {
+        if (r->name != nullptr && r->value != nullptr && name == r->name) return r;
+    }
+    return nullptr;
+}
+
 // Reads a property with its type: from records when they hold it, else
 // from the data model.
 bool read_property(QM_DAT_record *records, const std::string &name, std::string &value, int &type) {
-    for (const QM_DAT_record *r = records; r != nullptr; r = r->next) {
-        if (r->name != nullptr && r->value != nullptr && name == r->name) {
-            value = r->value;
-            type = r->type;
-            return true;
-        }
+    const QM_DAT_record *found = record_named(records, name);
+    Records read;
+    if (found == nullptr) {
+        read.reset(QM_DAT_getobjdata(name.c_str(), 0));
+        found = record_named(read.get(), name);
     }
-    Records read(QM_DAT_getobjdata(name.c_str(), 0));
-    for (const QM_DAT_record *r = read.get(); r != nullptr; r = r->next) {
-        if (r->name != nullptr && r->value != nullptr && name == r->name) {
-            value = r->value;
-            type = r->type;
-            return true;
-        }
-    }
-    return false;
+    if (found == nullptr) return false;
+    value = found->value;
+    type = found->type;
+    return true;
 }
 
 void skip_line(std::FILE *file) {

@@ -26,29 +26,27 @@ constexpr std::uint32_t kErrorRefused = 8;
 constexpr std::uint32_t kErrorFunction = 31;
 constexpr int kNotHandled = -1;  // call_shared_genericfct: no such function
 
-std::size_t device_function_count() {
-    const int n = get_nbcgiplugins();
-    return n > 0 ? static_cast<std::size_t>(n) : 0;
-}
+bool callable(const cgi_plugin &row) { return row.handler != nullptr; }
+bool callable(const ssi_builtin_symbol &row) { return row.producer != nullptr; }
 
-std::size_t builtin_symbol_count() {
-    const int n = get_nbplugins();
-    return n > 0 ? static_cast<std::size_t>(n) : 0;
-}
-
-template <std::size_t N>
-bool named(const char (&row_name)[N], const std::string &name) {
-    return std::strncmp(row_name, name.c_str(), N) == 0;
+// Calls visit(row) for every row of table (count rows) named name whose
+// function is set; false when there is none.
+template <class Row, class Visit>
+bool for_each_named(const Row *table, int count, const std::string &name, Visit &&visit) {
+    bool found = false;
+    for (int i = 0; i < count; ++i) {
+        const Row &row = table[i];
+        if (std::strncmp(row.name, name.c_str(), sizeof row.name) != 0 || !callable(row)) continue;
+        found = true;
+        visit(row);
+    }
+    return found;
 }
 
 // Every row of the device function table with that name, in mode "cgi".
 // False when there is none.
 bool call_device_functions(const FunctionCall &call, GenericRequest &request) {
-    bool found = false;
-    for (std::size_t i = 0; i < device_function_count(); ++i) {
-        const cgi_plugin &row = cgi_plugins[i];
-        if (!named(row.name, call.name) || row.handler == nullptr) continue;
-        found = true;
+    return for_each_named(cgi_plugins, get_nbcgiplugins(), call.name, [&](const cgi_plugin &row) {
         if (row.lock != 0) get_lock();
         const int rc = row.handler("cgi", call.argument_ptr());
         // Device functions leave JSON (quotes included) in Ssi.
@@ -58,18 +56,13 @@ bool call_device_functions(const FunctionCall &call, GenericRequest &request) {
             QM_LOG_print("CGI(1) error for symbol <%s>", call.name.c_str());
             set_cgi_error(request, kErrorFunction, "CGI(1) error for symbol <%s>", call.name.c_str());
         }
-    }
-    return found;
+    });
 }
 
 // Every built-in SSI symbol with that name, without arguments. False when
 // there is none.
 bool call_builtin_symbols(const FunctionCall &call, GenericRequest &request) {
-    bool found = false;
-    for (std::size_t i = 0; i < builtin_symbol_count(); ++i) {
-        const ssi_builtin_symbol &row = plugins[i];
-        if (!named(row.name, call.name) || row.producer == nullptr) continue;
-        found = true;
+    return for_each_named(plugins, get_nbplugins(), call.name, [&](const ssi_builtin_symbol &row) {
         const int rc = row.producer();
         // A symbol's text is a bare value: quoted here, as it stands.
         if (!ssi_text().empty()) request.answer.string(ssi_text(), json::Escape::verbatim);
@@ -78,8 +71,7 @@ bool call_builtin_symbols(const FunctionCall &call, GenericRequest &request) {
             QM_LOG_print("CGI(2) error for symbol <%s> : %d", call.name.c_str(), QM_err_get());
             set_cgi_error(request, kErrorFunction, "CGI(2) error for symbol <%s>", call.name.c_str());
         }
-    }
-    return found;
+    });
 }
 
 // The producer's text left in Ssi, printed in the page's escaping mode.
@@ -95,14 +87,10 @@ void call_for_page(const FunctionCall &call) {
         print_ssi_result(call.name);
         return;
     }
-    bool found = false;
-    for (std::size_t i = 0; i < device_function_count(); ++i) {
-        const cgi_plugin &row = cgi_plugins[i];
-        if (!named(row.name, call.name) || row.handler == nullptr) continue;
-        found = true;
+    const bool found = for_each_named(cgi_plugins, get_nbcgiplugins(), call.name, [&](const cgi_plugin &row) {
         QM_err_set(row.handler("ssi", call.argument_ptr()));
         print_ssi_result(call.name);
-    }
+    });
     if (!found) {
         json::Writer(json::kAnswerLayout).string("", json::Escape::strict);
         QM_LOG_print("SSI : %s function not found\n", call.name.c_str());
