@@ -13,6 +13,10 @@
  * and is released with free_all_node. Printers write to the response of
  * the current request (values through ssiprintf, escaped for the current
  * SSI output mode). Not thread-safe, like the rest of the process.
+ *
+ * No C++ exception leaves these calls: an internal failure (memory
+ * exhaustion included) is logged with the function's name and gives null,
+ * or for the printers, output that stops where the failure happened.
  */
 #ifndef QM_NODE_H
 #define QM_NODE_H

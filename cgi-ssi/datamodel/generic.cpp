@@ -167,10 +167,12 @@ int need_reboot = 0;
 int need_factory = 0;
 
 int get_lock(void) {
-    int rc = 0;
-    if (is_lock == 0) rc = QM_FILE_lock();
-    is_lock = 1;
-    return rc;
+    return quelm::guarded(-1, __func__, [] {
+        int rc = 0;
+        if (is_lock == 0) rc = QM_FILE_lock();
+        is_lock = 1;
+        return rc;
+    });
 }
 
 int generic_cgi(int, char **) {

@@ -27,6 +27,8 @@ namespace {
 
 using quelm::MallocString;
 
+// compat: most error texts end in a blank, so that appended texts read
+// apart; pages show and compare them as they are.
 constexpr const char *kNoAccess = "Your token does not give you access to the object %s. ";
 constexpr const char *kUnableToCreate = "Unable to create the object %s : %d ";
 constexpr const char *kUnableToWriteValue = "Unable to write the value %s for %s_%s : %d. ";

@@ -478,31 +478,39 @@ extern "C" {
 // (generic_cgi clears it before and after).
 int last_created_indice = -1;
 
-void *malloczero(size_t size) { return std::calloc(1, size); }
+void *malloczero(size_t size) {
+    return quelm::guarded<void *>(nullptr, __func__, [&] { return std::calloc(1, size); });
+}
 
 QM_DAT_record *find_field(QM_DAT_record *records, const char *suffix) {
     if (suffix == nullptr) return nullptr;
-    for (QM_DAT_record *r = records; r != nullptr; r = r->next) {
-        if (r->name != nullptr && std::string_view(r->name).ends_with(suffix)) return r;
-    }
-    return nullptr;
+    return quelm::guarded<QM_DAT_record *>(nullptr, __func__, [&]() -> QM_DAT_record * {
+        for (QM_DAT_record *r = records; r != nullptr; r = r->next) {
+            if (r->name != nullptr && std::string_view(r->name).ends_with(suffix)) return r;
+        }
+        return nullptr;
+    });
 }
 
 char *find_field_value(QM_DAT_record *records, const char *suffix, const char *value) {
     if (suffix == nullptr || value == nullptr) return nullptr;
-    for (QM_DAT_record *r = records; r != nullptr; r = r->next) {
-        if (r->name != nullptr && r->value != nullptr && std::string_view(r->name).ends_with(suffix) &&
-            std::strcmp(r->value, value) == 0) {
-            return strdup(r->name);
+    return quelm::guarded<char *>(nullptr, __func__, [&]() -> char * {
+        for (QM_DAT_record *r = records; r != nullptr; r = r->next) {
+            if (r->name != nullptr && r->value != nullptr && std::string_view(r->name).ends_with(suffix) &&
+                std::strcmp(r->value, value) == 0) {
+                return strdup(r->name);
+            }
         }
-    }
-    return nullptr;
+        return nullptr;
+    });
 }
 
 int find_in_list_word(const char *list, const char *word) {
     if (list == nullptr || word == nullptr || list[0] == '\0') return 0;
-    const bool missing = quelm::split(list, ',', [&](std::string_view item) { return item != word; });
-    return missing ? 0 : 1;
+    return quelm::guarded(0, __func__, [&] {
+        const bool missing = quelm::split(list, ',', [&](std::string_view item) { return item != word; });
+        return missing ? 0 : 1;
+    });
 }
 
 char *compute_name(const char *path) {

@@ -93,6 +93,7 @@ void call_for_page(const FunctionCall &call) {
     });
     if (!found) {
         json::Writer(json::kAnswerLayout).string("", json::Escape::strict);
+        // compat: the message ends in a line break of its own.
         QM_LOG_print("SSI : %s function not found\n", call.name.c_str());
     }
 }

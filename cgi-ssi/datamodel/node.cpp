@@ -132,6 +132,7 @@ bool wildcard_instances(const std::string &object, std::string_view filter, cons
     }
     int32_t type = 0;
     if (QM_XML_gettype(xml.get(), &type) != 0 || (type != kTypeArray && type != kTypeList)) {
+        // compat: the message's own wording, as log readers search for it.
         QM_LOG_print("QM_XML_gettype returns NULL or %s is not List neither Array", object.c_str());
         return false;
     }
@@ -388,6 +389,7 @@ qm_node *create_node(const char *text) {
     char *copy = node != nullptr ? strdup(text != nullptr ? text : "") : nullptr;
     if (copy == nullptr) {
         std::free(node);
+        // compat: the message ends in a line break of its own.
         QM_LOG_print("malloc failed - %s [%d]\n", kSourceName, __LINE__);
         QM_err_set(kMallocFailed);
         return nullptr;
