@@ -24,8 +24,8 @@
  * No C++ exception leaves these calls: an internal failure (memory
  * exhaustion included) is logged with the function's name and gives the
  * call's failure result: null for texts and records, 0 for yes/no checks,
- * -1 for compute_generic_list and create_object, the shared error code for
- * the SSI hooks, 0 for generic_cgi and tfprintf.
+ * -1 for compute_generic_list, create_object and get_lock, the shared
+ * error code for the SSI hooks, 0 for generic_cgi and tfprintf.
  */
 #ifndef QM_GENERIC_H
 #define QM_GENERIC_H

@@ -24,6 +24,7 @@
 #include "qm_generic.h"
 #include "qm_node.h"
 #include "qm_token.h"
+#include "quelm_owned.h"
 #include "ssi.h"
 #include "test_support.h"
 
@@ -34,10 +35,7 @@ using namespace cgissi::datamodel;
 
 using test_support::captured_output;
 
-struct Free {
-    void operator()(void *p) const { std::free(p); }
-};
-using Text = std::unique_ptr<char, Free>;
+using Text = quelm::MallocString;
 
 // ---- Pure parsers ---------------------------------------------------------
 
