@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "cgic.h"
-#include "libssi/ssi_internal.h"
+#include "ssi_parse.h"
 #include "ssi.h"
 #include "test_support.h"
 
@@ -291,7 +291,6 @@ TEST(SsiMime, LookupByLastExtension) {
         {"/www/page.htm.", "text/plain"},         {"/www/x.tar.gz", "application/x-gzip"},
     };
     for (const auto &c : cases) EXPECT_STREQ(mime_type(c.name), c.type) << c.name;
-    EXPECT_EQ(mime_table_size(), 190u);
 }
 
 }  // namespace
