@@ -27,23 +27,21 @@ void print_time(const RenderContext &page, std::time_t when, bool universal) {
     if ((universal ? ::gmtime_r(&when, &parts) : ::localtime_r(&when, &parts)) == nullptr) return;
     char text[kTimeBufferSize];
     std::size_t n = std::strftime(text, sizeof text, page.time_format, &parts);
-    if (n > 0) cgi_out_write(text, n);
+    if (n > 0) write_value(std::string_view(text, n));
 }
 
 void write_env(const char *value) {
-    if (value != nullptr) cgi_out_write(value, std::strlen(value));
+    if (value != nullptr) write_value(value);
 }
-
-void write_raw(const std::string &text) { cgi_out_write(text.data(), text.size()); }
 
 // The value of an echo variable: the page's names, dates, the environment,
 // and any other name through the symbol callback.
 void echo_value(const Call &c) {
     const std::string &name = c.value;
     if (name == "DOCUMENT_NAME") {
-        write_raw(c.file_name);
+        write_value(c.file_name);
     } else if (name == "DOCUMENT_URI") {
-        write_raw(c.virtual_name);
+        write_value(c.virtual_name);
     } else if (name == "QUERY_STRING_UNESCAPED") {
         write_env(std::getenv("QUERY_STRING"));
     } else if (name == "DATE_LOCAL") {

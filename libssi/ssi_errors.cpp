@@ -1,19 +1,21 @@
 // The error blocks a page render writes in place of what it could not do.
 // compat: the texts are byte-exact (pages' scripts and support tools look
-// for them).
+// for them); only the names inside are escaped, since a page's path comes
+// from the request as the web server decoded it.
 #include <string>
 #include <string_view>
 
 #include "cgi_output.h"
+#include "quelm_html.h"
 #include "ssi_render.h"
 
 namespace cgissi::ssi {
 namespace {
 
-// A name as the block prints it.
+// A name as it may appear in the block: HTML-escaped.
 class Shown {
 public:
-    explicit Shown(std::string_view name) : text_(name) {}
+    explicit Shown(std::string_view name) : text_(quelm::html_escape(name)) {}
     const char *c_str() const { return text_.c_str(); }
 
 private:

@@ -48,7 +48,7 @@ std::optional<std::string> virtual_path(const Call &c) {
         relative.remove_prefix(std::min(relative.find_first_not_of('/'), relative.size()));
         const std::size_t root_length = std::strlen(root);
         if (c.value.size() + root_length > kPathLimit || root_length + relative.size() >= kPathLimit) {
-            QM_LOG_print("Error %s:%d -> can't concatenate doc_root and val, not enough size", __func__,
+            QM_LOG_print("Error %s:%d -> can't concatenate doc_root and val, not enough size", "ssi_files.cpp",
                          __LINE__);
             return std::nullopt;
         }
@@ -112,9 +112,10 @@ std::optional<struct stat> stat_target(const Call &c) {
 void do_include(const Call &c) {
     std::optional<std::string> path = get_filename(c);
     if (!path) return;
-    // A bounded nesting depth stops pages that include themselves.
+    // Bounded nesting and a bounded number of includes per render stop
+    // pages that include themselves, once or several times over.
     RenderContext &page = c.page;
-    if (!check_filename(*path) || page.include_depth >= kMaxIncludeDepth) {
+    if (!check_filename(*path) || page.include_depth >= kMaxIncludeDepth || page.include_count >= kMaxIncludes) {
         not_permitted(c.directive, c.tag, *path);
         return;
     }
@@ -123,6 +124,7 @@ void do_include(const Call &c) {
         file_not_found(c.directive, c.tag, *path);
         return;
     }
+    ++page.include_count;
     ++page.include_depth;
     render_file(page, included_name(c, *path), *path, fd.get());
     --page.include_depth;

@@ -35,7 +35,9 @@ void write_staged(int length) {
 }
 
 // Replacement of one byte in a JavaScript (mode 1) or JSON (mode 2) string;
-// empty when the byte is copied unchanged.
+// empty when the byte is copied unchanged. "<" and ">" are written as
+// \u003C and \u003E in both modes, the same string value for either reader,
+// so that no value can close the script element it stands in.
 std::string_view escape_of(unsigned char byte, int mode) {
     switch (byte) {
     case 7: return "\\007";
@@ -49,9 +51,11 @@ std::string_view escape_of(unsigned char byte, int mode) {
     case 13: return "\\015";
     // compat: mode 2 writes a double quote as the three bytes \\", which the
     // same scripts undo.
-    case '"': return mode == SSI_MODE_JSON ? "\\\\\"" : "";
+    case '"': return mode == SSI_MODE_JSON ? "\\\\\"" : "\\\"";
     case '\'': return "\\'";
     case '\\': return "\\\\";
+    case '<': return "\\u003C";
+    case '>': return "\\u003E";
     default: return "";
     }
 }

@@ -19,6 +19,7 @@ constexpr std::size_t kPathLimit = 1000;        // resolved include paths, with 
 constexpr std::size_t kTimeFormatSize = 100;    // "config timefmt", with terminator
 constexpr std::size_t kTimeBufferSize = 500;    // one formatted date
 constexpr int kMaxIncludeDepth = 16;            // nested includes below the page itself
+constexpr int kMaxIncludes = 256;               // includes of one page render, at any depth
 constexpr std::size_t kLevelSize = 64;          // isAuth level, block-user name
 constexpr std::size_t kCheckFieldSize = 64;     // check: expected value, include kind and path
 constexpr std::size_t kSessionValueSize = 64;   // session USER, PASSWORD, REMOTE_ADDR
@@ -54,6 +55,7 @@ struct RenderContext {
     char time_format[kTimeFormatSize] = {};
     SizeFormat size_format = SizeFormat::bytes;
     int include_depth = 0;  // includes open below the requested page
+    int include_count = 0;  // includes opened so far
 };
 
 // Handler arguments: the render, the page being read and the directive's
@@ -98,6 +100,7 @@ std::optional<struct stat> stat_target(const Call &call);
 void write_value(std::string_view text);
 
 // ---- Inline error blocks -------------------------------------------------
+// Every name they print is HTML-escaped.
 
 void internal_error(const char *reason);
 void page_not_found(std::string_view file_name);

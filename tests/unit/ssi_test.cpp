@@ -94,15 +94,16 @@ TEST_F(SsiOutput, EverySpecialByteInBothModes) {
         {'\a', "\\007", "\\007"}, {'\b', "\\010", "\\010"}, {'\t', "\\011", "\\011"},
         {'\n', "\\012", "\\013"},  // JSON newline as \013: kept for the pages' decoders
         {'\v', "\\013", "\\013"}, {'\f', "\\f", "\\f"},     {'\r', "\\015", "\\015"},
-        {'"', "\"", "\\\\\""},  // JSON quote as three bytes, also kept
+        {'"', "\\\"", "\\\\\""},  // JSON quote as three bytes, also kept
+        {'<', "\\u003C", "\\u003C"}, {'>', "\\u003E", "\\u003E"},  // no value closes its script
         {'\'', "\\'", "\\'"},     {'\\', "\\\\", "\\\\"},
         {'/', "/", "/"},          {'\x01', "\x01", "\x01"}, {'\x7f', "\x7f", "\x7f"},
         {'\xe9', "\xe9", "\xe9"}, {'a', "a", "a"},
     };
     for (const EscapeCase &c : cases) {
-        const std::string in = std::string("<") + c.byte + ">";
-        EXPECT_EQ(print(SSI_MODE_JS, in), std::string("<") + c.js + ">") << "js byte " << int(c.byte);
-        EXPECT_EQ(print(SSI_MODE_JSON, in), std::string("<") + c.json + ">") << "json byte " << int(c.byte);
+        const std::string in = std::string("[") + c.byte + "]";
+        EXPECT_EQ(print(SSI_MODE_JS, in), std::string("[") + c.js + "]") << "js byte " << int(c.byte);
+        EXPECT_EQ(print(SSI_MODE_JSON, in), std::string("[") + c.json + "]") << "json byte " << int(c.byte);
         EXPECT_EQ(print(SSI_MODE_PLAIN, in), in) << "plain byte " << int(c.byte);
     }
     EXPECT_EQ(print(SSI_MODE_JS, "a'b\n"), "a\\'b\\012");
