@@ -22,23 +22,31 @@ private:
     std::string text_;
 };
 
-constexpr const char *kPageHead = "<HTML>\n<HEAD>\n<TITLE>%s</TITLE>\n"
-                                  "<meta http-equiv=Content-Type content=\"text/html; charset=iso-8859-1\">\n"
-                                  "</HEAD>\n<BODY><H2>%s</H2>\n";
+// The opening of the blocks that are the whole answer.
+void page_head(const char *title) {
+    cgi_out_printf("<HTML>\n<HEAD>\n<TITLE>%s</TITLE>\n"
+                   "<meta http-equiv=Content-Type content=\"text/html; charset=iso-8859-1\">\n"
+                   "</HEAD>\n<BODY><H2>%s</H2>\n",
+                   title, title);
+}
+
+// The opening of the blocks about a page's own directives.
+void unknown_head(const char *title, std::string_view file_name) {
+    cgi_out_printf("<HR><H2>%s</H2>\nThe requested server-side-includes filename, %s,\n", title,
+                   Shown(file_name).c_str());
+}
 
 }  // namespace
 
 void internal_error(const char *reason) {
-    const char *title = "500 Internal Error";
-    cgi_out_printf(kPageHead, title, title);
+    page_head("500 Internal Error");
     cgi_out_printf("Something unusual went wrong during a server-side-includes request:\n"
                    "<BLOCKQUOTE>\n%s\n</BLOCKQUOTE>\n</BODY></HTML>\n",
                    reason);
 }
 
 void page_not_found(std::string_view file_name) {
-    const char *title = "404 Not Found";
-    cgi_out_printf(kPageHead, title, title);
+    page_head("404 Not Found");
     cgi_out_printf("The requested server-side-includes filename, %s,\ndoes not seem to exist.\n"
                    "</BODY></HTML>\n",
                    Shown(file_name).c_str());
@@ -57,23 +65,21 @@ void file_not_found(std::string_view directive, std::string_view tag, std::strin
 }
 
 void unknown_directive(std::string_view file_name, std::string_view directive) {
-    cgi_out_printf("<HR><H2>%s</H2>\nThe requested server-side-includes filename, %s,\n"
-                   "tried to use an unknown directive, %s.\n<HR>\n",
-                   "Unknown Directive", Shown(file_name).c_str(), Shown(directive).c_str());
+    unknown_head("Unknown Directive", file_name);
+    cgi_out_printf("tried to use an unknown directive, %s.\n<HR>\n", Shown(directive).c_str());
 }
 
 void unknown_tag(std::string_view file_name, std::string_view directive, std::string_view tag) {
-    cgi_out_printf("<HR><H2>%s</H2>\nThe requested server-side-includes filename, %s,\n"
-                   "tried to use the directive %s with an unknown tag, %s.\n<HR>\n",
-                   "Unknown Tag", Shown(file_name).c_str(), Shown(directive).c_str(), Shown(tag).c_str());
+    unknown_head("Unknown Tag", file_name);
+    cgi_out_printf("tried to use the directive %s with an unknown tag, %s.\n<HR>\n", Shown(directive).c_str(),
+                   Shown(tag).c_str());
 }
 
 void unknown_value(std::string_view file_name, std::string_view directive, std::string_view tag,
                    std::string_view value) {
-    cgi_out_printf("<HR><H2>%s</H2>\nThe requested server-side-includes filename, %s,\n"
-                   "tried to use the directive %s %s with an unknown value, %s.\n<HR>\n",
-                   "Unknown Value", Shown(file_name).c_str(), Shown(directive).c_str(), Shown(tag).c_str(),
-                   Shown(value).c_str());
+    unknown_head("Unknown Value", file_name);
+    cgi_out_printf("tried to use the directive %s %s with an unknown value, %s.\n<HR>\n", Shown(directive).c_str(),
+                   Shown(tag).c_str(), Shown(value).c_str());
 }
 
 }  // namespace cgissi::ssi
