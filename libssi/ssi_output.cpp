@@ -21,10 +21,6 @@ int Ssi_mode = SSI_MODE_PLAIN;
 namespace cgissi::ssi {
 namespace {
 
-// Text as formatted, before escaping. Private to ssiprintf, so a producer's
-// text in Ssi can itself be printed through "%s".
-char format_buffer[SSI_FORMAT_SIZE];
-
 // Last usable staging position; byte SSI_BUFFER_SIZE - 1 holds the
 // terminator of a full chunk.
 constexpr int kStageLimit = SSI_BUFFER_SIZE - 1;
@@ -113,6 +109,9 @@ int ssisendbyte(int pos, char byte) {
 }
 
 int ssiprintf(const char *format, ...) {
+    // The text as formatted, before escaping: apart from Ssi, so that a
+    // producer's text in Ssi can itself be printed through "%s".
+    char format_buffer[SSI_FORMAT_SIZE];
     va_list args;
     va_start(args, format);
     const int produced = std::vsnprintf(format_buffer, sizeof format_buffer, format, args);
