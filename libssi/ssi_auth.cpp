@@ -15,7 +15,13 @@
 namespace cgissi::ssi {
 namespace {
 
-constexpr std::size_t kBlockKeySize = 32;  // key and block-user name after "&" in an isAuth value
+// Field sizes in bytes.
+constexpr std::size_t kLevelSize = 64;           // isAuth level, block-user name
+constexpr std::size_t kBlockKeySize = 32;        // key and block-user name after "&" in an isAuth value
+constexpr std::size_t kCheckFieldSize = 64;      // check: expected value, include kind and path
+constexpr std::size_t kSessionValueSize = 64;    // session USER, PASSWORD, REMOTE_ADDR
+constexpr std::size_t kServicesSize = 256;       // session SERVICES
+constexpr std::size_t kAuthorizationSize = 256;  // "Embedded username=... password=..."
 
 // Text buffer of N characters and a spare terminator: the session and
 // property readers do not terminate a value that fills N.

@@ -21,6 +21,7 @@ namespace {
 
 // Output of one "exec cmd=" passed into the page; the rest is dropped.
 constexpr std::size_t kCommandOutputLimit = 1024 * 1024;
+constexpr std::size_t kTimeBufferSize = 500;  // one formatted date, in bytes
 
 void print_time(const RenderContext &page, std::time_t when, bool universal) {
     struct tm parts {};

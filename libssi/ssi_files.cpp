@@ -15,6 +15,8 @@
 namespace cgissi::ssi {
 namespace {
 
+constexpr std::size_t kPathLimit = 1000;  // resolved paths in bytes, with terminator
+
 // CGI_PATTERN as the process first saw it.
 const std::optional<std::string> &cgi_pattern() {
     static const std::optional<std::string> pattern = []() -> std::optional<std::string> {

@@ -19,6 +19,14 @@
 namespace cgissi::ssi {
 namespace {
 
+constexpr const char *kDefaultTimeFormat = "%a %b %e %T %Z %Y";
+
+// Auth-hidden: in an isAuth section without authorisation, or in an
+// isNotAuth section with it.
+bool auth_hidden(const SectionState &s) {
+    return !(s.auth_section == 1 && s.is_auth) && (s.is_auth || s.auth_section != 0) && s.auth_section != -1;
+}
+
 // A whole file mapped read-only. An empty file has no mapping and reads as
 // empty text; the text is not terminated.
 class Mapping {
@@ -198,10 +206,6 @@ int serve_page() {
 }
 
 }  // namespace
-
-bool auth_hidden(const SectionState &s) {
-    return !(s.auth_section == 1 && s.is_auth) && (s.is_auth || s.auth_section != 0) && s.auth_section != -1;
-}
 
 bool text_visible(const SectionState &s) { return !auth_hidden(s) && s.is_check; }
 

@@ -14,19 +14,10 @@
 
 namespace cgissi::ssi {
 
-// Fixed limits of a render, in bytes unless stated.
-constexpr std::size_t kPathLimit = 1000;        // resolved include paths, with terminator
-constexpr std::size_t kTimeFormatSize = 100;    // "config timefmt", with terminator
-constexpr std::size_t kTimeBufferSize = 500;    // one formatted date
-constexpr int kMaxIncludeDepth = 16;            // nested includes below the page itself
-constexpr int kMaxIncludes = 256;               // includes of one page render, at any depth
-constexpr std::size_t kLevelSize = 64;          // isAuth level, block-user name
-constexpr std::size_t kCheckFieldSize = 64;     // check: expected value, include kind and path
-constexpr std::size_t kSessionValueSize = 64;   // session USER, PASSWORD, REMOTE_ADDR
-constexpr std::size_t kServicesSize = 256;      // session SERVICES
-constexpr std::size_t kAuthorizationSize = 256; // "Embedded username=... password=..."
-
-constexpr const char *kDefaultTimeFormat = "%a %b %e %T %Z %Y";
+// Fixed limits of a render.
+constexpr std::size_t kTimeFormatSize = 100;  // "config timefmt" in bytes, with terminator
+constexpr int kMaxIncludeDepth = 16;          // nested includes below the page itself
+constexpr int kMaxIncludes = 256;             // includes of one page render, at any depth
 
 // Sections of a page and everything it includes.
 struct SectionState {
@@ -35,14 +26,12 @@ struct SectionState {
     int is_check = 1;       // 0 inside a check section that fired
 };
 
-// Auth-hidden: in an isAuth section without authorisation, or in an
-// isNotAuth section with it.
-bool auth_hidden(const SectionState &s);
 // Page text is written.
 bool text_visible(const SectionState &s);
-// config, include, echo, fsize, flastmod and exec run. Inside a fired check
-// section an unauthenticated visitor still gets directives executed while
-// text is dropped; pages in the field rely on this.
+// config, include, echo, fsize, flastmod and exec run.
+// compat: inside a fired check section an unauthenticated visitor still
+// gets directives executed while text is dropped; pages in the field rely
+// on this.
 bool directives_run(const SectionState &s);
 
 enum class SizeFormat { bytes, abbrev };
