@@ -43,6 +43,20 @@ typedef struct ssi_builtin_symbol {
 QM_EXPORT extern const ssi_builtin_symbol plugins[];
 QM_EXPORT int get_nbplugins(void);
 
+/* The symbol callback that "echo" calls for every variable name that is
+ * not an environment variable. The request loop installs do_plugin with
+ * set_ssi_do_plugin at every request. */
+typedef int (*ssi_symbol_callback)(const char *symbol);
+void set_ssi_do_plugin(ssi_symbol_callback callback);
+/* Prints the symbol's value through ssiprintf: a built-in symbol, or one of
+ * the routed forms "token=", "cli=", "fct=", "create=". The outcome is only
+ * logged; always 0. */
+int do_plugin(const char *symbol);
+
+/* The SSI page renderer, the first built-in CGI: serves the page named by
+ * SCRIPT_FILENAME. 0, or 1 when the page could not be served. */
+int ssi(int argc, char **argv);
+
 QM_EXPORT void SSI_Set_Mode(int mode);
 QM_EXPORT int SSI_Get_Mode(void);
 

@@ -3,24 +3,25 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 
-#include "libssi/ssi_internal.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "qm_session.h"
 #include "qm_webauth.h"
+#include "quelm_owned.h"
+#include "ssi_render.h"
 
 namespace cgissi::ssi {
 namespace {
 
-constexpr std::size_t kBlockKeySize = 32;  // key and block-user name after "&" in an isAuth value
-
-struct FreeDeleter {
-    void operator()(char *p) const { std::free(p); }
-};
-using PlatformText = std::unique_ptr<char, FreeDeleter>;
+// Field sizes in bytes.
+constexpr std::size_t kLevelSize = 64;           // isAuth level, block-user name
+constexpr std::size_t kBlockKeySize = 32;        // key and block-user name after "&" in an isAuth value
+constexpr std::size_t kCheckFieldSize = 64;      // check: expected value, include kind and path
+constexpr std::size_t kSessionValueSize = 64;    // session USER, PASSWORD, REMOTE_ADDR
+constexpr std::size_t kServicesSize = 256;       // session SERVICES
+constexpr std::size_t kAuthorizationSize = 256;  // "Embedded username=... password=..."
 
 // Text buffer of N characters and a spare terminator: the session and
 // property readers do not terminate a value that fills N.
@@ -86,7 +87,7 @@ bool next_user_index(const char *&pos, int &index) {
 // Logs the visitor in as the enabled, password-less user `block_user` whose
 // services grant `level`. Returns 1 when one was found.
 int is_user_authorized(const char *block_user, const char *level) {
-    PlatformText list(QM_DAT_getobjcount("User"));
+    quelm::MallocString list(QM_DAT_getobjcount("User"));
     if (list == nullptr) return 0;
     const std::string key = realm_key(level);
     const char *pos = list.get();
@@ -123,14 +124,14 @@ void do_auth(const Call &call) {
     Text<kLevelSize> level;
     Text<kLevelSize> block_user;
     get_level_blkpwd(call.value.c_str(), level, block_user);
-    SectionState &s = sections();
+    SectionState &s = call.page.sections;
     const bool no_realm = std::strcmp(level.data, "no_realm") == 0;
     const bool forbidden = std::strcmp(block_user.data, "forbidden") == 0;
 
     int result = -1;
     Text<kServicesSize> services;
     if (!no_realm) {
-        result = is_authentifed(request_path_info().c_str(), services);
+        result = is_authentifed(call.page.path_info.c_str(), services);
         if (result < 0) {
             s.is_auth = block_user.data[0] != '\0' && is_user_authorized(block_user.data, level.data) != 0 &&
                                 !forbidden
@@ -158,7 +159,7 @@ void do_check(const Call &call) {
     const std::string object = call.tag.substr(0, split);
     const std::string property = call.tag.substr(split + 1);
     {
-        PlatformText xml_path(QM_DAT_objname2xmlpath(object.c_str()));
+        quelm::MallocString xml_path(QM_DAT_objname2xmlpath(object.c_str()));
         std::int32_t type = 0;
         if (xml_path == nullptr || QM_XML_gettype(xml_path.get(), &type) != 0) return;
     }
@@ -188,9 +189,9 @@ void do_check(const Call &call) {
     if (include.data[0] != '\0') {
         const std::string include_kind = kind.data;
         const std::string include_path = include.data;
-        do_include(Call{call.virtual_name, call.file_name, "include", include_kind, include_path});
+        do_include(Call{call.page, call.virtual_name, call.file_name, "include", include_kind, include_path});
     }
-    sections().is_check = 0;
+    call.page.sections.is_check = 0;
 }
 
 }  // namespace cgissi::ssi

@@ -1,7 +1,7 @@
 // Content types of pages by file-name extension.
 #include <string_view>
 
-#include "libssi/ssi_internal.h"
+#include "ssi_parse.h"
 
 namespace cgissi::ssi {
 namespace {
@@ -233,7 +233,5 @@ const char *mime_type(std::string_view file_name) {
         if (extension == row.extension) return row.type;
     return kDefaultType;
 }
-
-std::size_t mime_table_size() { return kTypeRows; }
 
 }  // namespace cgissi::ssi

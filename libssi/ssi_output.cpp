@@ -6,14 +6,20 @@
 #include <string_view>
 
 #include "cgi_output.h"
+#include "quelm_guard.h"
 #include "ssi.h"
+#include "ssi_render.h"
+
+// Process-wide because the C interface makes them so: value producers and
+// plugins write into Ssi (ssi_buffer.h), and plugins read and set Ssi_mode
+// (ssi.h) across calls.
+extern "C" {
+char Ssi[SSI_BUFFER_SIZE];
+int Ssi_mode = SSI_MODE_PLAIN;
+}
 
 namespace cgissi::ssi {
 namespace {
-
-// Text as formatted, before escaping. Private to ssiprintf, so a producer's
-// text in Ssi can itself be printed through "%s".
-char format_buffer[SSI_FORMAT_SIZE];
 
 // Last usable staging position; byte SSI_BUFFER_SIZE - 1 holds the
 // terminator of a full chunk.
@@ -25,35 +31,68 @@ void write_staged(int length) {
 }
 
 // Replacement of one byte in a JavaScript (mode 1) or JSON (mode 2) string;
-// empty when the byte is copied unchanged.
-//
-// Two rows differ from what a JSON parser expects and are kept on purpose:
-// mode 2 writes a newline as \013 and a double quote as \\" (three bytes).
-// The pages' scripts that read these values undo exactly these sequences.
+// empty when the byte is copied unchanged. "<" and ">" are written as
+// \u003C and \u003E in both modes, the same string value for either reader,
+// so that no value can close the script element it stands in.
 std::string_view escape_of(unsigned char byte, int mode) {
     switch (byte) {
     case 7: return "\\007";
     case 8: return "\\010";
     case 9: return "\\011";
+    // compat: mode 2 writes a newline as \013; the pages' scripts that read
+    // these values undo exactly this sequence.
     case 10: return mode == SSI_MODE_JSON ? "\\013" : "\\012";
     case 11: return "\\013";
     case 12: return "\\f";
     case 13: return "\\015";
-    case '"': return mode == SSI_MODE_JSON ? "\\\\\"" : "";
+    // compat: mode 2 writes a double quote as the three bytes \\", which the
+    // same scripts undo.
+    case '"': return mode == SSI_MODE_JSON ? "\\\\\"" : "\\\"";
     case '\'': return "\\'";
     case '\\': return "\\\\";
+    case '<': return "\\u003C";
+    case '>': return "\\u003E";
     default: return "";
     }
 }
 
+// Stages `text` escaped for `mode` (1 or 2) and writes it; Ssi is left
+// empty.
+void write_escaped(std::string_view text, int mode) {
+    int pos = 0;
+    for (char c : text) {
+        std::string_view escaped = escape_of(static_cast<unsigned char>(c), mode);
+        if (escaped.empty()) {
+            pos = ssisendbyte(pos, c);
+        } else {
+            for (char e : escaped) pos = ssisendbyte(pos, e);
+        }
+    }
+    Ssi[pos] = '\0';
+    if (Ssi[0] != '\0') write_staged(pos);
+    Ssi[0] = '\0';
+}
+
 }  // namespace
+
+void write_value(std::string_view text) {
+    const int mode = Ssi_mode;
+    if (mode == SSI_MODE_PLAIN) {
+        cgi_out_write(text.data(), text.size());
+    } else if (mode == SSI_MODE_JS || mode == SSI_MODE_JSON) {
+        write_escaped(text, mode);
+    }
+    // compat: any other mode suppresses the value; plugins use it to print
+    // nothing.
+}
+
 }  // namespace cgissi::ssi
 
 using namespace cgissi::ssi;
 
+// The mode accessors and ssisendbyte neither allocate nor call anything
+// that throws; ssiprintf's output path goes through the C-edge guard.
 extern "C" {
-
-int Ssi_mode = SSI_MODE_PLAIN;
 
 void SSI_Set_Mode(int mode) { Ssi_mode = mode; }
 
@@ -70,32 +109,18 @@ int ssisendbyte(int pos, char byte) {
 }
 
 int ssiprintf(const char *format, ...) {
+    // The text as formatted, before escaping: apart from Ssi, so that a
+    // producer's text in Ssi can itself be printed through "%s".
+    char format_buffer[SSI_FORMAT_SIZE];
     va_list args;
     va_start(args, format);
-    int produced = std::vsnprintf(format_buffer, sizeof format_buffer, format, args);
+    const int produced = std::vsnprintf(format_buffer, sizeof format_buffer, format, args);
     va_end(args);
     if (produced < 0) return -1;
-
-    const int mode = Ssi_mode;
-    if (mode == SSI_MODE_PLAIN) {
-        cgi_out_write(format_buffer, std::strlen(format_buffer));
+    return quelm::guarded(-1, __func__, [&] {
+        write_value(std::string_view(format_buffer, std::strlen(format_buffer)));
         return produced;
-    }
-    if (mode != SSI_MODE_JS && mode != SSI_MODE_JSON) return produced;
-
-    int pos = 0;
-    for (const char *p = format_buffer; *p != '\0'; ++p) {
-        std::string_view escaped = escape_of(static_cast<unsigned char>(*p), mode);
-        if (escaped.empty()) {
-            pos = ssisendbyte(pos, *p);
-        } else {
-            for (char c : escaped) pos = ssisendbyte(pos, c);
-        }
-    }
-    Ssi[pos] = '\0';
-    if (Ssi[0] != '\0') write_staged(pos);
-    Ssi[0] = '\0';
-    return produced;
+    });
 }
 
 }  // extern "C"

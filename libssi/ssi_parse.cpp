@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "libssi/ssi_internal.h"
+#include "quelm_chars.h"
+#include "ssi_parse.h"
 
 namespace cgissi::ssi {
 namespace {
@@ -13,16 +14,14 @@ constexpr std::string_view kOpen = "<!--#";
 constexpr std::string_view kClose = "-->";
 constexpr std::size_t kOpenLead = kOpen.size() - 1;  // "<!--" before the "#"
 
-constexpr bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-
 std::size_t skip_blanks(std::string_view text, std::size_t pos) {
-    while (pos < text.size() && is_blank(text[pos])) ++pos;
+    while (pos < text.size() && quelm::is_space_tab_cr_lf(text[pos])) ++pos;
     return pos;
 }
 
 std::size_t find_separator(std::string_view text, std::size_t pos) {
     for (; pos < text.size(); ++pos)
-        if (is_blank(text[pos]) || text[pos] == '"') return pos;
+        if (quelm::is_space_tab_cr_lf(text[pos]) || text[pos] == '"') return pos;
     return std::string_view::npos;
 }
 

@@ -10,12 +10,12 @@
 #include "cgi_output.h"
 #include "cgic.h"
 #include "core/handlers.h"
-#include "libssi/ssi_symbols.h"
 #include "qm_config.h"
 #include "qm_session.h"
 #include "quelm_log.h"
 #include "quelm_root.h"
 #include "session/session_store.h"
+#include "ssi.h"
 #include "qm_token.h"
 
 namespace cgissi {
@@ -41,7 +41,6 @@ constexpr BuiltinCgi kBuiltins[kBuiltinCount] = {
     {"_info.xml", info_xml_cgi},
 };
 
-constexpr int kBuiltinSymbolCount = 4;
 constexpr std::string_view kSessionNameTemplate = "QM_%s_ID";
 constexpr const char *kSessionLimitFile = "/var/quelm/webiad.d/http_session_maxlimit";
 constexpr std::size_t kPathSize = 1024;
@@ -139,8 +138,6 @@ extern "C" int try_call_shared_plugin(const char *name, int argc, char **argv) {
     quelm::log::close();
     return result;
 }
-
-extern "C" int get_nbplugins(void) { return kBuiltinSymbolCount; }
 
 extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv) {
     // Session and token of the previous request are not this one's.

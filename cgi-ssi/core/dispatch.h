@@ -23,6 +23,4 @@ extern "C" {
 int main_CGI(plugin_registry_handle *registry, int argc, char **argv);
 // Calls the registered plugin `name`; -1 when none is registered.
 QM_EXPORT int try_call_shared_plugin(const char *name, int argc, char **argv);
-// Number of built-in SSI symbols.
-QM_EXPORT int get_nbplugins(void);
 }

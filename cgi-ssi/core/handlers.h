@@ -3,8 +3,9 @@
 // its own headers and body. Zero means success.
 #pragma once
 
+#include "ssi.h"  // ssi(), the page renderer, is the SSI engine's
+
 extern "C" {
-int ssi(int argc, char **argv);
 int reboot_cgi(int argc, char **argv);
 int firmware_user_cgi(int argc, char **argv);
 int nas_cgi(int argc, char **argv);

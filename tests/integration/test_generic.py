@@ -59,7 +59,7 @@ def error_member(*messages, printed=True):
 def test_mixed_request_answer_bytes(generic, qmcfg):
     body = generic(("read", "Device_Name"), ("write", "Device_Name"), ("read", "User_1_Password"),
                    ("fct", "nosuch"), ("read", "Nothing_Here"), ("write", "Device_Hostname:box"), ("delay", "0"))
-    missing = "CGI error : symbol <nosuch> doesn't exist"
+    missing = "CGI error : symbol \\u003Cnosuch\\u003E doesn't exist"  # "<", ">" escaped in JSON strings
     expected = ('{"Device_Name" : "Home Gateway", "User_1_Password" : "********", "nosuch" : , "Nothing_Here" : ""'
                 + error_member("Wrong format when trying to write Device_Name (write=PROPERTY:VALUE). ",
                                missing, missing, missing)  # a failed read repeats the latest message twice
@@ -298,7 +298,7 @@ def test_page_symbols_read_the_data_model(cgi, qmcfg, root):
     body = cgi(page="p.htm").body.decode()
     parts = body.split("|")
     token = parts[0].strip('"')
-    assert parts[1:6] == ['"my \\\\"box\\\\""', '"my "box""', '"********"',
+    assert parts[1:6] == ['"my \\\\"box\\\\""', '"my \\"box\\""', '"********"',
                           '{"List" : "1,3","1" : {"Username" : "admin"},"3" : {"Username" : "support"}}', '""']
     assert parts[7:] == ['"admin"', '"guest"', "undefined"]
     rights = (root / "var/tmp" / f"CGI_Token_{token}").read_text().splitlines()[1]

@@ -34,7 +34,7 @@ def site(bin_dir, env, tmp_path):
     docroot = tmp_path / "site"
     docroot.mkdir()
 
-    def render(page="index.htm", text=None, extra=None, unset=(), files=None):
+    def render(page="index.htm", text=None, extra=None, unset=(), files=None, timeout=60):
         for name, content in (files or {}).items():
             path = docroot / name
             path.parent.mkdir(parents=True, exist_ok=True)
@@ -49,7 +49,7 @@ def site(bin_dir, env, tmp_path):
         for name in unset:
             request_env.pop(name, None)
         done = subprocess.run(["ssi"], executable=bin_dir / "cgi-ssi", env=request_env,
-                              capture_output=True, timeout=60)
+                              capture_output=True, timeout=timeout)
         assert_no_sanitizer_report(done.stderr.decode(errors="replace"))
         return done.stdout.decode("latin-1")
 
@@ -90,6 +90,18 @@ def test_missing_page_exact_bytes(site):
                    "does not seem to exist.\n</BODY></HTML>\n")
 
 
+def test_error_blocks_escape_names(site):
+    # The web server decodes the URI: a page name can carry markup.
+    name = '<svg onload="alert(1)">&.htm'
+    shown = "&lt;svg onload=&quot;alert(1)&quot;&gt;&amp;.htm"
+    raw = site(name)
+    assert f"filename, {site.docroot}/{shown},\n" in raw and "<svg" not in raw
+    raw = site(text="x", extra={"PATH_INFO": f"/a/../{name}"})
+    assert body(raw) == NOT_PERMITTED.format("initial", "PATH_INFO", f"/a/../{shown}")
+    raw = site(text='<!--#include file="../<b>&x.htm" -->')
+    assert body(raw) == NOT_PERMITTED.format("include", "file", "../&lt;b&gt;&amp;x.htm")
+
+
 @pytest.mark.parametrize("variable", ["SCRIPT_NAME", "SCRIPT_FILENAME"])
 def test_missing_variable_exact_bytes(site, variable):
     # Without SCRIPT_FILENAME the request loop itself answers nothing.
@@ -123,19 +135,29 @@ def test_echo_values_and_attribute_separator(site):
                          + UNKNOWN_TAG.format(name, "echo", "value"))
 
 
+def test_environment_values_escaped_by_echo_mode(site):
+    referer = "http://x/';alert(1);//\"</script>"
+    page = ("<!--#echo var=HTTP_REFERER -->|<!--#echo jsvar=HTTP_REFERER -->|"
+            "<!--#echo jsonvar=QUERY_STRING_UNESCAPED -->|<!--#echo jsvar=DOCUMENT_URI -->")
+    raw = site(text=page, extra={"HTTP_REFERER": referer, "QUERY_STRING": "a='<b>", "PATH_INFO": "/index.htm"})
+    assert body(raw) == (referer + "|http://x/\\';alert(1);//\\\"\\u003C/script\\u003E|"
+                         "a=\\'\\u003Cb\\u003E|/index.htm")
+
+
 def test_unknown_symbol_is_logged(site, log_file):
     site(text="<!--#echo var=nosuch_symbol -->")
     assert "SSI unknown symbol <nosuch_symbol>" in log_file.read_text()
 
 
 @pytest.mark.parametrize("attribute, expected", [
-    ("var", "a'b\"c\t\\d"),
-    ("jsvar", "a\\'b\"c\\011\\\\d"),
-    ("jsonvar", "a\\'b\\\\\"c\\011\\\\d"),
+    ("var", "a'b\"c\t\\d</script>"),
+    # A value can neither end its string nor close the script element.
+    ("jsvar", "a\\'b\\\"c\\011\\\\d\\u003C/script\\u003E"),
+    ("jsonvar", "a\\'b\\\\\"c\\011\\\\d\\u003C/script\\u003E"),
 ])
 def test_symbol_escaped_by_echo_mode(site, root, attribute, expected):
     (root / "var/tmp").mkdir(parents=True, exist_ok=True)
-    (root / "var/tmp/cgierror").write_text("a'b\"c\t\\d\n")
+    (root / "var/tmp/cgierror").write_text("a'b\"c\t\\d</script>\n")
     assert body(site(text=f"[<!--#echo {attribute}=iCgiError -->]")) == f"[{expected}]"
     # Shown once; without a stored error the symbol is 0.
     assert body(site(text=f"<!--#echo {attribute}=iCgiError -->")) == "0"
@@ -164,6 +186,9 @@ def test_exec_output_lands_in_order(site, log_file):
     raw = site(text='a<!--#exec cmd="printf X; printf Y" -->b<!--#exec run=x -->')
     assert body(raw) == "aXYb" + UNKNOWN_TAG.format(f"{site.docroot}/index.htm", "exec", "run")
     assert log_file.read_text().count("SSI has tried to execute system command, please fix webpage !") == 2
+    # A runaway command fills the page up to its limit, no further.
+    raw = site(text='<!--#exec cmd="head -c 3000000 /dev/zero" -->end')
+    assert body(raw) == "\0" * (1 << 20) + "end"
 
 
 # ---- Includes ------------------------------------------------------------------------
@@ -202,6 +227,14 @@ def test_self_including_page_stops(site):
     depth = 16  # nested includes allowed below the page itself
     refusal = NOT_PERMITTED.format("include", "file", f"{site.docroot}/self.htm")
     assert body(raw) == "A" * (depth + 1) + refusal + "B" * (depth + 1)
+
+
+def test_includes_per_page_are_bounded(site):
+    # Three self-includes per level would render 3^16 pages.
+    raw = site("self.htm", '<!--#include file="self.htm" -->' * 3 + "A", timeout=30)
+    renders = 256 + 1  # the includes allowed per page, and the page itself
+    assert body(raw).count("A") == renders
+    assert NOT_PERMITTED.format("include", "file", f"{site.docroot}/self.htm") in raw
 
 
 # ---- Malformed pages ---------------------------------------------------------------------
@@ -263,6 +296,29 @@ def test_gating_truth_table(site, gateway, section, authorised, check, text_show
         assert body(raw) == "TEI1end"
     else:
         assert body(raw) == ("E1end" if directives_run else "end")
+
+
+def test_sections_end_with_their_page(bin_dir, env, gateway, tmp_path):
+    """A page left inside a hidden section does not hide the next page
+    served by the same responder."""
+    from fcgi import Responder
+    docroot = tmp_path / "www"
+    docroot.mkdir()
+    (docroot / "a.htm").write_text('A<!--#check Device_Hostname="no-such-name" -->x')
+    (docroot / "b.htm").write_text("<!--#isAuth level=admin -->hidden")
+    (docroot / "c.htm").write_text("VISIBLE")
+    base = {"DOCUMENT_ROOT": str(docroot), "REQUEST_METHOD": "GET", "QUELM_REALM": "web",
+            "REMOTE_ADDR": "127.0.0.1", "HTTP_HOST": "127.0.0.1", "HTTP_USER_AGENT": "test"}
+    responder = Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock")
+    answers = []
+    try:
+        for page in ["a.htm", "c.htm", "b.htm", "c.htm"]:
+            out, _ = responder.request(dict(base, SCRIPT_FILENAME=f"{docroot}/{page}", SCRIPT_NAME=f"/{page}"))
+            answers.append(body(out.decode()))
+    finally:
+        err = responder.stop()
+    assert_no_sanitizer_report(err)
+    assert answers == ["A", "VISIBLE", "", "VISIBLE"]
 
 
 def test_check_and_uncheck_include_alternatives(site, gateway):

@@ -1,0 +1,240 @@
+// The SSI page renderer: serves the page named by the web server, copying
+// its text to the response and executing its "<!--#...-->" directives.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include "cgi_output.h"
+#include "qm_config.h"
+#include "quelm_guard.h"
+#include "ssi.h"
+#include "ssi_render.h"
+
+namespace cgissi::ssi {
+namespace {
+
+constexpr const char *kDefaultTimeFormat = "%a %b %e %T %Z %Y";
+
+// Auth-hidden: in an isAuth section without authorisation, or in an
+// isNotAuth section with it.
+bool auth_hidden(const SectionState &s) {
+    return !(s.auth_section == 1 && s.is_auth) && (s.is_auth || s.auth_section != 0) && s.auth_section != -1;
+}
+
+// A whole file mapped read-only. An empty file has no mapping and reads as
+// empty text; the text is not terminated.
+class Mapping {
+public:
+    Mapping(int fd, std::size_t size) {
+        if (size == 0) return;
+        void *addr = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+        if (addr == MAP_FAILED) return;
+        addr_ = addr;
+        size_ = size;
+    }
+    Mapping(const Mapping &) = delete;
+    Mapping &operator=(const Mapping &) = delete;
+    ~Mapping() {
+        if (addr_ != nullptr) ::munmap(addr_, size_);
+    }
+
+    bool mapped() const { return addr_ != nullptr; }
+    std::string_view text() const { return {static_cast<const char *>(addr_), size_}; }
+
+private:
+    void *addr_ = nullptr;
+    std::size_t size_ = 0;
+};
+
+using Handler = void (*)(const Call &);
+
+Handler handler_of(DirectiveKind kind) {
+    switch (kind) {
+    case DirectiveKind::config: return do_config;
+    case DirectiveKind::include: return do_include;
+    case DirectiveKind::echo: return do_echo;
+    case DirectiveKind::fsize: return do_fsize;
+    case DirectiveKind::flastmod: return do_flastmod;
+    case DirectiveKind::exec: return do_exec;
+    default: return nullptr;
+    }
+}
+
+// Acts on one attribute of a directive of a known kind.
+void execute(DirectiveKind kind, const Call &call) {
+    SectionState &s = call.page.sections;
+    switch (kind) {
+    case DirectiveKind::is_auth:
+        if (s.is_check) {
+            s.auth_section = 1;
+            do_auth(call);
+        }
+        break;
+    case DirectiveKind::is_not_auth:
+        if (s.is_check) s.auth_section = 0;
+        break;
+    case DirectiveKind::end_auth:
+        if (s.is_check) s.auth_section = -1;
+        break;
+    case DirectiveKind::check:
+    case DirectiveKind::un_check:
+        if (s.is_check) do_check(call);
+        break;
+    case DirectiveKind::end_check: s.is_check = 1; break;
+    default:
+        if (directives_run(s)) handler_of(kind)(call);
+        break;
+    }
+}
+
+class PageRenderer : public PageSink {
+public:
+    PageRenderer(RenderContext &page, const std::string &virtual_name, const std::string &file_name)
+        : page_(page), virtual_name_(virtual_name), file_name_(file_name) {}
+
+    void text(std::string_view run) override {
+        if (!run.empty() && text_visible(page_.sections)) cgi_out_write(run.data(), run.size());
+    }
+
+    bool directive(std::string_view from_open, std::string_view inner) override {
+        if (!parse_directive(inner, directive_)) return false;
+        int section = 0;
+        if (section_tag(from_open, section)) page_.sections.auth_section = section;
+        run_directive();
+        return true;
+    }
+
+private:
+    // Executes the directive once per attribute.
+    void run_directive() {
+        const DirectiveKind kind = directive_kind(directive_.name);
+        if (kind == DirectiveKind::unknown) {
+            unknown_directive(file_name_, directive_.name);
+            return;
+        }
+        bool first = true;
+        for (const Attribute &a : directive_.attributes) {
+            // compat: attributes' outputs are separated by one blank,
+            // whatever shows.
+            if (!first) cgi_out_write(" ", 1);
+            first = false;
+            const std::string tag(a.name);
+            const std::string value(a.value);
+            execute(kind, Call{page_, virtual_name_, file_name_, directive_.name, tag, value});
+        }
+    }
+
+    RenderContext &page_;
+    const std::string &virtual_name_;
+    const std::string &file_name_;
+    // Reused from directive to directive of this page (an included page has
+    // its own renderer).
+    Directive directive_;
+};
+
+// A page that cannot be served gets its error block with a proper status,
+// so that the web server and the browser see a 404 or 500 instead of a
+// malformed answer; the block itself is unchanged.
+void error_header(int status, const char *reason) {
+    cgi_out_printf("Status: %d %s\r\nContent-type: text/html\r\n\r\n", status, reason);
+}
+
+// The page's URI: PATH_INFO, or the page's path below the document root
+// keeping the root's last character (its "/").
+std::string page_path_info(const std::string &file_name) {
+    const char *path_env = std::getenv("PATH_INFO");
+    if (path_env != nullptr && path_env[0] != '\0') return path_env;
+    const char *root = std::getenv("DOCUMENT_ROOT");
+    const std::size_t root_length = root != nullptr ? std::strlen(root) : 0;
+    if (root_length > 0 && file_name.size() >= root_length - 1) return file_name.substr(root_length - 1);
+    return {};
+}
+
+// The page file to serve, or an error answer and nothing.
+bool find_page(std::string &file_name, std::string &path_info) {
+    if (std::getenv("SCRIPT_NAME") == nullptr) {
+        error_header(500, "Internal Server Error");
+        internal_error("Couldn't get SCRIPT_NAME environment variable.");
+        return false;
+    }
+    const char *script_env = std::getenv("SCRIPT_FILENAME");
+    if (script_env == nullptr) {
+        error_header(500, "Internal Server Error");
+        internal_error("Couldn't get SCRIPT_FILENAME environment variable.");
+        return false;
+    }
+    file_name = script_env;
+    if (!check_filename(file_name)) {
+        error_header(403, "Forbidden");
+        not_permitted("initial", "SCRIPT_FILENAME", file_name);
+        return false;
+    }
+    path_info = page_path_info(file_name);
+    if (!path_info.empty() && !check_filename(path_info)) {
+        error_header(403, "Forbidden");
+        not_permitted("initial", "PATH_INFO", path_info);
+        return false;
+    }
+    return true;
+}
+
+int serve_page() {
+    RenderContext page;
+    std::snprintf(page.time_format, sizeof page.time_format, "%s", kDefaultTimeFormat);
+    std::string file_name;
+    if (!find_page(file_name, page.path_info)) return 1;
+
+    quelm::UniqueFd fd = open_page(file_name);
+    if (!fd) {
+        error_header(404, "Not Found");
+        page_not_found(file_name);
+        return 1;
+    }
+    const char *type = mime_type(file_name);
+    if (const char *language = std::getenv("HTTP_ACCEPT_LANGUAGE")) {
+        cgi_out_printf("CONTENT-LANGUAGE: %s\r\n", language);
+    }
+    cgi_out_printf("Content-type: %s\r\n\r\n", type);
+    render_file(page, page.path_info, file_name, fd.get());
+    return 0;
+}
+
+}  // namespace
+
+bool text_visible(const SectionState &s) { return !auth_hidden(s) && s.is_check; }
+
+bool directives_run(const SectionState &s) { return !auth_hidden(s) && (s.is_check || !s.is_auth); }
+
+void render_file(RenderContext &page, const std::string &virtual_name, const std::string &file_name, int fd) {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) {
+        QM_LOG_print("stat error : %s", std::strerror(errno));
+        return;
+    }
+    // Only regular files have text to map; anything else reads as empty.
+    const std::size_t size = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0;
+    Mapping mapping(fd, size);
+    if (size > 0 && !mapping.mapped()) {
+        QM_LOG_print("mmap error : %s", std::strerror(errno));
+        return;
+    }
+    PageRenderer renderer(page, virtual_name, file_name);
+    scan_page(mapping.text(), renderer);
+    cgi_out_flush();
+}
+
+}  // namespace cgissi::ssi
+
+// An exception (memory exhaustion above all) ends the page where it
+// happened; what was written so far still leaves.
+extern "C" int ssi(int, char **) {
+    const int result = quelm::guarded(1, __func__, [] { return cgissi::ssi::serve_page(); });
+    cgi_out_flush();
+    return result;
+}
