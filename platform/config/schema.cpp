@@ -6,13 +6,13 @@
 
 #include <iksemel.h>
 
+#include "quelm_chars.h"
+#include "quelm_owned.h"
+
 namespace quelm::platform {
 namespace {
 
-struct IksDeleter {
-    void operator()(iks *x) const { iks_delete(x); }
-};
-using IksDocument = std::unique_ptr<iks, IksDeleter>;
+using IksDocument = std::unique_ptr<iks, quelm::CDeleter<iks_delete>>;
 
 bool is_leaf_code(int code) {
     switch (code) {
@@ -44,11 +44,9 @@ bool parse_number(std::string_view text, T &out) {
 
 bool valid_component_name(std::string_view name) {
     if (name.empty() || name.size() > kMaxComponentNameLength) return false;
-    if (!((name[0] >= 'A' && name[0] <= 'Z') || (name[0] >= 'a' && name[0] <= 'z'))) return false;
-    for (char c : name) {
-        bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
-        if (!ok) return false;
-    }
+    if (!is_ascii_alpha(name[0])) return false;
+    for (char c : name)
+        if (!is_ascii_alnum(c) && c != '_') return false;
     // A trailing "_" or "__" would make names ambiguous.
     return name.back() != '_' && name.find("__") == std::string_view::npos;
 }
@@ -73,7 +71,7 @@ bool valid_ipv4(std::string_view text) {
 std::optional<std::uint32_t> parse_instance(std::string_view text) {
     if (text.empty() || text[0] == '0') return std::nullopt;
     for (char c : text)
-        if (c < '0' || c > '9') return std::nullopt;
+        if (!is_digit(c)) return std::nullopt;
     std::uint32_t value = 0;
     if (!parse_number(text, value) || value > kMaxInstanceNumber) return std::nullopt;
     return value;
@@ -191,7 +189,7 @@ int validate_value(const SchemaNode &leaf, std::string_view value) {
         } else {
             std::uint32_t n = 0;
             // from_chars would take no "-", but "+" is refused as well.
-            if (value.empty() || value[0] < '0' || value[0] > '9' || !parse_number(value, n)) return QM_ERR_BAD_VALUE;
+            if (value.empty() || !is_digit(value[0]) || !parse_number(value, n)) return QM_ERR_BAD_VALUE;
             number = n;
         }
         if (leaf.min && number < *leaf.min) return QM_ERR_BAD_VALUE;

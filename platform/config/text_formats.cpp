@@ -2,12 +2,13 @@
 
 #include <charconv>
 
+#include "quelm_chars.h"
+#include "quelm_text.h"
+
 namespace quelm::platform {
 namespace {
 
-bool is_field_char(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
-}
+bool is_field_char(char c) { return is_ascii_alnum(c) || c == '_' || c == '-'; }
 
 // Leading decimal of a text (optional sign), 0 when there is none: the
 // comparison of the path language reads numbers the same way.
@@ -86,15 +87,9 @@ bool where_holds(const WhereClause &clause, const std::string *value) {
     case WhereOp::LessEqual: return leading_number(*value) <= leading_number(clause.value);
     case WhereOp::Greater: return leading_number(*value) > leading_number(clause.value);
     case WhereOp::GreaterEqual: return leading_number(*value) >= leading_number(clause.value);
-    case WhereOp::InList: {
-        std::string_view items = *value;
-        while (true) {
-            std::size_t comma = items.find(',');
-            if (items.substr(0, comma) == clause.value) return true;
-            if (comma == std::string_view::npos) return false;
-            items.remove_prefix(comma + 1);
-        }
-    }
+    case WhereOp::InList:
+        // split stops (false) at the first item that matches.
+        return !quelm::split(*value, ',', [&](std::string_view item) { return item != clause.value; });
     }
     return false;
 }

@@ -15,8 +15,9 @@
 
 #include <unistd.h>
 
-#include "../config/platform.h"
+#include "platform.h"
 #include "qm_config.h"
+#include "quelm_owned.h"
 
 namespace {
 
@@ -37,11 +38,6 @@ constexpr const char *kUsage =
     "  load FILE                 apply Name=Value lines (\"-\": standard input), all or nothing\n"
     "  commit | revert | factory save, restore saved, restore factory defaults\n"
     "  -n: leave changes in the running configuration without saving them\n";
-
-struct FreeDeleter {
-    void operator()(char *p) const { std::free(p); }
-};
-using Text = std::unique_ptr<char, FreeDeleter>;
 
 const char *error_text(int code) {
     switch (code) {
@@ -130,7 +126,7 @@ int run(const std::vector<std::string_view> &args, bool save) {
 
     if (cmd == "get") {
         if (n != 2) return usage();
-        Text value(QM_DAT_getobjproperty(arg(1).c_str(), arg(2).c_str()));
+        quelm::MallocString value(QM_DAT_getobjproperty(arg(1).c_str(), arg(2).c_str()));
         if (!value) return fail("get", QM_err_get());
         std::printf("%s\n", value.get());
         return 0;
@@ -142,7 +138,7 @@ int run(const std::vector<std::string_view> &args, bool save) {
     }
     if (cmd == "type") {
         if (n != 1) return usage();
-        Text path(QM_DAT_objname2xmlpath(arg(1).c_str()));
+        quelm::MallocString path(QM_DAT_objname2xmlpath(arg(1).c_str()));
         int32_t type = 0;
         if (!path) return fail("type", QM_err_get());
         if (int rc = QM_XML_gettype(path.get(), &type)) return fail("type", rc);
@@ -151,7 +147,7 @@ int run(const std::vector<std::string_view> &args, bool save) {
     }
     if (cmd == "count") {
         if (n != 1) return usage();
-        Text count(QM_DAT_getobjcount(arg(1).c_str()));
+        quelm::MallocString count(QM_DAT_getobjcount(arg(1).c_str()));
         if (!count) return fail("count", QM_err_get());
         std::printf("%s\n", count.get());
         return 0;
