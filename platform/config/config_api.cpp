@@ -15,6 +15,7 @@
 #include "library_state.h"
 #include "platform.h"
 #include "qm_config.h"
+#include "quelm_guard.h"
 #include "quelm_log.h"
 #include "quelm_root.h"
 
@@ -52,16 +53,30 @@ std::string property_name(const char *object, const char *property) {
     return join_name(object, property);
 }
 
-// Runs f and turns an exception (memory exhausted) into fallback, so that
-// none crosses the C edge.
-template <typename F>
-std::invoke_result_t<F> shield(std::invoke_result_t<F> fallback, F &&f) noexcept {
-    try {
-        return f();
-    } catch (...) {
-        set_error(QM_ERR_STORAGE);
-        return fallback;
-    }
+// The C edge policy (quelm::guarded) with the library's error code: a body
+// that throws (memory exhausted) also leaves QM_ERR_STORAGE as the error.
+template <typename Body, typename Result = std::invoke_result_t<Body>>
+Result guarded_call(std::type_identity_t<Result> fallback, const char *function, Body &&body) noexcept {
+    bool finished = false;
+    Result result = quelm::guarded(fallback, function, [&]() -> Result {
+        Result r = body();
+        finished = true;
+        return r;
+    });
+    if (!finished) set_error(QM_ERR_STORAGE);
+    return result;
+}
+
+// A copy of text for a C caller to free; QM_ERR_STORAGE when there is no memory.
+char *copy_result(std::string_view text) {
+    char *out = copy_text(text);
+    if (out == nullptr) set_error(QM_ERR_STORAGE);
+    return out;
+}
+
+// A request the host cannot carry out is recorded in the event log instead.
+int record_request(const char *event, int argument) {
+    return set_error(record_event(kEventLogPath, event, std::to_string(argument)));
 }
 
 // Runs f(model) on the opened state and stores its result as the error.
@@ -237,20 +252,22 @@ bool read_file(const std::string &path, std::string &out) {
 }  // namespace quelm::platform
 
 using quelm::platform::DataModel;
+using quelm::platform::detail::State;
+using quelm::platform::detail::copy_result;
 using quelm::platform::detail::copy_text;
 using quelm::platform::detail::globals;
+using quelm::platform::detail::guarded_call;
 using quelm::platform::detail::log_message;
 using quelm::platform::detail::open_state;
 using quelm::platform::detail::property_name;
+using quelm::platform::detail::record_request;
 using quelm::platform::detail::set_error;
-using quelm::platform::detail::shield;
-using quelm::platform::detail::State;
 using quelm::platform::detail::with_model;
 
 extern "C" {
 
 int QM_Cfg_Init(int, ...) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         ++globals().refcount;
         int code = 0;
         return open_state(code) != nullptr ? 0 : code;
@@ -278,21 +295,19 @@ int QM_err_set(int code) { return set_error(code); }
 int QM_err_get(void) { return globals().error; }
 
 char *QM_DAT_getobjcount(const char *object) {
-    return shield(nullptr, [&]() -> char * {
+    return guarded_call(nullptr, __func__, [&]() -> char * {
         if (object == nullptr) {
             set_error(QM_ERR_UNKNOWN_OBJECT);
             return nullptr;
         }
         std::string text;
         if (with_model([&](DataModel &m) { return m.count(object, text); }) != 0) return nullptr;
-        char *out = copy_text(text);
-        if (out == nullptr) set_error(QM_ERR_STORAGE);
-        return out;
+        return copy_result(text);
     });
 }
 
 QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
-    return shield(nullptr, [&]() -> QM_DAT_record * {
+    return guarded_call(nullptr, __func__, [&]() -> QM_DAT_record * {
         if (object == nullptr) {
             set_error(QM_ERR_UNKNOWN_OBJECT);
             return nullptr;
@@ -302,24 +317,20 @@ QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
         QM_DAT_record *head = nullptr;
         QM_DAT_record **tail = &head;
         for (const auto &r : records) {
+            // Linked first, so that freeing the list also frees a part-made node.
             auto *node = static_cast<QM_DAT_record *>(std::calloc(1, sizeof(QM_DAT_record)));
+            *tail = node;
             if (node != nullptr) {
                 node->name = copy_text(r.name);
                 node->value = copy_text(r.value);
                 node->type = static_cast<int8_t>(r.type);
+                tail = &node->next;
             }
             if (node == nullptr || node->name == nullptr || node->value == nullptr) {
-                if (node != nullptr) {
-                    std::free(node->name);
-                    std::free(node->value);
-                    std::free(node);
-                }
                 QM_DAT_freedata(&head);
                 set_error(QM_ERR_STORAGE);
                 return nullptr;
             }
-            *tail = node;
-            tail = &node->next;
         }
         return head;
     });
@@ -339,7 +350,7 @@ void QM_DAT_freedata(QM_DAT_record **records) {
 }
 
 char *QM_DAT_getobjproperty(const char *object, const char *property) {
-    return shield(nullptr, [&]() -> char * {
+    return guarded_call(nullptr, __func__, [&]() -> char * {
         std::string name = property_name(object, property);
         if (name.empty()) {
             set_error(QM_ERR_UNKNOWN_OBJECT);
@@ -362,14 +373,12 @@ char *QM_DAT_getobjproperty(const char *object, const char *property) {
             if (code != QM_ERR_STORAGE) state->remember(name, code, value);
         }
         if (set_error(code) != 0) return nullptr;
-        char *out = copy_text(value);
-        if (out == nullptr) set_error(QM_ERR_STORAGE);
-        return out;
+        return copy_result(value);
     });
 }
 
 int QM_DAT_setobjproperty(const char *object, const char *property, const char *value, int store_only) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         std::string name = property_name(object, property);
         if (name.empty()) return set_error(QM_ERR_UNKNOWN_OBJECT);
         if (value == nullptr) return set_error(QM_ERR_BAD_VALUE);
@@ -384,28 +393,28 @@ int QM_DAT_setobjproperty(const char *object, const char *property, const char *
 }
 
 int QM_DAT_createobject(const char *object, int) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         return with_model([&](DataModel &m) { return m.create(object); });
     });
 }
 
 int QM_DAT_deleteobject(const char *object, int) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         return with_model([&](DataModel &m) { return m.remove(object); });
     });
 }
 
 int QM_DAT_resetobjdata(const char *object, int flag) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         return with_model([&](DataModel &m) { return m.reset(object, flag != 0); });
     });
 }
 
 char *QM_DAT_objname2xmlpath(const char *object) {
-    return shield(nullptr, [&]() -> char * {
+    return guarded_call(nullptr, __func__, [&]() -> char * {
         int code = 0;
         State *state = object != nullptr ? open_state(code, false) : nullptr;
         if (state == nullptr) {
@@ -417,14 +426,13 @@ char *QM_DAT_objname2xmlpath(const char *object) {
             set_error(QM_ERR_UNKNOWN_OBJECT);
             return nullptr;
         }
-        char *out = copy_text(target->xml_path);
-        set_error(out != nullptr ? QM_ERR_NONE : QM_ERR_STORAGE);
-        return out;
+        set_error(QM_ERR_NONE);
+        return copy_result(target->xml_path);
     });
 }
 
 int QM_XML_gettype(const char *xmlpath, int32_t *type) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (xmlpath == nullptr || type == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         int code = 0;
         State *state = open_state(code, false);
@@ -437,7 +445,7 @@ int QM_XML_gettype(const char *xmlpath, int32_t *type) {
 }
 
 int QM_FILE_lock(void) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         int code = 0;
         State *state = open_state(code, false);
         if (state == nullptr) return set_error(code);
@@ -462,37 +470,34 @@ int QM_FILE_unlock(void) {
 }
 
 int QM_FILE_commit(int) {
-    return shield(QM_ERR_STORAGE, [&] { return with_model([](DataModel &m) { return m.commit(); }); });
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] { return with_model([](DataModel &m) { return m.commit(); }); });
 }
 
 int QM_FILE_revert(void) {
-    return shield(QM_ERR_STORAGE, [&] { return with_model([](DataModel &m) { return m.revert(); }); });
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] { return with_model([](DataModel &m) { return m.revert(); }); });
 }
 
 int QM_FILE_factory(int option) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         std::string message;
         int code = with_model([&](DataModel &m) { return m.factory(message); });
         if (code != QM_ERR_NONE) {
             log_message(LOG_ERR, "configuration library: factory defaults not restored: %s", message.c_str());
             return code;
         }
-        return set_error(
-            quelm::platform::record_event(quelm::platform::kEventLogPath, "factory", std::to_string(option)));
+        return record_request("factory", option);
     });
 }
 
 int QM_SYS_reboot(int delay) {
-    return shield(QM_ERR_STORAGE, [&] {
-        return set_error(
-            quelm::platform::record_event(quelm::platform::kEventLogPath, "reboot", std::to_string(delay)));
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
+        return record_request("reboot", delay);
     });
 }
 
 int QM_STATUS_set(int status) {
-    return shield(QM_ERR_STORAGE, [&] {
-        return set_error(
-            quelm::platform::record_event(quelm::platform::kEventLogPath, "status", std::to_string(status)));
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
+        return record_request("status", status);
     });
 }
 

@@ -61,6 +61,8 @@ public:
     int load(const std::vector<Assignment> &assignments, std::string &error);
 
 private:
+    enum class InstanceChange { Create, Remove };
+    int change_instance(std::string_view object, InstanceChange change);
     bool fill_members(Rows &rows, const SchemaNode &container, const std::string &key, const std::string &name);
     bool create_instance(Rows &rows, const SchemaNode &collection, const std::string &key, const std::string &name);
     int ensure_instances(Rows &rows, const Resolved &target);
