@@ -28,6 +28,7 @@ char ident_buf[kIdentSize] = "cgi-ssi";
 void escape_controls(const char *message, char (&out)[kMessageSize]) {
     static constexpr char kHex[] = "0123456789ABCDEF";
     std::size_t len = std::strlen(message);
+    // compat: callers keep message spellings that end in "\n"; it is not part of the line.
     while (len > 0 && (message[len - 1] == '\n' || message[len - 1] == '\r')) --len;
     std::size_t used = 0;
     for (std::size_t i = 0; i < len; ++i) {

@@ -1,6 +1,8 @@
 // The C edge of the configuration library: thin shims over DataModel that
 // keep the process-wide state, the shared error code and the logging
-// switch. No exception crosses this edge.
+// switch. No exception crosses this edge: every entry point that allocates
+// runs through guarded_call; the rest (the error code, the logging switch,
+// freeing, unlocking) cannot throw.
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "qm_config.h"
+#include "quelm_guard.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
 
@@ -133,12 +134,10 @@ int webauth_check_auth(int, int, const char *, const char *authorization, const 
     auto credentials =
         parse_authorization(std::string_view(authorization, strnlen(authorization, WEBAUTH_MAX_AUTHORIZATION + 1)));
     if (!credentials) return -1;
-    try {
+    return quelm::guarded(-1, __func__, [&] {
         LibraryScope scope;
         return check(*credentials, realm != nullptr ? realm : "");
-    } catch (...) {
-        return -1;
-    }
+    });
 }
 
 int webauth_send_http_error_message(int status, const char *reason, char *out, size_t size) {
