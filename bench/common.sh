@@ -2,15 +2,19 @@
 # under test, checks for the tools and programs a benchmark needs, a free
 # port, and one lighttpd started in the caller's shell and stopped on exit.
 #
-# The caller sets `here` (its own folder) and `bench_name` (for messages),
-# then calls bench_paths with its BUILD_DIR argument.
+# The caller sets `here` (its own folder), then calls bench_setup with its
+# name and its BUILD_DIR argument.
 
-# Sets top, build, bin and out_dir.
-bench_paths() { # [build_dir]
+# Sets bench_name (for messages), top, build, bin, out_dir, and the
+# benchmark's work folder and report file under out_dir.
+bench_setup() { # name [build_dir]
+  bench_name=bench/$1
   top=$(cd "$here/../.." && pwd)
-  build=$(cd "${1:-$top/build}" && pwd)
+  build=$(cd "${2:-$top/build}" && pwd)
   bin=$build/bin
   out_dir=$build/bench
+  work=$out_dir/$1-run
+  report=$out_dir/$1.txt
 }
 
 # Exits 2 unless every command is on PATH.

@@ -22,11 +22,8 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-bench_name=bench/datamodel
 . "$here/../common.sh"
-bench_paths "${1:-}"
-work=$out_dir/datamodel-run
-report=$out_dir/datamodel.txt
+bench_setup datamodel "${1:-}"
 
 sizes=${BENCH_SIZES:-"10 100 1000"}
 duration=${BENCH_DURATION:-3}

@@ -18,11 +18,8 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-bench_name=bench/ssi
 . "$here/../common.sh"
-bench_paths "${1:-}"
-work=$out_dir/ssi-run
-report=$out_dir/ssi.txt
+bench_setup ssi "${1:-}"
 
 duration=${BENCH_DURATION:-3}
 warmup=${BENCH_WARMUP:-1}

@@ -254,17 +254,7 @@ bool read_file(const std::string &path, std::string &out) {
 }  // namespace quelm::platform
 
 using quelm::platform::DataModel;
-using quelm::platform::detail::State;
-using quelm::platform::detail::copy_result;
-using quelm::platform::detail::copy_text;
-using quelm::platform::detail::globals;
-using quelm::platform::detail::guarded_call;
-using quelm::platform::detail::log_message;
-using quelm::platform::detail::open_state;
-using quelm::platform::detail::property_name;
-using quelm::platform::detail::record_request;
-using quelm::platform::detail::set_error;
-using quelm::platform::detail::with_model;
+using namespace quelm::platform::detail;
 
 extern "C" {
 
