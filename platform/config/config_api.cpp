@@ -49,6 +49,12 @@ int set_error(int code) {
     return code;
 }
 
+// For the getters: no result, and code as the error.
+std::nullptr_t null_with_error(int code) {
+    set_error(code);
+    return nullptr;
+}
+
 // "<object>_<property>" for the two-argument calls; "" when either is null.
 std::string property_name(const char *object, const char *property) {
     if (object == nullptr || property == nullptr || *object == '\0' || *property == '\0') return {};
@@ -288,10 +294,7 @@ int QM_err_get(void) { return globals().error; }
 
 char *QM_DAT_getobjcount(const char *object) {
     return guarded_call(nullptr, __func__, [&]() -> char * {
-        if (object == nullptr) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
+        if (object == nullptr) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
         std::string text;
         if (with_model([&](DataModel &m) { return m.count(object, text); }) != 0) return nullptr;
         return copy_result(text);
@@ -300,10 +303,7 @@ char *QM_DAT_getobjcount(const char *object) {
 
 QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
     return guarded_call(nullptr, __func__, [&]() -> QM_DAT_record * {
-        if (object == nullptr) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
+        if (object == nullptr) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
         std::vector<quelm::platform::Record> records;
         if (with_model([&](DataModel &m) { return m.records(object, records); }) != 0) return nullptr;
         QM_DAT_record *head = nullptr;
@@ -320,8 +320,7 @@ QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
             }
             if (node == nullptr || node->name == nullptr || node->value == nullptr) {
                 QM_DAT_freedata(&head);
-                set_error(QM_ERR_STORAGE);
-                return nullptr;
+                return null_with_error(QM_ERR_STORAGE);
             }
         }
         return head;
@@ -344,16 +343,10 @@ void QM_DAT_freedata(QM_DAT_record **records) {
 char *QM_DAT_getobjproperty(const char *object, const char *property) {
     return guarded_call(nullptr, __func__, [&]() -> char * {
         std::string name = property_name(object, property);
-        if (name.empty()) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
+        if (name.empty()) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
         int code = 0;
         State *state = open_state(code);
-        if (state == nullptr) {
-            set_error(code);
-            return nullptr;
-        }
+        if (state == nullptr) return null_with_error(code);
         std::string value;
         if (const State::CachedValue *hit = state->cached(name)) {
             code = hit->code;
@@ -409,15 +402,9 @@ char *QM_DAT_objname2xmlpath(const char *object) {
     return guarded_call(nullptr, __func__, [&]() -> char * {
         int code = 0;
         State *state = object != nullptr ? open_state(code, false) : nullptr;
-        if (state == nullptr) {
-            set_error(object == nullptr ? QM_ERR_UNKNOWN_OBJECT : code);
-            return nullptr;
-        }
+        if (state == nullptr) return null_with_error(object == nullptr ? QM_ERR_UNKNOWN_OBJECT : code);
         auto target = state->schema->resolve(object);
-        if (!target) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
+        if (!target) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
         set_error(QM_ERR_NONE);
         return copy_result(target->xml_path);
     });

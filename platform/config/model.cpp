@@ -45,6 +45,12 @@ int DataModel::instance_exists(Rows &rows, const Resolved &target, bool &exists)
     return QM_ERR_NONE;
 }
 
+int DataModel::require_instance(Rows &rows, const Resolved &target) {
+    bool exists = false;
+    if (int rc = instance_exists(rows, target, exists)) return rc;
+    return exists ? QM_ERR_NONE : QM_ERR_NOTHING;
+}
+
 int DataModel::exists(std::string_view object, bool &exists) {
     exists = false;
     auto target = schema_.resolve(object);
@@ -70,9 +76,7 @@ int DataModel::set(std::string_view property, std::string_view value, bool &chan
     Rows rows(db_, Table::Running);
     Transaction tx(db_);
     if (!tx.ok()) return QM_ERR_STORAGE;
-    bool exists = false;
-    if (int rc = instance_exists(rows, *target, exists)) return rc;
-    if (!exists) return QM_ERR_NOTHING;
+    if (int rc = require_instance(rows, *target)) return rc;
     RowState state;
     std::string old;
     if (!rows.find(target->key, state, &old)) return QM_ERR_STORAGE;
@@ -92,9 +96,7 @@ int DataModel::count(std::string_view object, std::string &text) {
     auto target = schema_.resolve(object);
     if (!target || !target->is_collection()) return QM_ERR_UNKNOWN_OBJECT;
     Rows rows(db_, Table::Running);
-    bool exists = false;
-    if (int rc = instance_exists(rows, *target, exists)) return rc;
-    if (!exists) return QM_ERR_NOTHING;
+    if (int rc = require_instance(rows, *target)) return rc;
     std::vector<std::uint32_t> numbers;
     if (!rows.instances(target->key, numbers)) return QM_ERR_STORAGE;
     text.clear();
@@ -225,9 +227,7 @@ int DataModel::reset(std::string_view object, bool deep) {
     Rows rows(db_, Table::Running);
     Transaction tx(db_);
     if (!tx.ok()) return QM_ERR_STORAGE;
-    bool exists = false;
-    if (int rc = instance_exists(rows, *target, exists)) return rc;
-    if (!exists) return QM_ERR_NOTHING;
+    if (int rc = require_instance(rows, *target)) return rc;
     std::vector<Row> found;
     if (target->is_property()) {
         found.push_back({target->key, target->name, std::string()});
