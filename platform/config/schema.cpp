@@ -8,6 +8,7 @@
 
 #include "quelm_chars.h"
 #include "quelm_owned.h"
+#include "quelm_text.h"
 
 namespace quelm::platform {
 namespace {
@@ -53,17 +54,13 @@ bool valid_component_name(std::string_view name) {
 
 bool valid_ipv4(std::string_view text) {
     int parts = 0;
-    while (true) {
-        std::size_t dot = text.find('.');
-        std::string_view part = text.substr(0, dot);
+    bool ok = quelm::split(text, '.', [&](std::string_view part) {
         unsigned value = 0;
         if (part.empty() || part.size() > 3 || (part.size() > 1 && part[0] == '0')) return false;
-        if (!parse_number(part, value) || value > 255) return false;
         ++parts;
-        if (dot == std::string_view::npos) break;
-        text.remove_prefix(dot + 1);
-    }
-    return parts == 4;
+        return parse_number(part, value) && value <= 255;
+    });
+    return ok && parts == 4;
 }
 
 // Instance number of a name component: decimal, 1..kMaxInstanceNumber,
@@ -277,24 +274,22 @@ std::optional<int> Schema::type_of_xml_path(std::string_view xml_path) const {
     if (xml_path.empty() || xml_path.size() > kMaxXmlPathLength) return std::nullopt;
     const SchemaNode *node = root_.get();
     bool at_instance = false;
-    while (true) {
-        std::size_t dot = xml_path.find('.');
-        std::string_view part = xml_path.substr(0, dot);
+    bool found = quelm::split(xml_path, '.', [&](std::string_view part) {
         if (part == "{i}") {
-            if (node == root_.get() || !node->is_collection() || at_instance) return std::nullopt;
+            if (node == root_.get() || !node->is_collection() || at_instance) return false;
             at_instance = true;
-        } else {
-            if (node->is_collection() && !at_instance) return std::nullopt;
-            const SchemaNode *next = nullptr;
-            for (const auto &child : node->children)
-                if (child->name == part) next = child.get();
-            if (next == nullptr) return std::nullopt;
-            node = next;
-            at_instance = false;
+            return true;
         }
-        if (dot == std::string_view::npos) break;
-        xml_path.remove_prefix(dot + 1);
-    }
+        if (node->is_collection() && !at_instance) return false;
+        const SchemaNode *next = nullptr;
+        for (const auto &child : node->children)
+            if (child->name == part) next = child.get();
+        if (next == nullptr) return false;
+        node = next;
+        at_instance = false;
+        return true;
+    });
+    if (!found) return std::nullopt;
     return at_instance ? QM_TYPE_NODE : node->type;
 }
 

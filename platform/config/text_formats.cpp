@@ -37,24 +37,23 @@ std::optional<WhereOp> parse_op(std::string_view op) {
 std::optional<std::vector<Assignment>> parse_assignments(std::string_view text, std::string &error) {
     std::vector<Assignment> out;
     std::size_t line_number = 0;
-    while (!text.empty()) {
+    bool parsed = quelm::split(text, '\n', [&](std::string_view line) {
         ++line_number;
-        std::size_t end = text.find('\n');
-        std::string_view line = text.substr(0, end);
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
         if (line.size() > kMaxAssignmentLine) {
             error = "line " + std::to_string(line_number) + ": too long";
-            return std::nullopt;
+            return false;
         }
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        if (line.empty() || line[0] == '#') continue;
+        if (line.empty() || line[0] == '#') return true;
         std::size_t eq = line.find('=');
         if (eq == std::string_view::npos || eq == 0) {
             error = "line " + std::to_string(line_number) + ": expected Name=Value";
-            return std::nullopt;
+            return false;
         }
         out.push_back({std::string(line.substr(0, eq)), std::string(line.substr(eq + 1)), line_number});
-    }
+        return true;
+    });
+    if (!parsed) return std::nullopt;
     return out;
 }
 
