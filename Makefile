@@ -2,26 +2,33 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 PORT ?= 8080
 
-.PHONY: all deps build asan test unit integration run bench clean
+.PHONY: all deps build asan test run bench clean
 
 all: build
 
+# `make run` and `make test` check for the packages (and install what is
+# missing); a plain build asks only before its first configure, so that
+# rebuilding never calls the package tools.
 deps:
 	@scripts/deps.sh
 
-build: deps
+first-deps = $(if $(wildcard $(1)/CMakeCache.txt),,deps)
+
+build: $(call first-deps,build)
 	@cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
 	@cmake --build build -j$(JOBS)
 
-asan: deps
+asan: $(call first-deps,build-asan)
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUELM_SANITIZE=ON >/dev/null
 	@cmake --build build-asan -j$(JOBS)
 
 # Every suite against the release build, then again against the sanitizer build.
-test: build asan
+test: deps
+	@$(MAKE) --no-print-directory build asan
 	@scripts/test.sh build build-asan
 
-run: build
+run: deps
+	@$(MAKE) --no-print-directory build
 	@scripts/run.sh $(PORT)
 
 bench: build

@@ -1,21 +1,24 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds, runs and tests with, and
 # any further packages named as arguments (the benchmarks' tools).
-# Only what is missing is installed; a machine that has everything is left alone.
+# Only what is missing is installed; a machine that has everything is left
+# alone, silently, after one dpkg-query call.
 set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libfcgi-dev libfcgi-bin libssl-dev libexif-dev libiksemel-dev libsqlite3-dev
+  libfcgi-dev libfcgi-bin libssl-dev libiksemel-dev libsqlite3-dev
   libgtest-dev python3-pytest lighttpd curl
   "$@"
 )
 
+# dpkg-query names every package it knows with its status, and complains on
+# stderr about the ones it does not know (those are missing too).
+installed=$(dpkg-query -W -f='${Package} ${Status}\n' "${packages[@]}" 2>/dev/null |
+            awk '$NF == "installed" && $(NF-1) == "ok" { print $1 }' || true)
 missing=()
 for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
-    missing+=("$p")
-  fi
+  grep -qx -- "$p" <<<"$installed" || missing+=("$p")
 done
 
 if [ ${#missing[@]} -eq 0 ]; then

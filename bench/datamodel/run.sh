@@ -22,12 +22,8 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(cd "$here/../.." && pwd)
-build=$(cd "${1:-$top/build}" && pwd)
-bin=$build/bin
-out_dir=$build/bench
-work=$out_dir/datamodel-run
-report=$out_dir/datamodel.txt
+. "$here/../common.sh"
+bench_setup datamodel "${1:-}"
 
 sizes=${BENCH_SIZES:-"10 100 1000"}
 duration=${BENCH_DURATION:-3}
@@ -37,15 +33,11 @@ do_callgrind=${BENCH_CALLGRIND:-1}
 do_wrk=${BENCH_WRK:-1}
 token=abc123
 
-for exe in cgi-ssi qmcfg; do
-  [ -x "$bin/$exe" ] || { echo "bench/datamodel: $bin/$exe is missing (build first)" >&2; exit 2; }
-done
+bench_need_built "build first" cgi-ssi qmcfg
 need=(python3)
 [ "$do_callgrind" = 1 ] && need+=(valgrind)
 [ "$do_wrk" = 1 ] && need+=(lighttpd wrk curl)
-for tool in "${need[@]}"; do
-  command -v "$tool" >/dev/null || { echo "bench/datamodel: $tool is missing (scripts/bench.sh installs it)" >&2; exit 2; }
-done
+bench_need_tools "${need[@]}"
 
 rm -rf "$work"
 mkdir -p "$work"
@@ -115,21 +107,10 @@ instructions() { # root query
     awk '/Collected :/ { print $NF }'
 }
 
-lighttpd_pid=""
-stop_lighttpd() {
-  if [ -n "$lighttpd_pid" ] && kill -0 "$lighttpd_pid" 2>/dev/null; then
-    kill "$lighttpd_pid" 2>/dev/null || true
-    wait "$lighttpd_pid" 2>/dev/null || true
-  fi
-  lighttpd_pid=""
-}
-trap stop_lighttpd EXIT
-
-# Starts lighttpd for root and sets base to its URL. Runs in this shell (not
-# in a command substitution) so that stop_lighttpd knows its pid.
-start_lighttpd() { # root run_dir
+# Starts lighttpd for root and sets base to its URL.
+serve_root() { # root run_dir
   local root=$1 run=$2 port conf
-  port=${BENCH_PORT:-$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')}
+  port=$(bench_port)
   mkdir -p "$run/www"
   conf=$run/lighttpd.conf
   QUELM_LOG_FILE=$run/cgi-ssi.log "$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$run/www" "$run" > "$conf"
@@ -139,17 +120,8 @@ static-file.exclude-extensions += ( ".bfc" )
 fastcgi.server += ( ".bfc" => ( ( "bin-path" => "$bin/bench-fcgi-copy", "socket" => "$run/copy.sock",
                                   "check-local" => "disable", "max-procs" => 1 ) ) )
 CONF
-  lighttpd -D -f "$conf" >"$run/lighttpd.out" 2>&1 &
-  lighttpd_pid=$!
-  for _ in $(seq 1 150); do
-    if curl -s -o /dev/null --max-time 1 "http://127.0.0.1:$port/generic.cgi?${query[none]}"; then
-      base="http://127.0.0.1:$port"
-      return 0
-    fi
-    sleep 0.1
-  done
-  echo "bench/datamodel: lighttpd did not come up" >&2
-  return 1
+  base="http://127.0.0.1:$port"
+  start_lighttpd "$conf" "$run/lighttpd.out" "$base/generic.cgi?${query[none]}"
 }
 
 rps() { # url
@@ -173,7 +145,7 @@ for n in $sizes; do
   if [ "$do_wrk" = 1 ]; then
     mkdir -p "$work/run-$n/www"
     for r in "${reads[@]}"; do answer "$root" "${query[$r]}" > "$work/run-$n/www/$r.bfc"; done
-    start_lighttpd "$root" "$work/run-$n"
+    serve_root "$root" "$work/run-$n"
     for r in "${reads[@]}"; do
       wrk -t1 -c1 -d1s "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
       rate[$r]=$(rps "$base/generic.cgi?${query[$r]}")

@@ -18,12 +18,8 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-top=$(cd "$here/../.." && pwd)
-build=$(cd "${1:-$top/build}" && pwd)
-bin=$build/bin
-out_dir=$build/bench
-work=$out_dir/ssi-run
-report=$out_dir/ssi.txt
+. "$here/../common.sh"
+bench_setup ssi "${1:-}"
 
 duration=${BENCH_DURATION:-3}
 warmup=${BENCH_WARMUP:-1}
@@ -35,12 +31,8 @@ query='lang=en&note=two%20words'
 user_agent='bench-wrk/1'
 accept='text/html'
 
-for tool in lighttpd wrk curl python3; do
-  command -v "$tool" >/dev/null || { echo "bench/ssi: $tool is missing (scripts/bench.sh installs it)" >&2; exit 2; }
-done
-for exe in cgi-ssi qmcfg bench-fcgi-copy; do
-  [ -x "$bin/$exe" ] || { echo "bench/ssi: $bin/$exe is missing (build the target bench-tools)" >&2; exit 2; }
-done
+bench_need_tools lighttpd wrk curl python3
+bench_need_built "build the target bench-tools" cgi-ssi qmcfg bench-fcgi-copy
 
 # ---------------------------------------------------------------- set-up --
 rm -rf "$work"
@@ -65,7 +57,7 @@ sed 's/<!--#/<!-- /g' "$here/page.shtml" > "$docroot/plain.htm"
 page_bytes=$(stat -c %s "$docroot/page.shtml")
 directives=$(grep -o '<!--#echo' "$docroot/page.shtml" | wc -l)
 
-port=${BENCH_PORT:-$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')}
+port=$(bench_port)
 conf=$run/lighttpd.conf
 "$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$docroot" "$run" > "$conf"
 cat >> "$conf" <<CONF
@@ -84,33 +76,8 @@ fastcgi.server += (
 CONF
 lighttpd -tt -f "$conf" >/dev/null
 
-lighttpd_pid=""
-stop_lighttpd() {
-  if [ -n "$lighttpd_pid" ] && kill -0 "$lighttpd_pid" 2>/dev/null; then
-    kill "$lighttpd_pid" 2>/dev/null || true
-    for _ in $(seq 1 50); do
-      kill -0 "$lighttpd_pid" 2>/dev/null || break
-      sleep 0.1
-    done
-    kill -9 "$lighttpd_pid" 2>/dev/null || true
-    wait "$lighttpd_pid" 2>/dev/null || true
-  fi
-  lighttpd_pid=""
-}
-trap stop_lighttpd EXIT
-
-lighttpd -D -f "$conf" >"$run/lighttpd.out" 2>&1 &
-lighttpd_pid=$!
-
 base=http://127.0.0.1:$port
-up=0
-for _ in $(seq 1 150); do
-  if curl -s -o /dev/null --max-time 1 "$base/page.txt"; then up=1; break; fi
-  kill -0 "$lighttpd_pid" 2>/dev/null || break
-  sleep 0.1
-done
-if [ $up = 0 ]; then
-  echo "bench/ssi: lighttpd did not come up on $base" >&2
+if ! start_lighttpd "$conf" "$run/lighttpd.out" "$base/page.txt"; then
   cat "$run/lighttpd.out" "$run/lighttpd-error.log" >&2 2>/dev/null || true
   exit 1
 fi

@@ -20,6 +20,9 @@ constexpr bool is_c_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r');
 constexpr bool is_graphic_ascii(char c) { return c > ' ' && c <= '~'; }
 constexpr bool is_printable_ascii(char c) { return c >= ' ' && c <= '~'; }
 
+// The C0 controls (0-31) and DEL (127).
+constexpr bool is_ascii_control(char c) { return (c >= '\0' && c < ' ') || c == '\x7f'; }
+
 // 0-15 for a hex digit of either case, else -1.
 constexpr int hex_value(char c) {
     if (is_digit(c)) return c - '0';

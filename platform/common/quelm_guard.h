@@ -32,13 +32,10 @@ Result guarded(Result fallback, const char *function, Body &&body) noexcept {
 // For functions without a result.
 template <typename Body>
 void guarded(const char *function, Body &&body) noexcept {
-    try {
+    guarded(0, function, [&] {
         std::forward<Body>(body)();
-    } catch (const std::exception &e) {
-        log::print(LOG_ERR, "%s: %s", function, e.what());
-    } catch (...) {
-        log::print(LOG_ERR, "%s: unexpected failure", function);
-    }
+        return 0;
+    });
 }
 
 }  // namespace quelm

@@ -1,5 +1,6 @@
 #include "quelm_log.h"
 
+#include "quelm_chars.h"
 #include "quelm_root.h"
 
 #include <cstdio>
@@ -12,22 +13,55 @@ namespace quelm::log {
 namespace {
 
 constexpr std::size_t kIdentSize = 64;
+// A message is formatted into kMessageSize bytes, and its escaped form (what
+// is logged) is cut at the same size.
 constexpr std::size_t kMessageSize = 4096;
+// Created readable by the group only: messages name users and objects.
+constexpr mode_t kLogFileMode = 0640;
 
 // openlog keeps the pointer it is given, so the identity lives here.
 char ident_buf[kIdentSize] = "cgi-ssi";
+
+// Copies message into out with every control byte and DEL spelled out
+// ("\n", otherwise "\xHH"), so that text from a request cannot start a line
+// of its own. Line breaks at the end are dropped: one message, one line.
+void escape_controls(const char *message, char (&out)[kMessageSize]) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::size_t len = std::strlen(message);
+    // compat: callers keep message spellings that end in "\n"; it is not part of the line.
+    while (len > 0 && (message[len - 1] == '\n' || message[len - 1] == '\r')) --len;
+    std::size_t used = 0;
+    for (std::size_t i = 0; i < len; ++i) {
+        auto byte = static_cast<unsigned char>(message[i]);
+        char spelled[4] = {static_cast<char>(byte)};
+        std::size_t width = 1;
+        if (byte == '\n') {
+            spelled[0] = '\\';
+            spelled[1] = 'n';
+            width = 2;
+        } else if (is_ascii_control(message[i])) {
+            spelled[0] = '\\';
+            spelled[1] = 'x';
+            spelled[2] = kHex[byte >> 4];
+            spelled[3] = kHex[byte & 0xf];
+            width = 4;
+        }
+        if (used + width >= kMessageSize) break;
+        std::memcpy(out + used, spelled, width);
+        used += width;
+    }
+    out[used] = '\0';
+}
 
 void append_to_file(const char *message) {
     const char *path = quelm::process_env("QUELM_LOG_FILE");
     if (path == nullptr || *path == '\0') return;
     char line[kMessageSize + kIdentSize + 32];
-    std::size_t len = std::strlen(message);
-    while (len > 0 && (message[len - 1] == '\n' || message[len - 1] == '\r')) --len;
-    int n = std::snprintf(line, sizeof line, "%s[%d]: %.*s\n", ident_buf, static_cast<int>(getpid()),
-                          static_cast<int>(len), message);
+    int n = std::snprintf(line, sizeof line, "%s[%d]: %s\n", ident_buf, static_cast<int>(getpid()), message);
     if (n <= 0) return;
     std::size_t total = static_cast<std::size_t>(n) < sizeof line ? static_cast<std::size_t>(n) : sizeof line - 1;
-    int fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    // A link planted at the log's name is not followed.
+    int fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLogFileMode);
     if (fd < 0) return;
     // One write per line: O_APPEND keeps lines of concurrent processes whole.
     ssize_t ignored = ::write(fd, line, total);
@@ -47,8 +81,10 @@ void close() { ::closelog(); }
 void vprint(int priority, const char *format, va_list args) {
     char message[kMessageSize];
     std::vsnprintf(message, sizeof message, format, args);
-    ::syslog(priority, "%s", message);
-    append_to_file(message);
+    char escaped[kMessageSize];
+    escape_controls(message, escaped);
+    ::syslog(priority, "%s", escaped);
+    append_to_file(escaped);
 }
 
 void print(int priority, const char *format, ...) {

@@ -1,6 +1,8 @@
 // The C edge of the configuration library: thin shims over DataModel that
 // keep the process-wide state, the shared error code and the logging
-// switch. No exception crosses this edge.
+// switch. No exception crosses this edge: every entry point that allocates
+// runs through guarded_call; the rest (the error code, the logging switch,
+// freeing, unlocking) cannot throw.
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,7 @@
 #include "library_state.h"
 #include "platform.h"
 #include "qm_config.h"
+#include "quelm_guard.h"
 #include "quelm_log.h"
 #include "quelm_root.h"
 
@@ -46,22 +49,42 @@ int set_error(int code) {
     return code;
 }
 
+// For the getters: no result, and code as the error.
+std::nullptr_t null_with_error(int code) {
+    set_error(code);
+    return nullptr;
+}
+
 // "<object>_<property>" for the two-argument calls; "" when either is null.
 std::string property_name(const char *object, const char *property) {
     if (object == nullptr || property == nullptr || *object == '\0' || *property == '\0') return {};
     return join_name(object, property);
 }
 
-// Runs f and turns an exception (memory exhausted) into fallback, so that
-// none crosses the C edge.
-template <typename F>
-std::invoke_result_t<F> shield(std::invoke_result_t<F> fallback, F &&f) noexcept {
-    try {
-        return f();
-    } catch (...) {
-        set_error(QM_ERR_STORAGE);
-        return fallback;
-    }
+// The C edge policy (quelm::guarded) with the library's error code: a body
+// that throws (memory exhausted) also leaves QM_ERR_STORAGE as the error.
+template <typename Body, typename Result = std::invoke_result_t<Body>>
+Result guarded_call(std::type_identity_t<Result> fallback, const char *function, Body &&body) noexcept {
+    bool finished = false;
+    Result result = quelm::guarded(fallback, function, [&]() -> Result {
+        Result r = body();
+        finished = true;
+        return r;
+    });
+    if (!finished) set_error(QM_ERR_STORAGE);
+    return result;
+}
+
+// A copy of text for a C caller to free; QM_ERR_STORAGE when there is no memory.
+char *copy_result(std::string_view text) {
+    char *out = copy_text(text);
+    if (out == nullptr) set_error(QM_ERR_STORAGE);
+    return out;
+}
+
+// A request the host cannot carry out is recorded in the event log instead.
+int record_request(const char *event, int argument) {
+    return set_error(record_event(kEventLogPath, event, std::to_string(argument)));
 }
 
 // Runs f(model) on the opened state and stores its result as the error.
@@ -237,20 +260,12 @@ bool read_file(const std::string &path, std::string &out) {
 }  // namespace quelm::platform
 
 using quelm::platform::DataModel;
-using quelm::platform::detail::copy_text;
-using quelm::platform::detail::globals;
-using quelm::platform::detail::log_message;
-using quelm::platform::detail::open_state;
-using quelm::platform::detail::property_name;
-using quelm::platform::detail::set_error;
-using quelm::platform::detail::shield;
-using quelm::platform::detail::State;
-using quelm::platform::detail::with_model;
+using namespace quelm::platform::detail;
 
 extern "C" {
 
 int QM_Cfg_Init(int, ...) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         ++globals().refcount;
         int code = 0;
         return open_state(code) != nullptr ? 0 : code;
@@ -278,48 +293,35 @@ int QM_err_set(int code) { return set_error(code); }
 int QM_err_get(void) { return globals().error; }
 
 char *QM_DAT_getobjcount(const char *object) {
-    return shield(nullptr, [&]() -> char * {
-        if (object == nullptr) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
+    return guarded_call(nullptr, __func__, [&]() -> char * {
+        if (object == nullptr) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
         std::string text;
         if (with_model([&](DataModel &m) { return m.count(object, text); }) != 0) return nullptr;
-        char *out = copy_text(text);
-        if (out == nullptr) set_error(QM_ERR_STORAGE);
-        return out;
+        return copy_result(text);
     });
 }
 
 QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
-    return shield(nullptr, [&]() -> QM_DAT_record * {
-        if (object == nullptr) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
+    return guarded_call(nullptr, __func__, [&]() -> QM_DAT_record * {
+        if (object == nullptr) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
         std::vector<quelm::platform::Record> records;
         if (with_model([&](DataModel &m) { return m.records(object, records); }) != 0) return nullptr;
         QM_DAT_record *head = nullptr;
         QM_DAT_record **tail = &head;
         for (const auto &r : records) {
+            // Linked first, so that freeing the list also frees a part-made node.
             auto *node = static_cast<QM_DAT_record *>(std::calloc(1, sizeof(QM_DAT_record)));
+            *tail = node;
             if (node != nullptr) {
                 node->name = copy_text(r.name);
                 node->value = copy_text(r.value);
                 node->type = static_cast<int8_t>(r.type);
+                tail = &node->next;
             }
             if (node == nullptr || node->name == nullptr || node->value == nullptr) {
-                if (node != nullptr) {
-                    std::free(node->name);
-                    std::free(node->value);
-                    std::free(node);
-                }
                 QM_DAT_freedata(&head);
-                set_error(QM_ERR_STORAGE);
-                return nullptr;
+                return null_with_error(QM_ERR_STORAGE);
             }
-            *tail = node;
-            tail = &node->next;
         }
         return head;
     });
@@ -339,18 +341,12 @@ void QM_DAT_freedata(QM_DAT_record **records) {
 }
 
 char *QM_DAT_getobjproperty(const char *object, const char *property) {
-    return shield(nullptr, [&]() -> char * {
+    return guarded_call(nullptr, __func__, [&]() -> char * {
         std::string name = property_name(object, property);
-        if (name.empty()) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
+        if (name.empty()) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
         int code = 0;
         State *state = open_state(code);
-        if (state == nullptr) {
-            set_error(code);
-            return nullptr;
-        }
+        if (state == nullptr) return null_with_error(code);
         std::string value;
         if (const State::CachedValue *hit = state->cached(name)) {
             code = hit->code;
@@ -362,14 +358,12 @@ char *QM_DAT_getobjproperty(const char *object, const char *property) {
             if (code != QM_ERR_STORAGE) state->remember(name, code, value);
         }
         if (set_error(code) != 0) return nullptr;
-        char *out = copy_text(value);
-        if (out == nullptr) set_error(QM_ERR_STORAGE);
-        return out;
+        return copy_result(value);
     });
 }
 
 int QM_DAT_setobjproperty(const char *object, const char *property, const char *value, int store_only) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         std::string name = property_name(object, property);
         if (name.empty()) return set_error(QM_ERR_UNKNOWN_OBJECT);
         if (value == nullptr) return set_error(QM_ERR_BAD_VALUE);
@@ -384,47 +378,40 @@ int QM_DAT_setobjproperty(const char *object, const char *property, const char *
 }
 
 int QM_DAT_createobject(const char *object, int) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         return with_model([&](DataModel &m) { return m.create(object); });
     });
 }
 
 int QM_DAT_deleteobject(const char *object, int) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         return with_model([&](DataModel &m) { return m.remove(object); });
     });
 }
 
 int QM_DAT_resetobjdata(const char *object, int flag) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (object == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         return with_model([&](DataModel &m) { return m.reset(object, flag != 0); });
     });
 }
 
 char *QM_DAT_objname2xmlpath(const char *object) {
-    return shield(nullptr, [&]() -> char * {
+    return guarded_call(nullptr, __func__, [&]() -> char * {
         int code = 0;
         State *state = object != nullptr ? open_state(code, false) : nullptr;
-        if (state == nullptr) {
-            set_error(object == nullptr ? QM_ERR_UNKNOWN_OBJECT : code);
-            return nullptr;
-        }
+        if (state == nullptr) return null_with_error(object == nullptr ? QM_ERR_UNKNOWN_OBJECT : code);
         auto target = state->schema->resolve(object);
-        if (!target) {
-            set_error(QM_ERR_UNKNOWN_OBJECT);
-            return nullptr;
-        }
-        char *out = copy_text(target->xml_path);
-        set_error(out != nullptr ? QM_ERR_NONE : QM_ERR_STORAGE);
-        return out;
+        if (!target) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
+        set_error(QM_ERR_NONE);
+        return copy_result(target->xml_path);
     });
 }
 
 int QM_XML_gettype(const char *xmlpath, int32_t *type) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         if (xmlpath == nullptr || type == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
         int code = 0;
         State *state = open_state(code, false);
@@ -437,7 +424,7 @@ int QM_XML_gettype(const char *xmlpath, int32_t *type) {
 }
 
 int QM_FILE_lock(void) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         int code = 0;
         State *state = open_state(code, false);
         if (state == nullptr) return set_error(code);
@@ -462,37 +449,34 @@ int QM_FILE_unlock(void) {
 }
 
 int QM_FILE_commit(int) {
-    return shield(QM_ERR_STORAGE, [&] { return with_model([](DataModel &m) { return m.commit(); }); });
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] { return with_model([](DataModel &m) { return m.commit(); }); });
 }
 
 int QM_FILE_revert(void) {
-    return shield(QM_ERR_STORAGE, [&] { return with_model([](DataModel &m) { return m.revert(); }); });
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] { return with_model([](DataModel &m) { return m.revert(); }); });
 }
 
 int QM_FILE_factory(int option) {
-    return shield(QM_ERR_STORAGE, [&] {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         std::string message;
         int code = with_model([&](DataModel &m) { return m.factory(message); });
         if (code != QM_ERR_NONE) {
             log_message(LOG_ERR, "configuration library: factory defaults not restored: %s", message.c_str());
             return code;
         }
-        return set_error(
-            quelm::platform::record_event(quelm::platform::kEventLogPath, "factory", std::to_string(option)));
+        return record_request("factory", option);
     });
 }
 
 int QM_SYS_reboot(int delay) {
-    return shield(QM_ERR_STORAGE, [&] {
-        return set_error(
-            quelm::platform::record_event(quelm::platform::kEventLogPath, "reboot", std::to_string(delay)));
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
+        return record_request("reboot", delay);
     });
 }
 
 int QM_STATUS_set(int status) {
-    return shield(QM_ERR_STORAGE, [&] {
-        return set_error(
-            quelm::platform::record_event(quelm::platform::kEventLogPath, "status", std::to_string(status)));
+    return guarded_call(QM_ERR_STORAGE, __func__, [&] {
+        return record_request("status", status);
     });
 }
 

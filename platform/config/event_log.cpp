@@ -6,8 +6,8 @@
 #include <fcntl.h>
 
 #include "qm_config.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
-#include "unique_fd.h"
 
 namespace quelm::platform {
 

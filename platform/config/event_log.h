@@ -4,14 +4,12 @@
 // the gateway root, so that tests and developers can see it.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
-namespace quelm::platform {
+#include "platform.h"  // the two logs: kEventLogPath, kApplyLogPath
 
-// reboot, factory and status requests.
-inline constexpr std::string_view kEventLogPath = "/var/quelm/platform/events.log";
-// Property changes handed to the services ("apply <name>").
-inline constexpr std::string_view kApplyLogPath = "/var/quelm/platform/apply.log";
+namespace quelm::platform {
 
 constexpr std::size_t kMaxEventLine = 512;
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "unique_fd.h"
+#include "quelm_owned.h"
 
 namespace quelm::platform {
 

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "unique_fd.h"
+#include "quelm_owned.h"
 
 namespace quelm::platform {
 

@@ -45,6 +45,12 @@ int DataModel::instance_exists(Rows &rows, const Resolved &target, bool &exists)
     return QM_ERR_NONE;
 }
 
+int DataModel::require_instance(Rows &rows, const Resolved &target) {
+    bool exists = false;
+    if (int rc = instance_exists(rows, target, exists)) return rc;
+    return exists ? QM_ERR_NONE : QM_ERR_NOTHING;
+}
+
 int DataModel::exists(std::string_view object, bool &exists) {
     exists = false;
     auto target = schema_.resolve(object);
@@ -70,9 +76,7 @@ int DataModel::set(std::string_view property, std::string_view value, bool &chan
     Rows rows(db_, Table::Running);
     Transaction tx(db_);
     if (!tx.ok()) return QM_ERR_STORAGE;
-    bool exists = false;
-    if (int rc = instance_exists(rows, *target, exists)) return rc;
-    if (!exists) return QM_ERR_NOTHING;
+    if (int rc = require_instance(rows, *target)) return rc;
     RowState state;
     std::string old;
     if (!rows.find(target->key, state, &old)) return QM_ERR_STORAGE;
@@ -92,9 +96,7 @@ int DataModel::count(std::string_view object, std::string &text) {
     auto target = schema_.resolve(object);
     if (!target || !target->is_collection()) return QM_ERR_UNKNOWN_OBJECT;
     Rows rows(db_, Table::Running);
-    bool exists = false;
-    if (int rc = instance_exists(rows, *target, exists)) return rc;
-    if (!exists) return QM_ERR_NOTHING;
+    if (int rc = require_instance(rows, *target)) return rc;
     std::vector<std::uint32_t> numbers;
     if (!rows.instances(target->key, numbers)) return QM_ERR_STORAGE;
     text.clear();
@@ -179,7 +181,10 @@ int DataModel::all_records(std::vector<Record> &out) {
     return QM_ERR_NONE;
 }
 
-int DataModel::create(std::string_view object) {
+// Arrays grow and shrink at their end only; a new instance needs the
+// instance it is created in.
+int DataModel::change_instance(std::string_view object, InstanceChange change) {
+    const bool creating = change == InstanceChange::Create;
     auto target = schema_.resolve(object);
     if (!target) return QM_ERR_UNKNOWN_OBJECT;
     if (!target->at_instance) return QM_ERR_NOT_INSTANCE;
@@ -188,40 +193,26 @@ int DataModel::create(std::string_view object) {
     Transaction tx(db_);
     if (!tx.ok()) return QM_ERR_STORAGE;
     RowState state;
-    if (target->instances.size() > 1) {
+    if (creating && target->instances.size() > 1) {
         if (!rows.find(target->instances[target->instances.size() - 2].key, state, nullptr)) return QM_ERR_STORAGE;
         if (state != RowState::Instance) return QM_ERR_NOTHING;
     }
     if (!rows.find(self.key, state, nullptr)) return QM_ERR_STORAGE;
-    if (state != RowState::Absent) return QM_ERR_EXISTS;
+    if (creating && state != RowState::Absent) return QM_ERR_EXISTS;
+    if (!creating && state != RowState::Instance) return QM_ERR_NOTHING;
     if (self.collection->type == QM_TYPE_ARRAY) {
         std::vector<std::uint32_t> numbers;
         if (!rows.instances(parent_key(self.key), numbers)) return QM_ERR_STORAGE;
-        if (self.number != numbers.size() + 1) return QM_ERR_NOT_INSTANCE;
+        if (self.number != numbers.size() + (creating ? 1 : 0)) return QM_ERR_NOT_INSTANCE;
     }
-    if (!create_instance(rows, *self.collection, self.key, self.name) || !tx.commit()) return QM_ERR_STORAGE;
+    bool done = creating ? create_instance(rows, *self.collection, self.key, self.name) : rows.erase_prefix(self.key);
+    if (!done || !tx.commit()) return QM_ERR_STORAGE;
     return QM_ERR_NONE;
 }
 
-int DataModel::remove(std::string_view object) {
-    auto target = schema_.resolve(object);
-    if (!target) return QM_ERR_UNKNOWN_OBJECT;
-    if (!target->at_instance) return QM_ERR_NOT_INSTANCE;
-    const InstanceRef &self = target->instances.back();
-    Rows rows(db_, Table::Running);
-    Transaction tx(db_);
-    if (!tx.ok()) return QM_ERR_STORAGE;
-    RowState state;
-    if (!rows.find(self.key, state, nullptr)) return QM_ERR_STORAGE;
-    if (state != RowState::Instance) return QM_ERR_NOTHING;
-    if (self.collection->type == QM_TYPE_ARRAY) {
-        std::vector<std::uint32_t> numbers;
-        if (!rows.instances(parent_key(self.key), numbers)) return QM_ERR_STORAGE;
-        if (self.number != numbers.size()) return QM_ERR_NOT_INSTANCE;
-    }
-    if (!rows.erase_prefix(self.key) || !tx.commit()) return QM_ERR_STORAGE;
-    return QM_ERR_NONE;
-}
+int DataModel::create(std::string_view object) { return change_instance(object, InstanceChange::Create); }
+
+int DataModel::remove(std::string_view object) { return change_instance(object, InstanceChange::Remove); }
 
 std::string DataModel::factory_value(const std::string &name, const SchemaNode &leaf) const {
     auto it = factory_.values.find(name);
@@ -236,9 +227,7 @@ int DataModel::reset(std::string_view object, bool deep) {
     Rows rows(db_, Table::Running);
     Transaction tx(db_);
     if (!tx.ok()) return QM_ERR_STORAGE;
-    bool exists = false;
-    if (int rc = instance_exists(rows, *target, exists)) return rc;
-    if (!exists) return QM_ERR_NOTHING;
+    if (int rc = require_instance(rows, *target)) return rc;
     std::vector<Row> found;
     if (target->is_property()) {
         found.push_back({target->key, target->name, std::string()});

@@ -61,11 +61,15 @@ public:
     int load(const std::vector<Assignment> &assignments, std::string &error);
 
 private:
+    enum class InstanceChange { Create, Remove };
+    int change_instance(std::string_view object, InstanceChange change);
     bool fill_members(Rows &rows, const SchemaNode &container, const std::string &key, const std::string &name);
     bool create_instance(Rows &rows, const SchemaNode &collection, const std::string &key, const std::string &name);
     int ensure_instances(Rows &rows, const Resolved &target);
     int apply(Rows &rows, const std::vector<Assignment> &assignments, std::string &error);
     int instance_exists(Rows &rows, const Resolved &target, bool &exists);
+    // QM_ERR_NOTHING when the instance the target lies in does not exist.
+    int require_instance(Rows &rows, const Resolved &target);
     std::string factory_value(const std::string &name, const SchemaNode &leaf) const;
     bool to_records(const std::vector<Row> &rows, std::vector<Record> &out) const;
     int filtered_records(std::string_view object, std::size_t star, std::vector<Record> &out);

@@ -25,6 +25,10 @@ inline constexpr std::string_view kDatabaseFile = "/var/quelm/config/config.db";
 // Change counter of the database (see generation.h).
 inline constexpr std::string_view kGenerationFile = "/var/quelm/config/generation";
 inline constexpr std::string_view kLockFile = "/var/quelm/config/config.lock";
+// reboot, factory and status requests (see event_log.h).
+inline constexpr std::string_view kEventLogPath = "/var/quelm/platform/events.log";
+// Property changes handed to the services ("apply <name>").
+inline constexpr std::string_view kApplyLogPath = "/var/quelm/platform/apply.log";
 
 // Directories a gateway root needs.
 inline constexpr std::string_view kRootDirectories[] = {

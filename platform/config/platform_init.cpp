@@ -13,8 +13,8 @@
 #include "library_state.h"
 #include "platform.h"
 #include "qm_config.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
-#include "unique_fd.h"
 
 #ifndef QUELM_DATA_DIR
 #error "QUELM_DATA_DIR must name the folder of schema.xml and factory.conf"

@@ -6,13 +6,14 @@
 
 #include <iksemel.h>
 
+#include "quelm_chars.h"
+#include "quelm_owned.h"
+#include "quelm_text.h"
+
 namespace quelm::platform {
 namespace {
 
-struct IksDeleter {
-    void operator()(iks *x) const { iks_delete(x); }
-};
-using IksDocument = std::unique_ptr<iks, IksDeleter>;
+using IksDocument = std::unique_ptr<iks, quelm::CDeleter<iks_delete>>;
 
 bool is_leaf_code(int code) {
     switch (code) {
@@ -44,28 +45,22 @@ bool parse_number(std::string_view text, T &out) {
 
 bool valid_component_name(std::string_view name) {
     if (name.empty() || name.size() > kMaxComponentNameLength) return false;
-    if (!((name[0] >= 'A' && name[0] <= 'Z') || (name[0] >= 'a' && name[0] <= 'z'))) return false;
-    for (char c : name) {
-        bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
-        if (!ok) return false;
-    }
+    if (!is_ascii_alpha(name[0])) return false;
+    for (char c : name)
+        if (!is_ascii_alnum(c) && c != '_') return false;
     // A trailing "_" or "__" would make names ambiguous.
     return name.back() != '_' && name.find("__") == std::string_view::npos;
 }
 
 bool valid_ipv4(std::string_view text) {
     int parts = 0;
-    while (true) {
-        std::size_t dot = text.find('.');
-        std::string_view part = text.substr(0, dot);
+    bool ok = quelm::split(text, '.', [&](std::string_view part) {
         unsigned value = 0;
         if (part.empty() || part.size() > 3 || (part.size() > 1 && part[0] == '0')) return false;
-        if (!parse_number(part, value) || value > 255) return false;
         ++parts;
-        if (dot == std::string_view::npos) break;
-        text.remove_prefix(dot + 1);
-    }
-    return parts == 4;
+        return parse_number(part, value) && value <= 255;
+    });
+    return ok && parts == 4;
 }
 
 // Instance number of a name component: decimal, 1..kMaxInstanceNumber,
@@ -73,7 +68,7 @@ bool valid_ipv4(std::string_view text) {
 std::optional<std::uint32_t> parse_instance(std::string_view text) {
     if (text.empty() || text[0] == '0') return std::nullopt;
     for (char c : text)
-        if (c < '0' || c > '9') return std::nullopt;
+        if (!is_digit(c)) return std::nullopt;
     std::uint32_t value = 0;
     if (!parse_number(text, value) || value > kMaxInstanceNumber) return std::nullopt;
     return value;
@@ -191,7 +186,7 @@ int validate_value(const SchemaNode &leaf, std::string_view value) {
         } else {
             std::uint32_t n = 0;
             // from_chars would take no "-", but "+" is refused as well.
-            if (value.empty() || value[0] < '0' || value[0] > '9' || !parse_number(value, n)) return QM_ERR_BAD_VALUE;
+            if (value.empty() || !is_digit(value[0]) || !parse_number(value, n)) return QM_ERR_BAD_VALUE;
             number = n;
         }
         if (leaf.min && number < *leaf.min) return QM_ERR_BAD_VALUE;
@@ -279,24 +274,22 @@ std::optional<int> Schema::type_of_xml_path(std::string_view xml_path) const {
     if (xml_path.empty() || xml_path.size() > kMaxXmlPathLength) return std::nullopt;
     const SchemaNode *node = root_.get();
     bool at_instance = false;
-    while (true) {
-        std::size_t dot = xml_path.find('.');
-        std::string_view part = xml_path.substr(0, dot);
+    bool found = quelm::split(xml_path, '.', [&](std::string_view part) {
         if (part == "{i}") {
-            if (node == root_.get() || !node->is_collection() || at_instance) return std::nullopt;
+            if (node == root_.get() || !node->is_collection() || at_instance) return false;
             at_instance = true;
-        } else {
-            if (node->is_collection() && !at_instance) return std::nullopt;
-            const SchemaNode *next = nullptr;
-            for (const auto &child : node->children)
-                if (child->name == part) next = child.get();
-            if (next == nullptr) return std::nullopt;
-            node = next;
-            at_instance = false;
+            return true;
         }
-        if (dot == std::string_view::npos) break;
-        xml_path.remove_prefix(dot + 1);
-    }
+        if (node->is_collection() && !at_instance) return false;
+        const SchemaNode *next = nullptr;
+        for (const auto &child : node->children)
+            if (child->name == part) next = child.get();
+        if (next == nullptr) return false;
+        node = next;
+        at_instance = false;
+        return true;
+    });
+    if (!found) return std::nullopt;
     return at_instance ? QM_TYPE_NODE : node->type;
 }
 

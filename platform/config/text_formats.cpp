@@ -2,12 +2,13 @@
 
 #include <charconv>
 
+#include "quelm_chars.h"
+#include "quelm_text.h"
+
 namespace quelm::platform {
 namespace {
 
-bool is_field_char(char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
-}
+bool is_field_char(char c) { return is_ascii_alnum(c) || c == '_' || c == '-'; }
 
 // Leading decimal of a text (optional sign), 0 when there is none: the
 // comparison of the path language reads numbers the same way.
@@ -36,24 +37,23 @@ std::optional<WhereOp> parse_op(std::string_view op) {
 std::optional<std::vector<Assignment>> parse_assignments(std::string_view text, std::string &error) {
     std::vector<Assignment> out;
     std::size_t line_number = 0;
-    while (!text.empty()) {
+    bool parsed = quelm::split(text, '\n', [&](std::string_view line) {
         ++line_number;
-        std::size_t end = text.find('\n');
-        std::string_view line = text.substr(0, end);
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
         if (line.size() > kMaxAssignmentLine) {
             error = "line " + std::to_string(line_number) + ": too long";
-            return std::nullopt;
+            return false;
         }
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-        if (line.empty() || line[0] == '#') continue;
+        if (line.empty() || line[0] == '#') return true;
         std::size_t eq = line.find('=');
         if (eq == std::string_view::npos || eq == 0) {
             error = "line " + std::to_string(line_number) + ": expected Name=Value";
-            return std::nullopt;
+            return false;
         }
         out.push_back({std::string(line.substr(0, eq)), std::string(line.substr(eq + 1)), line_number});
-    }
+        return true;
+    });
+    if (!parsed) return std::nullopt;
     return out;
 }
 
@@ -86,15 +86,9 @@ bool where_holds(const WhereClause &clause, const std::string *value) {
     case WhereOp::LessEqual: return leading_number(*value) <= leading_number(clause.value);
     case WhereOp::Greater: return leading_number(*value) > leading_number(clause.value);
     case WhereOp::GreaterEqual: return leading_number(*value) >= leading_number(clause.value);
-    case WhereOp::InList: {
-        std::string_view items = *value;
-        while (true) {
-            std::size_t comma = items.find(',');
-            if (items.substr(0, comma) == clause.value) return true;
-            if (comma == std::string_view::npos) return false;
-            items.remove_prefix(comma + 1);
-        }
-    }
+    case WhereOp::InList:
+        // split stops (false) at the first item that matches.
+        return !quelm::split(*value, ',', [&](std::string_view item) { return item != clause.value; });
     }
     return false;
 }

@@ -9,14 +9,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <unistd.h>
 
-#include "../config/platform.h"
+#include "platform.h"
 #include "qm_config.h"
+#include "quelm_owned.h"
 
 namespace {
 
@@ -37,11 +39,6 @@ constexpr const char *kUsage =
     "  load FILE                 apply Name=Value lines (\"-\": standard input), all or nothing\n"
     "  commit | revert | factory save, restore saved, restore factory defaults\n"
     "  -n: leave changes in the running configuration without saving them\n";
-
-struct FreeDeleter {
-    void operator()(char *p) const { std::free(p); }
-};
-using Text = std::unique_ptr<char, FreeDeleter>;
 
 const char *error_text(int code) {
     switch (code) {
@@ -101,13 +98,90 @@ bool read_input(const char *path, std::string &out) {
     return std::ferror(stdin) == 0;
 }
 
-int run(const std::vector<std::string_view> &args, bool save) {
+std::string arg_text(const std::vector<std::string_view> &args, std::size_t i) { return std::string(args[i]); }
+
+// get, type, count and dump: print what they read. Nothing for another command.
+std::optional<int> run_read(const std::vector<std::string_view> &args) {
     std::string_view cmd = args[0];
     std::size_t n = args.size() - 1;
-    auto arg = [&](std::size_t i) { return std::string(args[i]); };
+    auto arg = [&](std::size_t i) { return arg_text(args, i); };
+    auto print = [](const char *what, quelm::MallocString text) {
+        if (!text) return fail(what, QM_err_get());
+        std::printf("%s\n", text.get());
+        return 0;
+    };
+    if (cmd == "get") {
+        if (n != 2) return usage();
+        return print("get", quelm::MallocString(QM_DAT_getobjproperty(arg(1).c_str(), arg(2).c_str())));
+    }
+    if (cmd == "type") {
+        if (n != 1) return usage();
+        quelm::MallocString path(QM_DAT_objname2xmlpath(arg(1).c_str()));
+        int32_t type = 0;
+        if (!path) return fail("type", QM_err_get());
+        if (int rc = QM_XML_gettype(path.get(), &type)) return fail("type", rc);
+        std::printf("%d\n", static_cast<int>(type));
+        return 0;
+    }
+    if (cmd == "count") {
+        if (n != 1) return usage();
+        return print("count", quelm::MallocString(QM_DAT_getobjcount(arg(1).c_str())));
+    }
+    if (cmd == "dump") {
+        if (n > 1) return usage();
+        std::string out;
+        if (int rc = quelm::platform::dump_text(n == 1 ? args[1] : std::string_view(), out)) return fail("dump", rc);
+        std::fwrite(out.data(), 1, out.size(), stdout);
+        return 0;
+    }
+    return std::nullopt;
+}
 
+// The commands that change the configuration.
+int run_change(const std::vector<std::string_view> &args, bool save) {
+    std::string_view cmd = args[0];
+    std::size_t n = args.size() - 1;
+    auto arg = [&](std::size_t i) { return arg_text(args, i); };
+    if (cmd == "set") {
+        if (n != 3) return usage();
+        return change("set", save,
+                      [&] { return QM_DAT_setobjproperty(arg(1).c_str(), arg(2).c_str(), arg(3).c_str(), 0); });
+    }
+    if (cmd == "create" || cmd == "delete") {
+        if (n != 1) return usage();
+        bool create = cmd == "create";
+        return change(create ? "create" : "delete", save, [&] {
+            return create ? QM_DAT_createobject(arg(1).c_str(), 0) : QM_DAT_deleteobject(arg(1).c_str(), 0);
+        });
+    }
+    if (cmd == "reset") {
+        if (n != 1 && n != 2) return usage();
+        if (n == 2 && args[2] != "0" && args[2] != "1") return usage();
+        int deep = n == 2 && args[2] == "1";
+        return change("reset", save, [&] { return QM_DAT_resetobjdata(arg(1).c_str(), deep); });
+    }
+    if (cmd == "load") {
+        if (n != 1) return usage();
+        std::string text;
+        if (!read_input(args[1].data(), text)) {
+            std::fprintf(stderr, "qmcfg: load: cannot read %s\n", args[1].data());
+            return kExitFailure;
+        }
+        std::string message;
+        int rc = change("load", save, [&] { return quelm::platform::load_text(text, message); });
+        if (rc != 0 && !message.empty()) std::fprintf(stderr, "qmcfg: load: %s\n", message.c_str());
+        return rc;
+    }
+    if (n != 0) return usage();
+    if (cmd == "commit") return change("commit", false, [] { return QM_FILE_commit(0); });
+    if (cmd == "revert") return change("revert", false, [] { return QM_FILE_revert(); });
+    return change("factory", false, [] { return QM_FILE_factory(2); });
+}
+
+int run(const std::vector<std::string_view> &args, bool save) {
+    std::string_view cmd = args[0];
     if (cmd == "init") {
-        if (n != 0) return usage();
+        if (args.size() != 1) return usage();
         std::string message;
         if (quelm::platform::init_root(message) != 0) {
             std::fprintf(stderr, "qmcfg: init: %s\n", message.c_str());
@@ -127,71 +201,8 @@ int run(const std::vector<std::string_view> &args, bool save) {
 
     Library library;
     if (library.code() != 0) return fail("cannot open the configuration", library.code());
-
-    if (cmd == "get") {
-        if (n != 2) return usage();
-        Text value(QM_DAT_getobjproperty(arg(1).c_str(), arg(2).c_str()));
-        if (!value) return fail("get", QM_err_get());
-        std::printf("%s\n", value.get());
-        return 0;
-    }
-    if (cmd == "set") {
-        if (n != 3) return usage();
-        return change("set", save,
-                      [&] { return QM_DAT_setobjproperty(arg(1).c_str(), arg(2).c_str(), arg(3).c_str(), 0); });
-    }
-    if (cmd == "type") {
-        if (n != 1) return usage();
-        Text path(QM_DAT_objname2xmlpath(arg(1).c_str()));
-        int32_t type = 0;
-        if (!path) return fail("type", QM_err_get());
-        if (int rc = QM_XML_gettype(path.get(), &type)) return fail("type", rc);
-        std::printf("%d\n", static_cast<int>(type));
-        return 0;
-    }
-    if (cmd == "count") {
-        if (n != 1) return usage();
-        Text count(QM_DAT_getobjcount(arg(1).c_str()));
-        if (!count) return fail("count", QM_err_get());
-        std::printf("%s\n", count.get());
-        return 0;
-    }
-    if (cmd == "create" || cmd == "delete") {
-        if (n != 1) return usage();
-        bool create = cmd == "create";
-        return change(create ? "create" : "delete", save, [&] {
-            return create ? QM_DAT_createobject(arg(1).c_str(), 0) : QM_DAT_deleteobject(arg(1).c_str(), 0);
-        });
-    }
-    if (cmd == "reset") {
-        if (n != 1 && n != 2) return usage();
-        if (n == 2 && args[2] != "0" && args[2] != "1") return usage();
-        int deep = n == 2 && args[2] == "1";
-        return change("reset", save, [&] { return QM_DAT_resetobjdata(arg(1).c_str(), deep); });
-    }
-    if (cmd == "dump") {
-        if (n > 1) return usage();
-        std::string out;
-        if (int rc = quelm::platform::dump_text(n == 1 ? args[1] : std::string_view(), out)) return fail("dump", rc);
-        std::fwrite(out.data(), 1, out.size(), stdout);
-        return 0;
-    }
-    if (cmd == "load") {
-        if (n != 1) return usage();
-        std::string text;
-        if (!read_input(args[1].data(), text)) {
-            std::fprintf(stderr, "qmcfg: load: cannot read %s\n", args[1].data());
-            return kExitFailure;
-        }
-        std::string message;
-        int rc = change("load", save, [&] { return quelm::platform::load_text(text, message); });
-        if (rc != 0 && !message.empty()) std::fprintf(stderr, "qmcfg: load: %s\n", message.c_str());
-        return rc;
-    }
-    if (n != 0) return usage();
-    if (cmd == "commit") return change("commit", false, [] { return QM_FILE_commit(0); });
-    if (cmd == "revert") return change("revert", false, [] { return QM_FILE_revert(); });
-    return change("factory", false, [] { return QM_FILE_factory(2); });
+    if (std::optional<int> rc = run_read(args)) return *rc;
+    return run_change(args, save);
 }
 
 }  // namespace

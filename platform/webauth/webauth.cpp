@@ -10,6 +10,9 @@
 #include <string_view>
 
 #include "qm_config.h"
+#include "quelm_guard.h"
+#include "quelm_owned.h"
+#include "quelm_text.h"
 
 namespace quelm::webauth {
 namespace {
@@ -53,10 +56,8 @@ bool equal_constant_time(std::string_view a, std::string_view b) {
     return diff == 0;
 }
 
-struct FreeDeleter {
-    void operator()(char *p) const { std::free(p); }
-};
-using Value = std::unique_ptr<char, FreeDeleter>;
+// A value from the configuration library, which the caller frees.
+using Value = quelm::MallocString;
 
 Value property(const std::string &object, const char *name) {
     return Value(QM_DAT_getobjproperty(object.c_str(), name));
@@ -85,23 +86,26 @@ int check(const Credentials &c, std::string_view realm) {
     if (list == nullptr) return -1;
     std::string_view numbers(list.get(), strnlen(list.get(), kMaxInstanceList));
     int result = -1;
-    while (!numbers.empty() && result < 0) {
-        std::size_t comma = numbers.find(',');
-        std::string object = "User_" + std::string(numbers.substr(0, comma));
-        numbers.remove_prefix(comma == std::string_view::npos ? numbers.size() : comma + 1);
-
+    if (numbers.empty()) return result;
+    // The first user whose name, password and realm match decides.
+    quelm::split(numbers, ',', [&](std::string_view number) {
+        std::string object = "User_" + std::string(number);
         Value username = property(object, "Username");
-        if (username == nullptr || std::string_view(username.get()) != c.username) continue;
-        if (!non_zero(property(object, "Enable")) || !non_zero(property(object, "User"))) continue;
+        if (username == nullptr || std::string_view(username.get()) != c.username) return true;
+        if (!non_zero(property(object, "Enable")) || !non_zero(property(object, "User"))) return true;
         Value password = property(object, "Password");
-        if (password == nullptr || !equal_constant_time(password.get(), c.password)) continue;
-        if (realm.empty()) return 0;
+        if (password == nullptr || !equal_constant_time(password.get(), c.password)) return true;
+        if (realm.empty()) {
+            result = 0;
+            return false;
+        }
         Value services = property(object, "Services");
         std::string_view granted = services != nullptr ? services.get() : "";
-        if (granted.find(realm) == std::string_view::npos) continue;
+        if (granted.find(realm) == std::string_view::npos) return true;
         std::string admin_key = std::string(realm) + "_admin";
         result = granted.find(admin_key) != std::string_view::npos ? 0 : 1;
-    }
+        return false;
+    });
     return result;
 }
 
@@ -130,12 +134,10 @@ int webauth_check_auth(int, int, const char *, const char *authorization, const 
     auto credentials =
         parse_authorization(std::string_view(authorization, strnlen(authorization, WEBAUTH_MAX_AUTHORIZATION + 1)));
     if (!credentials) return -1;
-    try {
+    return quelm::guarded(-1, __func__, [&] {
         LibraryScope scope;
         return check(*credentials, realm != nullptr ? realm : "");
-    } catch (...) {
-        return -1;
-    }
+    });
 }
 
 int webauth_send_http_error_message(int status, const char *reason, char *out, size_t size) {

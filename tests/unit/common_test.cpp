@@ -1,11 +1,20 @@
-// The shared helpers every layer builds on: the child runner, split and hex.
+// The shared helpers every layer builds on: the child runner, split, hex
+// and the guard of the C edge.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "quelm_child.h"
+#include "quelm_guard.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
 
@@ -70,6 +79,27 @@ TEST(Hex, RoundTripsAndRefusesMalformedText) {
     EXPECT_EQ(back, bytes);
     EXPECT_FALSE(quelm::hex_decode("abc", back));
     EXPECT_FALSE(quelm::hex_decode("0g", back));
+}
+
+TEST(Guard, TurnsAnExceptionIntoTheFallbackAndOneLogLine) {
+    const std::filesystem::path log = std::filesystem::temp_directory_path() / "common_test_guard.log";
+    std::filesystem::remove(log);
+    setenv("QUELM_LOG_FILE", log.c_str(), 1);
+    EXPECT_EQ(quelm::guarded(-1, "entry_point", [] { return 7; }), 7);
+    EXPECT_EQ(quelm::guarded(-1, "entry_point", []() -> int { throw std::bad_alloc(); }), -1);
+    bool ran = false;
+    quelm::guarded("no_result", [&] {
+        ran = true;
+        throw std::runtime_error("refused");
+    });
+    EXPECT_TRUE(ran);
+    unsetenv("QUELM_LOG_FILE");
+    std::ifstream in(log);
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    std::filesystem::remove(log);
+    EXPECT_NE(text.find("]: entry_point: std::bad_alloc\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("]: no_result: refused\n"), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
 }
 
 }  // namespace

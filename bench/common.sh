@@ -1,0 +1,71 @@
+# Shared by the benchmarks' run.sh (sourced, not run): the paths of the build
+# under test, checks for the tools and programs a benchmark needs, a free
+# port, and one lighttpd started in the caller's shell and stopped on exit.
+#
+# The caller sets `here` (its own folder), then calls bench_setup with its
+# name and its BUILD_DIR argument.
+
+# Sets bench_name (for messages), top, build, bin, out_dir, and the
+# benchmark's work folder and report file under out_dir.
+bench_setup() { # name [build_dir]
+  bench_name=bench/$1
+  top=$(cd "$here/../.." && pwd)
+  build=$(cd "${2:-$top/build}" && pwd)
+  bin=$build/bin
+  out_dir=$build/bench
+  work=$out_dir/$1-run
+  report=$out_dir/$1.txt
+}
+
+# Exits 2 unless every command is on PATH.
+bench_need_tools() { # tool...
+  local tool
+  for tool in "$@"; do
+    command -v "$tool" >/dev/null ||
+      { echo "$bench_name: $tool is missing (scripts/bench.sh installs it)" >&2; exit 2; }
+  done
+}
+
+# Exits 2 unless every program is built; hint says how to build it.
+bench_need_built() { # hint exe...
+  local hint=$1 exe
+  shift
+  for exe in "$@"; do
+    [ -x "$bin/$exe" ] || { echo "$bench_name: $bin/$exe is missing ($hint)" >&2; exit 2; }
+  done
+}
+
+# BENCH_PORT, or a port that is free now.
+bench_port() {
+  echo "${BENCH_PORT:-$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')}"
+}
+
+lighttpd_pid=""
+stop_lighttpd() {
+  if [ -n "$lighttpd_pid" ] && kill -0 "$lighttpd_pid" 2>/dev/null; then
+    kill "$lighttpd_pid" 2>/dev/null || true
+    for _ in $(seq 1 50); do
+      kill -0 "$lighttpd_pid" 2>/dev/null || break
+      sleep 0.1
+    done
+    kill -9 "$lighttpd_pid" 2>/dev/null || true
+    wait "$lighttpd_pid" 2>/dev/null || true
+  fi
+  lighttpd_pid=""
+}
+trap stop_lighttpd EXIT
+
+# Starts lighttpd in the foreground mode as a child of this shell (not in a
+# command substitution, so that stop_lighttpd knows its pid) and waits up to
+# 15 s until url answers. Returns 1 if it does not.
+start_lighttpd() { # conf output_file url
+  lighttpd -D -f "$1" >"$2" 2>&1 &
+  lighttpd_pid=$!
+  for _ in $(seq 1 150); do
+    curl -s -o /dev/null --max-time 1 "$3" && return 0
+    kill -0 "$lighttpd_pid" 2>/dev/null || break
+    sleep 0.1
+  done
+  echo "$bench_name: lighttpd did not come up for $3" >&2
+  return 1
+}
