@@ -11,6 +11,7 @@
 
 #include "qm_config.h"
 #include "quelm_guard.h"
+#include "quelm_html.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
 
@@ -21,7 +22,6 @@ constexpr std::string_view kAuthPrefix = "Embedded username=\"";
 constexpr std::string_view kAuthMiddle = "\" password=\"";
 constexpr std::size_t kMaxInstanceList = 8192;  // "1,2,..." of the User list
 constexpr std::size_t kMaxReason = 128;
-constexpr std::size_t kMaxEscapedReason = kMaxReason * 6;
 
 struct Credentials {
     std::string_view username;
@@ -141,40 +141,27 @@ int webauth_check_auth(int, int, const char *, const char *authorization, const 
 }
 
 int webauth_send_http_error_message(int status, const char *reason, char *out, size_t size) {
-    using namespace quelm::webauth;
-    if (out == nullptr || size == 0) return -1;
-    out[0] = '\0';
-    if (status < 100 || status > 599) return -1;
-    // The reason goes into a header line: no line breaks, bounded.
-    char header_reason[kMaxReason];
-    std::snprintf(header_reason, sizeof header_reason, "%s", reason != nullptr ? reason : standard_reason(status));
-    for (char *p = header_reason; *p != '\0'; ++p)
-        if (*p == '\r' || *p == '\n') *p = ' ';
-    char body_reason[kMaxEscapedReason + 1];
-    std::size_t used = 0;
-    for (const char *p = header_reason; *p != '\0'; ++p) {
-        const char *piece = nullptr;
-        switch (*p) {
-        case '<': piece = "&lt;"; break;
-        case '>': piece = "&gt;"; break;
-        case '&': piece = "&amp;"; break;
-        case '"': piece = "&quot;"; break;
-        default: break;
-        }
-        std::string_view add = piece != nullptr ? std::string_view(piece) : std::string_view(p, 1);
-        std::memcpy(body_reason + used, add.data(), add.size());
-        used += add.size();
-    }
-    body_reason[used] = '\0';
-    int n = std::snprintf(out, size,
-                          "Status: %d %s\r\nContent-Type: text/html\r\n\r\n"
-                          "<HTML><HEAD><TITLE>%d %s</TITLE></HEAD><BODY><H1>%d %s</H1></BODY></HTML>\n",
-                          status, header_reason, status, body_reason, status, body_reason);
-    if (n < 0 || static_cast<std::size_t>(n) >= size) {
+    return quelm::guarded(-1, __func__, [&] {
+        using namespace quelm::webauth;
+        if (out == nullptr || size == 0) return -1;
         out[0] = '\0';
-        return -1;
-    }
-    return n;
+        if (status < 100 || status > 599) return -1;
+        // The reason goes into a header line: no line breaks, bounded.
+        char header_reason[kMaxReason];
+        std::snprintf(header_reason, sizeof header_reason, "%s", reason != nullptr ? reason : standard_reason(status));
+        for (char *p = header_reason; *p != '\0'; ++p)
+            if (*p == '\r' || *p == '\n') *p = ' ';
+        const std::string body_reason = quelm::html_escape(header_reason);
+        int n = std::snprintf(out, size,
+                              "Status: %d %s\r\nContent-Type: text/html\r\n\r\n"
+                              "<HTML><HEAD><TITLE>%d %s</TITLE></HEAD><BODY><H1>%d %s</H1></BODY></HTML>\n",
+                              status, header_reason, status, body_reason.c_str(), status, body_reason.c_str());
+        if (n < 0 || static_cast<std::size_t>(n) >= size) {
+            out[0] = '\0';
+            return -1;
+        }
+        return n;
+    });
 }
 
 }  // extern "C"
