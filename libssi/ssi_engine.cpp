@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "cgi_output.h"
+#include "cgic.h"
 #include "core/handlers.h"
 #include "libssi/ssi_internal.h"
 #include "libssi/ssi_symbols.h"
@@ -579,9 +580,7 @@ int serve_page() {
     }
 
     const char *type = mime_type(file_name);
-    if (const char *language = std::getenv("HTTP_ACCEPT_LANGUAGE")) {
-        cgi_out_printf("CONTENT-LANGUAGE: %s\r\n", language);
-    }
+    cgiHeaderContentLanguage();
     cgi_out_printf("Content-type: %s\r\n\r\n", type);
 
     read_file_ex(path_info, file_name, fd.get());

@@ -25,7 +25,10 @@
 #include "cgic.h"
 #include "qm_config.h"
 #include "qm_token.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
+#include "quelm_text.h"
+#include "session/token_name.h"
 
 extern "C" {
 char *last_token_name = nullptr;
@@ -53,28 +56,10 @@ constexpr const char *kInvalidMessage = "Token is invalid or your session has ex
 constexpr const char *kExpiredMessage = "Your session has expired. Please refresh the page.";
 constexpr const char *kUnreadableMessage = "Unknown error. Please refresh the page.";
 
-struct FileCloser {
-    void operator()(std::FILE *f) const noexcept { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-struct DirCloser {
-    void operator()(DIR *d) const noexcept { ::closedir(d); }
-};
-using Dir = std::unique_ptr<DIR, DirCloser>;
-
-struct LineFree {
-    void operator()(char *line) const noexcept { std::free(line); }
-};
-
-bool valid_token(std::string_view token) {
-    if (token.size() != QM_TOKEN_LENGTH) return false;
-    for (char c : token) {
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-        if (!ok) return false;
-    }
-    return true;
-}
+using File = quelm::UniqueFile;
+using Dir = quelm::UniqueDir;
+using cgissi::session::valid_token;
+static_assert(QM_TOKEN_LENGTH == cgissi::session::kTokenLength);
 
 bool is_token_path(const char *path) {
     if (path == nullptr) return false;
@@ -216,7 +201,7 @@ int extend_token(const char *path, const char *name) {
     }
     // Whole lines: a rights line longer than a read buffer must not split
     // into a further line, which would read as a "create=" line.
-    std::unique_ptr<char, LineFree> line;
+    quelm::MallocString line;
     std::size_t capacity = 0;
     int number = 0;
     bool rights_done = false;
@@ -304,17 +289,12 @@ int has_right(const char *rights, const char *object) {
     std::string_view all = rights;
     if (all == "all") return 1;
     std::string_view path = object;
-    std::size_t pos = 0;
-    while (pos <= all.size()) {
-        std::size_t comma = all.find(',', pos);
-        if (comma == std::string_view::npos) comma = all.size();
-        std::string_view item = all.substr(pos, comma - pos);
-        // Empty items (",Wifi", "a,,b") grant nothing: they would match
-        // every path.
-        if (!item.empty() && path.find(item) != std::string_view::npos) return 1;
-        pos = comma + 1;
-    }
-    return 0;
+    // Empty items (",Wifi", "a,,b") grant nothing: they would match every
+    // path.
+    const bool granted = !quelm::split(all, ',', [&](std::string_view item) {
+        return item.empty() || path.find(item) == std::string_view::npos;
+    });
+    return granted ? 1 : 0;
 }
 
 void flush_tokens(void) {

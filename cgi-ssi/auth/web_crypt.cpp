@@ -14,6 +14,7 @@
 
 #include "qm_config.h"
 #include "qm_login.h"
+#include "quelm_text.h"
 
 namespace cgissi::auth {
 namespace {
@@ -51,13 +52,6 @@ class CyclicKey {
     std::string_view key_;
 };
 
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 // Base64 filter without line breaks, reading from or writing to memory.
 Bio base64_filter(BIO *memory) {
     if (memory == nullptr) return nullptr;
@@ -73,19 +67,16 @@ Bio base64_filter(BIO *memory) {
 // Two upper-case hex digits per character.
 std::string hex_encrypt(const char *key, std::string_view plain) {
     CyclicKey k(key);
-    std::string out;
-    out.reserve(plain.size() * kHexDigitsPerChar);
+    std::string cipher(plain.size(), '\0');
     for (std::size_t i = 0; i < plain.size(); ++i) {
         int v = static_cast<signed char>(plain[i]) + k.at(i);
         if (v >= kWrap) v -= kWrap;
         if (v >= kPrintableEnd) v -= kWrap;
-        char pair[kHexDigitsPerChar + 1];
         // Bytes outside ASCII can make v negative; its low byte keeps the
         // text at two digits per character.
-        std::snprintf(pair, sizeof pair, "%02X", static_cast<unsigned>(v) & 0xFFu);
-        out += pair;
+        cipher[i] = static_cast<char>(static_cast<unsigned>(v) & 0xFFu);
     }
-    return out;
+    return quelm::hex_encode(cipher, quelm::HexCase::upper);
 }
 
 }  // namespace
@@ -168,8 +159,8 @@ char *decrypt_post_value(const char *key, const char *hex, char *output, size_t 
     CyclicKey k(key);
     for (std::size_t i = 0; i < count; ++i) {
         char pair[kHexDigitsPerChar + 1] = {text[2 * i], text[2 * i + 1], '\0'};
-        int high = hex_digit(pair[0]);
-        int low = hex_digit(pair[1]);
+        int high = quelm::hex_value(pair[0]);
+        int low = quelm::hex_value(pair[1]);
         if (high < 0 || low < 0) {
             char offending = high < 0 ? pair[0] : pair[1];
             QM_LOG_print("%s:%d Error on %s '%d'\n", kSourceName, kBadPairLine, pair, offending);
@@ -197,12 +188,8 @@ const char *get_sha_signature(const void *data, size_t length) {
         digest_length != kSha256Size) {
         return signature;
     }
-    static constexpr char kDigits[] = "0123456789abcdef";
-    for (unsigned int i = 0; i < digest_length; ++i) {
-        signature[2 * i] = kDigits[digest[i] >> 4];
-        signature[2 * i + 1] = kDigits[digest[i] & 0x0F];
-    }
-    signature[QM_SHA_SIGNATURE_LENGTH] = '\0';
+    const std::string hex = quelm::hex_encode(std::string_view(reinterpret_cast<const char *>(digest), digest_length));
+    std::memcpy(signature, hex.c_str(), QM_SHA_SIGNATURE_LENGTH + 1);
     return signature;
 }
 

@@ -45,6 +45,8 @@ constexpr int kBuiltinSymbolCount = 4;
 constexpr std::string_view kSessionNameTemplate = "QM_%s_ID";
 constexpr const char *kSessionLimitFile = "/var/quelm/webiad.d/http_session_maxlimit";
 constexpr std::size_t kPathSize = 1024;
+constexpr int kNotFoundStatus = 404;      // no built-in and no plugin of that name
+constexpr int kSessionLimitStatus = 503;  // no room for a new session
 
 // Identity under which the system log is reopened after a plugin call.
 char default_name[kBuiltinNameSize * 8] = "";
@@ -114,6 +116,13 @@ bool attach_session() {
     cgi_out_printf("Set-Cookie: %s=%s;  Path=%s; \r\n", QM_SessionName,
                    QM_SessionToken != nullptr ? QM_SessionToken : "", "/");
     return true;
+}
+
+// The session limit is reached: the visitor gets a short page saying so.
+void answer_session_limit() {
+    cgi_out_status_header(kSessionLimitStatus, "text/html");
+    cgi_out_printf("<HTML><BODY>Too many open sessions: please try again later.</BODY></HTML>\n");
+    cgi_out_flush();
 }
 
 }  // namespace
@@ -187,7 +196,13 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
     QM_FlushSessions();
 
     if (want_session && QM_GetHostSession() != 0) {
-        if (!attach_session()) return -1;
+        if (!attach_session()) {
+            answer_session_limit();
+            return -1;
+        }
+    } else if (want_session) {
+        QM_LOG_print("no session for this request: host '%s' is not a name of the gateway",
+                     std::getenv("HTTP_HOST") != nullptr ? std::getenv("HTTP_HOST") : "");
     }
 
     const BuiltinCgi *row = nullptr;
@@ -201,6 +216,7 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
     if (row == nullptr) {
         quelm::log::close();
         int result = try_call_shared_plugin(script_name, argc, argv);
+        if (result == -1) cgi_out_status_header(kNotFoundStatus, "text/html");
         quelm::log::open(default_name);
         remove_last_token_name();
         QM_clean_session();

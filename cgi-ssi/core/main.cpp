@@ -10,6 +10,7 @@
 #include "qm_config.h"
 #include "qm_session.h"
 #include "quelm_root.h"
+#include "session/session_store.h"
 
 int main(int argc, char **argv) {
     // The environment is replaced by each request's parameters from here on.
@@ -17,6 +18,7 @@ int main(int argc, char **argv) {
 
     plugin_registry_handle registry = nullptr;
     cgissi::init_cgi(&registry);
+    cgissi::session::secure_store_directory();
 
     while (FCGI_Accept() >= 0) {
         QM_SessionRealm = std::getenv("QUELM_REALM");

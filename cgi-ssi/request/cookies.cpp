@@ -1,16 +1,17 @@
 // Cookie lookup in the request's Cookie header (the cgiCookie global).
-#include <cctype>
 #include <cstring>
 #include <string_view>
 #include <vector>
 
 #include "cgic.h"
+#include "quelm_chars.h"
 #include "request/request_internal.h"
 
 namespace cgissi::request {
 namespace {
 
-bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+// C's isspace set, as the header has always been read.
+constexpr bool is_space(char c) { return quelm::is_c_space(c); }
 
 std::string_view cookie_header() { return cgiCookie != nullptr ? std::string_view(cgiCookie) : std::string_view(); }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cgic.h"
+#include "quelm_chars.h"
 #include "qm_config.h"
 #include "request/request_internal.h"
 
@@ -26,7 +27,6 @@ cgiFormEntry *cgiFindPos = nullptr;
 
 const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
 
-bool is_blank(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
 
 // Copies text into result (max bytes, terminated when max > 0); true when
 // all of it fitted.
@@ -422,6 +422,6 @@ extern "C" int cgiStrBeginsNc(const char *s, const char *prefix) {
 
 extern "C" int cgiFirstNonspaceChar(const char *s) {
     if (s == nullptr) return 0;
-    while (is_blank(*s)) ++s;
+    while (quelm::is_space_tab_cr_lf(*s)) ++s;
     return static_cast<unsigned char>(*s);
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "cgic.h"
+#include "quelm_owned.h"
 
 namespace cgissi::request {
 
@@ -19,12 +20,9 @@ constexpr std::size_t kDiscardChunk = 1024;
 // Buffer into which cgiCookieInteger reads the cookie's text.
 constexpr int kCookieIntegerSize = 256;
 
-struct FreeDeleter {
-    void operator()(void *p) const noexcept { std::free(p); }
-};
 // A malloc'd string: form entries and returned arrays are plain C memory
 // because plugins receive them through the C interface.
-using MallocString = std::unique_ptr<char, FreeDeleter>;
+using quelm::MallocString;
 
 // malloc'd, terminated copy of text; null when out of memory.
 MallocString copy_text(std::string_view text);

@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <string>
 #include <string_view>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -21,7 +22,10 @@
 #include "cgic.h"
 #include "qm_config.h"
 #include "quelm_log.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
+#include "quelm_text.h"
+#include "session/token_name.h"
 
 extern "C" {
 
@@ -41,39 +45,15 @@ constexpr const char *kSessionPath = "/var/quelm/session";
 constexpr int kSessionFlushTime = 1200;  // seconds of idle time
 constexpr std::size_t kPathSize = 128;   // gateway path of a session file
 constexpr std::size_t kCreatePathSize = 1024;
-constexpr std::size_t kTokenLength = 6;
 constexpr std::size_t kAddressSize = 64;
 constexpr std::size_t kUserAgentSize = 1024;
 // A session file holds a handful of short lines; anything larger is not ours.
 constexpr off_t kMaxSessionFile = 64 * 1024;
+// The directory holds passwords: nobody but the responder lists or reads it.
+constexpr mode_t kStoreMode = 0700;
 
-class Fd {
-  public:
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-class Dir {
-  public:
-    explicit Dir(const std::string &path) : dir_(::opendir(path.c_str())) {}
-    Dir(const Dir &) = delete;
-    Dir &operator=(const Dir &) = delete;
-    ~Dir() {
-        if (dir_ != nullptr) ::closedir(dir_);
-    }
-    DIR *get() const { return dir_; }
-
-  private:
-    DIR *dir_;
-};
+using quelm::UniqueDir;
+using quelm::UniqueFd;
 
 const char *realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
 const char *or_empty(const char *s) { return s != nullptr ? s : ""; }
@@ -91,17 +71,7 @@ std::string session_path(const char *token) {
     return cut(std::string(kSessionPath) + "/" + realm() + "_" + or_empty(token), kPathSize);
 }
 
-// Only what mkstemp can produce is a token: six letters or digits. Anything
-// else never becomes part of a path.
-bool valid_token(const char *token) {
-    if (token == nullptr || std::strlen(token) != kTokenLength) return false;
-    for (std::size_t i = 0; i < kTokenLength; ++i) {
-        char c = token[i];
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-        if (!ok) return false;
-    }
-    return true;
-}
+bool valid_token(const char *token) { return token != nullptr && cgissi::session::valid_token(token); }
 
 // Idle lifetime in seconds, read afresh at every use.
 long idle_lifetime() {
@@ -116,8 +86,8 @@ bool expired(const struct stat &st, std::time_t now, long lifetime) { return lif
 
 // Reads a whole session file; false when it is missing or not a session.
 bool read_session_file(const std::string &mapped, std::string &content) {
-    Fd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) return false;
+    UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return false;
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxSessionFile) return false;
     content.resize(static_cast<std::size_t>(st.st_size));
@@ -162,12 +132,7 @@ std::string property(const char *object, const char *name) {
 }
 
 bool iequals(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        unsigned char x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
-        if (std::tolower(x) != std::tolower(y)) return false;
-    }
-    return true;
+    return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 // The host begins with an address of the gateway. The character after the
@@ -183,17 +148,25 @@ bool starts_with_address(std::string_view host, std::string_view address, bool i
 
 // The host is one item of the comma-separated alias list.
 bool in_alias_list(std::string_view aliases, std::string_view host) {
-    std::size_t pos = 0;
-    while (pos <= aliases.size()) {
-        std::size_t comma = aliases.find(',', pos);
-        if (comma == std::string_view::npos) comma = aliases.size();
-        if (aliases.substr(pos, comma - pos) == host) return true;
-        pos = comma + 1;
-    }
-    return false;
+    return !quelm::split(aliases, ',', [&](std::string_view alias) { return alias != host; });
 }
 
 }  // namespace
+
+void secure_store_directory() {
+    const std::string mapped = quelm::root_path(kSessionPath);
+    if (::mkdir(mapped.c_str(), kStoreMode) != 0 && errno != EEXIST) {
+        quelm::log::print(LOG_ERR, "%s: cannot create %s", __func__, kSessionPath);
+        return;
+    }
+    quelm::UniqueFd dir(::open(mapped.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (!dir || ::fstat(dir.get(), &st) != 0 || st.st_uid != ::geteuid()) {
+        quelm::log::print(LOG_ERR, "%s: %s is not a directory of this user", __func__, kSessionPath);
+        return;
+    }
+    if ((st.st_mode & 07777) != kStoreMode) ::fchmod(dir.get(), kStoreMode);
+}
 
 void begin_request() {
     // The token belongs to the request that presented it.
@@ -224,8 +197,8 @@ int QM_FlushSessions(void) {
     std::time_t now = std::time(nullptr);
     QM_CurrentSession = 0;
     std::string dir_path = quelm::root_path(kSessionPath);
-    Dir dir(dir_path);
-    if (dir.get() == nullptr) {
+    UniqueDir dir(::opendir(dir_path.c_str()));
+    if (!dir) {
         QM_LOG_print("failed to check %s", kSessionPath);
         return 0;
     }
@@ -270,8 +243,8 @@ int QM_CreateSession(void) {
         return 0;
     }
     std::string mapped = quelm::root_path(path);
-    Fd fd(::mkostemp(mapped.data(), O_CLOEXEC));
-    if (fd.get() < 0) {
+    UniqueFd fd(::mkostemp(mapped.data(), O_CLOEXEC));
+    if (!fd) {
         quelm::log::print(LOG_ERR, "failed to create session, aborting");
         return 0;
     }
@@ -394,8 +367,8 @@ int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
         quelm::log::print(LOG_ERR, "%s has failed : refused entry for %s", "QM_SetSessionInfo", path.c_str());
         return 0;
     }
-    Fd fd(::open(mapped.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    if (fd.get() < 0) {
+    UniqueFd fd(::open(mapped.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    if (!fd) {
         quelm::log::print(LOG_ERR, "%s has failed : can't open %s", "QM_SetSessionInfo", path.c_str());
         return 1;
     }
@@ -425,8 +398,8 @@ int QM_RemoveSessionInfo(const char *token, const char *key) {
         pos = end;
     }
     std::string temp = mapped + ".tmpXXXXXX";
-    Fd fd(::mkostemp(temp.data(), O_CLOEXEC));
-    if (fd.get() < 0) return 0;
+    UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
+    if (!fd) return 0;
     if (::write(fd.get(), kept.data(), kept.size()) == static_cast<ssize_t>(kept.size())) {
         ::rename(temp.c_str(), mapped.c_str());
     } else {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "cgi_output.h"
@@ -14,6 +15,7 @@
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "qm_util.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
 #include "ssi_buffer.h"
 
@@ -25,16 +27,11 @@ constexpr const char *kLockErrorName = "sharing.cgi";
 // Decimal int with sign and terminator.
 constexpr std::size_t kIntTextSize = 16;
 
-struct FileCloser {
-    void operator()(std::FILE *f) const noexcept { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-struct ValueFree {
-    void operator()(char *value) const noexcept { FreePropertyValue(value); }
-};
 // A value handed out by QM_DAT_getobjproperty.
-using PropertyValue = std::unique_ptr<char, ValueFree>;
+using PropertyValue = std::unique_ptr<char, quelm::CDeleter<FreePropertyValue>>;
+// The error file lies in a directory every user may write: it is never
+// reached through a link and is readable by the responder alone.
+constexpr mode_t kCgiErrorMode = 0600;
 
 std::string cgierror_path() { return quelm::root_path(kCgiErrorFile); }
 
@@ -47,8 +44,12 @@ extern "C" int set_cgierror(int code) {
         return code;
     }
     // Nobody could report a failure to store the error, so it goes unnoticed.
-    File f(std::fopen(path.c_str(), "we"));
-    if (f) std::fprintf(f.get(), "%d", code);
+    quelm::UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kCgiErrorMode));
+    if (!fd) return code;
+    char text[kIntTextSize];
+    const int length = std::snprintf(text, sizeof text, "%d", code);
+    const ssize_t written = ::write(fd.get(), text, static_cast<std::size_t>(length));
+    (void)written;
     return code;
 }
 
@@ -82,6 +83,9 @@ extern "C" int cgi_lock_config(void) {
 extern "C" int cgi_unlock_config(void) { return QM_FILE_unlock(); }
 
 extern "C" void generic_error(const char *text) {
+    // A refused request body gets a header block; otherwise the caller has
+    // written its headers (the page keeps the bytes it has always had).
+    if (const int status = cgiRefusedStatus(); status != 0) cgi_out_status_header(status, "text/html");
     cgi_out_printf("<HTML>\n");
     cgi_out_printf("<HEAD>\n");
     cgi_out_printf("<TITLE>Error</TITLE>\n");

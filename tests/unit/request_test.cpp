@@ -487,7 +487,7 @@ TEST_F(RequestFile, TempFilesAndUploadedParts) {
     EXPECT_EQ(std::strlen(path), prefix.size() + 6);
     struct stat st {};
     ASSERT_EQ(stat(path, &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "upload temporaries are the responder's alone";
     std::ofstream(path, std::ios::binary) << "hello world";
 
     // A file part as the multipart parser leaves it: no value, no content type.
