@@ -125,6 +125,36 @@ void answer_session_limit() {
     cgi_out_flush();
 }
 
+// Session step of a request: cookie name, limit, flush, then the visitor's
+// session when the page kind and the Host call for one. False when the
+// request ends here (no room for a new session; the visitor is told).
+bool set_up_session(std::string_view ext) {
+    bool want_session = srv_skip_session() == 0 && session_extension(ext);
+
+    if (QM_SessionRealm != nullptr) {
+        set_session_name(QM_SessionRealm);
+    } else {
+        QM_SessionRealm = "";
+        want_session = false;
+        QM_SessionName[0] = '\0';
+    }
+
+    read_session_limit();
+    QM_FlushSessions();
+
+    if (want_session && QM_GetHostSession() != 0) {
+        if (!attach_session()) {
+            answer_session_limit();
+            return false;
+        }
+    } else if (want_session) {
+        const char *host = std::getenv("HTTP_HOST");
+        QM_LOG_print("no session for this request: host '%s' is not a name of the gateway",
+                     host != nullptr ? host : "");
+    }
+    return true;
+}
+
 }  // namespace
 
 int init_cgi(plugin_registry_handle *registry) {
@@ -182,28 +212,7 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
         return try_call_shared_plugin(script_name, argc, argv);
     }
 
-    bool want_session = srv_skip_session() == 0 && session_extension(ext);
-
-    if (QM_SessionRealm != nullptr) {
-        set_session_name(QM_SessionRealm);
-    } else {
-        QM_SessionRealm = "";
-        want_session = false;
-        QM_SessionName[0] = '\0';
-    }
-
-    read_session_limit();
-    QM_FlushSessions();
-
-    if (want_session && QM_GetHostSession() != 0) {
-        if (!attach_session()) {
-            answer_session_limit();
-            return -1;
-        }
-    } else if (want_session) {
-        QM_LOG_print("no session for this request: host '%s' is not a name of the gateway",
-                     std::getenv("HTTP_HOST") != nullptr ? std::getenv("HTTP_HOST") : "");
-    }
+    if (!set_up_session(ext)) return -1;
 
     const BuiltinCgi *row = nullptr;
     for (const BuiltinCgi &candidate : kBuiltins) {

@@ -133,6 +133,67 @@ const char *split_content_type(char *content_type) {
 
 using namespace cgissi::request;
 
+namespace {
+
+// A failed multipart parse: the handler goes on with an empty form.
+constexpr int kMultipartFailed = 1;
+
+// The request's CGI variables and its content type, in the interface's
+// order.
+void capture_server_variables() {
+    cgiSetupConstants();
+    cgiGetenv(&cgiServerSoftware, "SERVER_SOFTWARE");
+    cgiGetenv(&cgiServerName, "SERVER_NAME");
+    cgiGetenv(&cgiGatewayInterface, "GATEWAY_INTERFACE");
+    cgiGetenv(&cgiServerProtocol, "SERVER_PROTOCOL");
+    cgiGetenv(&cgiServerPort, "SERVER_PORT");
+    cgiGetenv(&cgiRequestMethod, "REQUEST_METHOD");
+    cgiGetenv(&cgiPathInfo, "PATH_INFO");
+    cgiGetenv(&cgiPathTranslated, "PATH_TRANSLATED");
+    cgiGetenv(&cgiScriptName, "SCRIPT_NAME");
+    cgiGetenv(&cgiQueryString, "QUERY_STRING");
+    cgiGetenv(&cgiRemoteHost, "REMOTE_HOST");
+    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
+    cgiGetenv(&cgiAuthType, "AUTH_TYPE");
+    cgiGetenv(&cgiRemoteUser, "REMOTE_USER");
+    cgiGetenv(&cgiRemoteIdent, "REMOTE_IDENT");
+    cgiGetenv(&cgiHttpHost, "HTTP_HOST");
+    cgiGetenv(&cgiXForwardedFor, "X_FORWARDED_FOR");
+
+    const char *content_type = nullptr;
+    cgiGetenv(&content_type, "CONTENT_TYPE");
+    std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
+    std::memcpy(cgiContentType, content_type, type_length);
+    cgiContentType[type_length] = '\0';
+    cgiMultipartBoundary = split_content_type(cgiContentType);
+}
+
+// Parses the form the method and content type call for; 0 or the result
+// cgiInitResources returns.
+int parse_form(FCGI_FILE *upload_sink) {
+    if (cgiStrEqNc(cgiRequestMethod, "post") != 0) {
+        if (cgiStrEqNc(cgiContentType, "application/x-www-form-urlencoded") != 0) {
+            if (int result = cgiParsePostFormInput(); result != 0) return refuse(parse_failure_status(result));
+        } else if (cgiStrEqNc(cgiContentType, "multipart/form-data") != 0) {
+            if (cgiParsePostMultipartInput(upload_sink) != 0) {
+                // Kept on purpose: a failed multipart parse lets the handler
+                // go on with an empty form (and leaves firstCookie as it was).
+                cgiFreeResources();
+                return kMultipartFailed;
+            }
+        }
+        // Any other body is left unread.
+    } else if (cgiStrEqNc(cgiRequestMethod, "get") != 0) {
+        std::size_t query_length = std::strlen(cgiQueryString);
+        if (query_length > static_cast<std::size_t>(INT_MAX)) return refuse(400);
+        cgiContentLength = static_cast<int>(query_length);
+        if (int result = cgiParseGetFormInput(); result != 0) return refuse(parse_failure_status(result));
+    }
+    return 0;
+}
+
+}  // namespace
+
 extern "C" void cgiSetupConstants(void) {
     for (int &value : cgiHexValue) value = 0;
     for (int digit = 0; digit < 10; ++digit) cgiHexValue['0' + digit] = digit;
@@ -185,31 +246,7 @@ extern "C" int cgiInitResources(FCGI_FILE *upload_sink) {
         length_text = std::getenv("CONTENT_LENGTH");
     }
 
-    cgiSetupConstants();
-    cgiGetenv(&cgiServerSoftware, "SERVER_SOFTWARE");
-    cgiGetenv(&cgiServerName, "SERVER_NAME");
-    cgiGetenv(&cgiGatewayInterface, "GATEWAY_INTERFACE");
-    cgiGetenv(&cgiServerProtocol, "SERVER_PROTOCOL");
-    cgiGetenv(&cgiServerPort, "SERVER_PORT");
-    cgiGetenv(&cgiRequestMethod, "REQUEST_METHOD");
-    cgiGetenv(&cgiPathInfo, "PATH_INFO");
-    cgiGetenv(&cgiPathTranslated, "PATH_TRANSLATED");
-    cgiGetenv(&cgiScriptName, "SCRIPT_NAME");
-    cgiGetenv(&cgiQueryString, "QUERY_STRING");
-    cgiGetenv(&cgiRemoteHost, "REMOTE_HOST");
-    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
-    cgiGetenv(&cgiAuthType, "AUTH_TYPE");
-    cgiGetenv(&cgiRemoteUser, "REMOTE_USER");
-    cgiGetenv(&cgiRemoteIdent, "REMOTE_IDENT");
-    cgiGetenv(&cgiHttpHost, "HTTP_HOST");
-    cgiGetenv(&cgiXForwardedFor, "X_FORWARDED_FOR");
-
-    const char *content_type = nullptr;
-    cgiGetenv(&content_type, "CONTENT_TYPE");
-    std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
-    std::memcpy(cgiContentType, content_type, type_length);
-    cgiContentType[type_length] = '\0';
-    cgiMultipartBoundary = split_content_type(cgiContentType);
+    capture_server_variables();
 
     int length = 0;
     bool length_usable = parse_length(length_text, &length);
@@ -236,24 +273,9 @@ extern "C" int cgiInitResources(FCGI_FILE *upload_sink) {
         return refuse(413);
     }
 
-    if (cgiStrEqNc(cgiRequestMethod, "post") != 0) {
-        if (cgiStrEqNc(cgiContentType, "application/x-www-form-urlencoded") != 0) {
-            if (int result = cgiParsePostFormInput(); result != 0) return refuse(parse_failure_status(result));
-        } else if (cgiStrEqNc(cgiContentType, "multipart/form-data") != 0) {
-            if (cgiParsePostMultipartInput(upload_sink) != 0) {
-                // Kept on purpose: a failed multipart parse lets the handler
-                // go on with an empty form (and leaves firstCookie as it was).
-                cgiFreeResources();
-                return 0;
-            }
-        }
-        // Any other body is left unread.
-    } else if (cgiStrEqNc(cgiRequestMethod, "get") != 0) {
-        std::size_t query_length = std::strlen(cgiQueryString);
-        if (query_length > static_cast<std::size_t>(INT_MAX)) return refuse(400);
-        cgiContentLength = static_cast<int>(query_length);
-        if (int result = cgiParseGetFormInput(); result != 0) return refuse(parse_failure_status(result));
-    }
+    const int parsed = parse_form(upload_sink);
+    if (parsed == kMultipartFailed) return 0;
+    if (parsed != 0) return parsed;
 
     firstCookie = 1;
     return 0;

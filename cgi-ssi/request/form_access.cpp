@@ -10,8 +10,9 @@
 #include <vector>
 
 #include "cgic.h"
-#include "quelm_chars.h"
 #include "qm_config.h"
+#include "quelm_chars.h"
+#include "quelm_guard.h"
 #include "request/request_internal.h"
 
 struct cgiFileStruct {
@@ -226,29 +227,31 @@ extern "C" cgiFormResultType cgiFormStringSpaceNeeded(const char *name, int *len
 }
 
 extern "C" cgiFormResultType cgiFormStringMultiple(const char *name, char ***ptrToStringArray) {
-    std::vector<const cgiFormEntry *> entries;
-    for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
-        entries.push_back(e);
-    }
-    char **array = static_cast<char **>(std::calloc(entries.size() + 1, sizeof(char *)));
-    if (array == nullptr) {
-        *ptrToStringArray = nullptr;
-        return cgiFormMemory;
-    }
-    // Each value through the same line-end handling as cgiFormString; the
-    // result is never longer than the value.
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-        int size = static_cast<int>(std::strlen(text_or_empty(entries[i]->value))) + 1;
-        array[i] = static_cast<char *>(std::malloc(static_cast<std::size_t>(size)));
-        if (array[i] == nullptr) {
-            cgiStringArrayFree(array);
+    return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
+        std::vector<const cgiFormEntry *> entries;
+        for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
+            entries.push_back(e);
+        }
+        char **array = static_cast<char **>(std::calloc(entries.size() + 1, sizeof(char *)));
+        if (array == nullptr) {
             *ptrToStringArray = nullptr;
             return cgiFormMemory;
         }
-        entry_string(entries[i], array[i], size, true);
-    }
-    *ptrToStringArray = array;
-    return entries.empty() ? cgiFormNotFound : cgiFormSuccess;
+        // Each value through the same line-end handling as cgiFormString; the
+        // result is never longer than the value.
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            int size = static_cast<int>(std::strlen(text_or_empty(entries[i]->value))) + 1;
+            array[i] = static_cast<char *>(std::malloc(static_cast<std::size_t>(size)));
+            if (array[i] == nullptr) {
+                cgiStringArrayFree(array);
+                *ptrToStringArray = nullptr;
+                return cgiFormMemory;
+            }
+            entry_string(entries[i], array[i], size, true);
+        }
+        *ptrToStringArray = array;
+        return entries.empty() ? cgiFormNotFound : cgiFormSuccess;
+    });
 }
 
 extern "C" void cgiStringArrayFree(char **stringArray) {
@@ -391,13 +394,15 @@ extern "C" cgiFormResultType cgiFormFileClose(cgiFilePtr cfp) {
 }
 
 extern "C" cgiFormResultType cgiFormEntries(char ***ptrToStringArray) {
-    std::vector<std::string_view> names;
-    std::unordered_set<std::string_view> seen;
-    for (const cgiFormEntry *e = cgiFormEntryFirst; e != nullptr; e = e->next) {
-        std::string_view name = text_or_empty(e->attr);
-        if (seen.insert(name).second) names.push_back(name);
-    }
-    return string_array(names, ptrToStringArray);
+    return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
+        std::vector<std::string_view> names;
+        std::unordered_set<std::string_view> seen;
+        for (const cgiFormEntry *e = cgiFormEntryFirst; e != nullptr; e = e->next) {
+            std::string_view name = text_or_empty(e->attr);
+            if (seen.insert(name).second) names.push_back(name);
+        }
+        return string_array(names, ptrToStringArray);
+    });
 }
 
 extern "C" int cgiStrEqNc(const char *a, const char *b) {

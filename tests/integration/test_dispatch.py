@@ -188,3 +188,16 @@ def test_refused_body_gets_a_header_block(cgi, length, body, status):
     assert answer.raw.startswith(head) and answer.raw.endswith(b"Content-type: text/html\r\n\r\n" + ERROR_PAGE)
     answer = cgi(page="login.cgi", method="POST", body=body, content_type=FORM, content_length=length)
     assert answer.raw.startswith(head) and answer.raw.endswith(b"Content-type: text/html\r\n\r\n")
+
+
+@pytest.mark.parametrize("language, echoed", [
+    ("fr-FR, en;q=0.8", True),
+    ("fr\r\nSet-Cookie: QM_web_ID=AAAAAA", False),  # would add a header line
+    ("fr\tFR", False),
+    ("fr-\u00e9", False),                          # bytes above 126
+])
+def test_accept_language_reaches_a_header_only_when_printable(cgi, language, echoed):
+    (cgi.docroot / "index.htm").write_text("x")
+    answer = cgi(extra={"HTTP_ACCEPT_LANGUAGE": language})
+    expected = f"CONTENT-LANGUAGE: {language}\r\n".encode() if echoed else b""
+    assert answer.raw == expected + b"Content-type: text/html\r\n\r\nx"

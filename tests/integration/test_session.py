@@ -181,3 +181,18 @@ def test_line_breaks_never_reach_session_files(visit, root):
     visit(agent="evil\r\nUSER=admin")
     for name in sessions(root):
         assert "USER=admin" not in (root / "var/quelm/session" / name).read_text().splitlines()
+
+
+def test_private_files_and_directories(cgi, root):
+    """The session directory is the responder's alone, and the fixed-name
+    error file in the shared /var/tmp is never read through a link."""
+    session_dir = root / "var/quelm/session"
+    session_dir.chmod(0o755)
+    secret = root / "secret"
+    secret.write_text("4242\n")
+    (root / "var/tmp").mkdir(parents=True, exist_ok=True)
+    (root / "var/tmp/cgierror").symlink_to(secret)
+    (cgi.docroot / "e.htm").write_text("[<!--#echo var=iCgiError -->]")
+    assert cgi(page="e.htm").body == b"[0]"
+    assert secret.read_text() == "4242\n"
+    assert session_dir.stat().st_mode & 0o777 == 0o700

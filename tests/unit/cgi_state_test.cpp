@@ -131,6 +131,24 @@ TEST_F(CgiState, ErrorIsStoredAsDecimalAndShownOnce) {
     }
 }
 
+// The error file lies in the shared /var/tmp: a link planted there is
+// neither written through nor read through, and the file is private.
+TEST_F(CgiState, ErrorFileIsPrivateAndNoLinkIsFollowed) {
+    const fs::path file = root_ / "gw/var/tmp/cgierror";
+    set_cgierror(3);
+    EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+    set_cgierror(0);
+    const fs::path target = root_ / "gw/target";
+    std::ofstream(target) << "77\n";
+    fs::create_symlink(target, file);
+    set_cgierror(9);
+    EXPECT_EQ(slurp(target), "77\n");
+    get_cgierror();
+    EXPECT_STREQ(Ssi, "0");
+    fs::remove(file);
+    fs::remove(target);
+}
+
 TEST_F(CgiState, RefererTreeAndFixedForms) {
     const std::string d39(39, 'd'), d40(40, 'd'), d60(60, 'd');
     struct Case {
