@@ -6,6 +6,7 @@
 #include "cgic.h"
 #include "quelm_chars.h"
 #include "quelm_guard.h"
+#include "quelm_text.h"
 #include "request/request_internal.h"
 
 namespace cgissi::request {
@@ -63,32 +64,13 @@ extern "C" cgiFormResultType cgiCookies(char ***ptrToStringArray) {
     return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
         // Names are the text before "=" of each ";"-separated cookie, leading
         // white space skipped; a cookie without "=" or without a name is no name.
+        *ptrToStringArray = nullptr;
         std::vector<std::string_view> names;
-        std::string_view header = cookie_header();
-        while (!header.empty()) {
-            std::size_t end = header.find(';');
-            std::string_view cookie = header.substr(0, end);
+        quelm::split(cookie_header(), ';', [&](std::string_view cookie) {
             while (!cookie.empty() && is_space(cookie.front())) cookie.remove_prefix(1);
             std::size_t equals = cookie.find('=');
             if (equals != std::string_view::npos && equals != 0) names.push_back(cookie.substr(0, equals));
-            if (end == std::string_view::npos) break;
-            header.remove_prefix(end + 1);
-        }
-
-        char **array = static_cast<char **>(std::calloc(names.size() + 1, sizeof(char *)));
-        if (array == nullptr) {
-            *ptrToStringArray = nullptr;
-            return cgiFormMemory;
-        }
-        for (std::size_t i = 0; i < names.size(); ++i) {
-            array[i] = copy_text(names[i]).release();
-            if (array[i] == nullptr) {
-                cgiStringArrayFree(array);
-                *ptrToStringArray = nullptr;
-                return cgiFormMemory;
-            }
-        }
-        *ptrToStringArray = array;
-        return cgiFormSuccess;
+        });
+        return string_array(names, ptrToStringArray);
     });
 }

@@ -127,7 +127,22 @@ cgiFormResultType clamp(cgiFormResultType read, T *result, T min, T max) {
     return cgiFormSuccess;
 }
 
-// A null-terminated array of malloc'd copies, as the C interface hands out.
+cgiFormResultType file_text(const char *name, char *result, int max, char *cgiFormEntry::*field,
+                            cgiFormResultType when_empty) {
+    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
+    if (entry == nullptr) {
+        clear_result(result, max);
+        return cgiFormNotFound;
+    }
+    const char *text = text_or_empty(entry->*field);
+    if (!copy_bounded(text, result, max)) return cgiFormTruncated;
+    return text[0] == '\0' ? when_empty : cgiFormSuccess;
+}
+
+bool has_temp_file(const cgiFormEntry *entry) { return entry->tfileName != nullptr && entry->tfileName[0] != '\0'; }
+
+}  // namespace
+
 cgiFormResultType string_array(const std::vector<std::string_view> &items, char ***out) {
     char **array = static_cast<char **>(std::calloc(items.size() + 1, sizeof(char *)));
     if (array == nullptr) {
@@ -145,22 +160,6 @@ cgiFormResultType string_array(const std::vector<std::string_view> &items, char 
     *out = array;
     return cgiFormSuccess;
 }
-
-cgiFormResultType file_text(const char *name, char *result, int max, char *cgiFormEntry::*field,
-                            cgiFormResultType when_empty) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        clear_result(result, max);
-        return cgiFormNotFound;
-    }
-    const char *text = text_or_empty(entry->*field);
-    if (!copy_bounded(text, result, max)) return cgiFormTruncated;
-    return text[0] == '\0' ? when_empty : cgiFormSuccess;
-}
-
-bool has_temp_file(const cgiFormEntry *entry) { return entry->tfileName != nullptr && entry->tfileName[0] != '\0'; }
-
-}  // namespace
 
 void reset_search() {
     cgiFindTarget = nullptr;
@@ -228,6 +227,7 @@ extern "C" cgiFormResultType cgiFormStringSpaceNeeded(const char *name, int *len
 
 extern "C" cgiFormResultType cgiFormStringMultiple(const char *name, char ***ptrToStringArray) {
     return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
+        *ptrToStringArray = nullptr;  // what a failure leaves
         std::vector<const cgiFormEntry *> entries;
         for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
             entries.push_back(e);
@@ -395,6 +395,7 @@ extern "C" cgiFormResultType cgiFormFileClose(cgiFilePtr cfp) {
 
 extern "C" cgiFormResultType cgiFormEntries(char ***ptrToStringArray) {
     return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
+        *ptrToStringArray = nullptr;  // what a failure leaves
         std::vector<std::string_view> names;
         std::unordered_set<std::string_view> seen;
         for (const cgiFormEntry *e = cgiFormEntryFirst; e != nullptr; e = e->next) {

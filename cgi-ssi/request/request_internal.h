@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "cgic.h"
 #include "quelm_owned.h"
@@ -52,6 +53,11 @@ std::size_t read_input(FCGI_FILE *stream, void *buffer, std::size_t size);
 
 // atoi with out-of-range values saturated instead of undefined.
 int leading_int(const char *text);
+
+// A null-terminated array of malloc'd copies of items, as the C interface
+// hands them out (free with cgiStringArrayFree); *out is null and the
+// result cgiFormMemory when memory runs out.
+cgiFormResultType string_array(const std::vector<std::string_view> &items, char ***out);
 
 // Frees one entry and all its strings; unlinks a non-empty temporary file.
 void free_entry(cgiFormEntry *entry);
