@@ -64,6 +64,9 @@ constexpr const char *kVendorFunction = "webauth_check";
 constexpr int kVendorAccept = 1;
 constexpr int kModeChangePassword = 0;
 constexpr int kModeLogin = 1;
+// compat: the password and login messages name the design's function that
+// made them, whichever helper now writes them.
+constexpr const char *kUpdateSessionUser = "update_session_user";
 
 // HTTP status of a login that cannot be served: the request has no session.
 constexpr int kNoSessionStatus = 403;
@@ -132,7 +135,7 @@ void remove_login() {
 // the store does not take. Nothing of a refused login stays behind.
 bool store_login(const char *login, const char *password, const char *services) {
     if (has_line_break(login) || has_line_break(password) || has_line_break(services)) {
-        quelm::log::print(LOG_ERR, "%s %d: refused a login value with a line break", "update_session_user",
+        quelm::log::print(LOG_ERR, "%s %d: refused a login value with a line break", kUpdateSessionUser,
                           __LINE__);
         remove_login();
         return false;
@@ -160,11 +163,11 @@ int change_password(const char *services, const char *object) {
     if (!form_value("newpassword1", posted, sizeof posted)) return 0;
     char fresh[QM_CRYPT_BUFFER_SIZE];
     if (!decrypt_posted_password(posted, fresh, sizeof fresh)) {
-        QM_LOG_print("%s %d: new password of %s is not an encrypted value", "update_session_user", __LINE__, object);
+        QM_LOG_print("%s %d: new password of %s is not an encrypted value", kUpdateSessionUser, __LINE__, object);
         return 0;
     }
     if (has_line_break(posted) || has_line_break(services) || has_line_break(fresh)) {
-        quelm::log::print(LOG_ERR, "%s %d: refused a password with a line break", "update_session_user", __LINE__);
+        quelm::log::print(LOG_ERR, "%s %d: refused a password with a line break", kUpdateSessionUser, __LINE__);
         return 0;
     }
     if (QM_HasSession() != 0) {
@@ -174,7 +177,7 @@ int change_password(const char *services, const char *object) {
         QM_SetSessionInfo(QM_SessionToken, "SERVICES", services);
     }
     if (SetPropertyStrValue(object, "Password", fresh) != 0) {
-        QM_LOG_print("%s %d: failed to set %s_Password", "update_session_user", __LINE__, object);
+        QM_LOG_print("%s %d: failed to set %s_Password", kUpdateSessionUser, __LINE__, object);
         return 0;
     }
     QM_FILE_commit(0);
@@ -188,6 +191,7 @@ int call_vendor_extension(int number, const char *login, const char *stored, con
     auto check = reinterpret_cast<VendorCheck>(::dlsym(library.get(), kVendorFunction));
     if (check == nullptr) {
         const char *error = ::dlerror();
+        // compat: the trailing newline of the message is the design's.
         quelm::log::print(LOG_ERR, "Failed to extract handle to webauth_check : %s\n", error != nullptr ? error : "");
         return -ENOENT;
     }

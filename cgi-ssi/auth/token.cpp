@@ -117,16 +117,18 @@ using namespace cgissi::auth;
 extern "C" {
 
 int create_token(const char *text) {
-    return quelm::guarded(-1, __func__, [&]() -> int {
+    return quelm::guarded(-1, __func__, [&, function = __func__]() -> int {
         if (text == nullptr) text = "";
         if (std::strlen(text) + 1 >= kTokenTextLimit) {
-            QM_LOG_print("%s %d : token is too big\n", "create_token", __LINE__);
+            // compat: the trailing newline of the message is the design's.
+            QM_LOG_print("%s %d : token is too big\n", function, __LINE__);
             return -1;
         }
         std::string mapped = quelm::root_path(kTokenTemplate);
         int fd = ::mkostemp(mapped.data(), O_CLOEXEC);
         if (fd < 0) {
             int error = errno;
+            // compat: the trailing newline of the message is the design's.
             QM_LOG_print("mkstemp failed with %d : %s\n", error, std::strerror(error));
             return -1;
         }
@@ -147,7 +149,7 @@ int create_token(const char *text) {
         File file(raw);
         bool written = file && std::fprintf(file.get(), "%d\n%s\n", lifetime, rights) > 0;
         if (!written || std::fclose(file.release()) != 0) {
-            QM_LOG_print("%s %d : failed to write %s", "create_token", __LINE__, path.c_str());
+            QM_LOG_print("%s %d : failed to write %s", function, __LINE__, path.c_str());
             ::unlink(mapped.c_str());
             return -1;
         }
@@ -159,7 +161,7 @@ int create_token(const char *text) {
         if (last_token_name == nullptr) {
             hold_token(path, lifetime);
         } else {
-            QM_LOG_print("%s %d: error, two or more tokens created !", "create_token", __LINE__);
+            QM_LOG_print("%s %d: error, two or more tokens created !", function, __LINE__);
         }
         flush_tokens();
         return 0;
@@ -167,16 +169,16 @@ int create_token(const char *text) {
 }
 
 int extend_token_create(const char *text) {
-    return quelm::guarded(-1, __func__, [&]() -> int {
+    return quelm::guarded(-1, __func__, [&, function = __func__]() -> int {
         if (last_token_name == nullptr) {
-            QM_LOG_print("%s %d: last_token_name is NULL", "extend_token_create", __LINE__);
+            QM_LOG_print("%s %d: last_token_name is NULL", function, __LINE__);
             return -1;
         }
         std::string mapped = quelm::root_path(last_token_name);
         File file = is_token_path(last_token_name) ? open_token_file(mapped, O_WRONLY | O_APPEND, "a") : nullptr;
         struct stat st {};
         if (!file || ::fstat(::fileno(file.get()), &st) != 0) {
-            QM_LOG_print("%s %d: failed to open %s", "extend_token_create", __LINE__, last_token_name);
+            QM_LOG_print("%s %d: failed to open %s", function, __LINE__, last_token_name);
             return -1;
         }
         std::fprintf(file.get(), "%s\n", text != nullptr ? text : "");
@@ -187,9 +189,9 @@ int extend_token_create(const char *text) {
 }
 
 int extend_token(const char *path, const char *name) {
-    return quelm::guarded(0, __func__, [&]() -> int {
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
         if (!is_token_path(path) || name == nullptr || std::strpbrk(name, "\r\n") != nullptr) {
-            QM_LOG_print("%s %d: refused to extend %s", "extend_token", __LINE__, path != nullptr ? path : "(null)");
+            QM_LOG_print("%s %d: refused to extend %s", function, __LINE__, path != nullptr ? path : "(null)");
             return 0;
         }
         std::string mapped = quelm::root_path(path);
@@ -197,12 +199,12 @@ int extend_token(const char *path, const char *name) {
         File in = open_token_file(mapped, O_RDONLY, "r");
         struct stat st {};
         if (!in || ::fstat(::fileno(in.get()), &st) != 0) {
-            QM_LOG_print("%s %d: failed to open %s", "extend_token", __LINE__, path);
+            QM_LOG_print("%s %d: failed to open %s", function, __LINE__, path);
             return 0;
         }
         File out = open_token_file(copy, O_WRONLY | O_CREAT | O_TRUNC, "w");
         if (!out) {
-            QM_LOG_print("%s %d: failed to open %s%s", "extend_token", __LINE__, path, kCopySuffix);
+            QM_LOG_print("%s %d: failed to open %s%s", function, __LINE__, path, kCopySuffix);
             return 0;
         }
         // Whole lines: a rights line longer than a read buffer must not split
@@ -230,7 +232,7 @@ int extend_token(const char *path, const char *name) {
         keep_times(out.get(), st);
         if (std::ferror(out.get()) != 0 || std::fclose(out.release()) != 0 ||
             ::rename(copy.c_str(), mapped.c_str()) != 0) {
-            QM_LOG_print("%s %d: failed to rewrite %s", "extend_token", __LINE__, path);
+            QM_LOG_print("%s %d: failed to rewrite %s", function, __LINE__, path);
             ::unlink(copy.c_str());
         }
         return 0;
@@ -238,13 +240,13 @@ int extend_token(const char *path, const char *name) {
 }
 
 int refresh_token_timestamp(const char *path, int lifetime) {
-    return quelm::guarded(-1, __func__, [&]() -> int {
+    return quelm::guarded(-1, __func__, [&, function = __func__]() -> int {
         if (path == nullptr || *path == '\0') return -1;
         std::time_t now = std::time(nullptr);
         const struct timespec times[2] = {{now, 0}, {now + lifetime, 0}};
         if (!is_token_path(path) ||
             ::utimensat(AT_FDCWD, quelm::root_path(path).c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-            QM_LOG_print("%s %d: failed to update tokenfile timestamp", "refresh_token_timestamp", __LINE__);
+            QM_LOG_print("%s %d: failed to update tokenfile timestamp", function, __LINE__);
             return -1;
         }
         return 0;

@@ -20,7 +20,7 @@
 namespace cgissi::auth {
 namespace {
 
-// Pages and log parsers in the field know the decrypt errors by this file
+// compat: pages and log parsers in the field know the decrypt errors by this file
 // name and these line numbers.
 constexpr const char *kSourceName = "web_crypt";
 constexpr int kOddLengthLine = 98;

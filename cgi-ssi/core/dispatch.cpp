@@ -94,6 +94,7 @@ void set_session_name(const char *realm) {
     if (kSessionNameTemplate.size() + std::strlen(realm) - 2 < QM_SESSION_NAME_SIZE) {
         std::snprintf(QM_SessionName, sizeof QM_SessionName, "QM_%s_ID", realm);
     } else {
+        // compat: "Warnig" as log readers in the field match it.
         QM_LOG_print("Warnig: sizeof realm '%s' set to HttpServer[%s] is too big, please change it !", realm,
                      QM_HttpServerId);
     }
@@ -112,7 +113,7 @@ bool attach_session() {
     if (result == cgiFormTruncated) result = cgiFormNotFound;
     if (result == cgiFormSuccess && QM_InitSession(value) == 0) result = cgiFormNotFound;
     if (result == cgiFormNotFound && QM_CreateSession() == -1) return false;
-    // Byte-exact: pages and proxies in the field expect this spacing.
+    // compat: pages and proxies in the field expect this spacing.
     cgi_out_printf("Set-Cookie: %s=%s;  Path=%s; \r\n", QM_SessionName,
                    QM_SessionToken != nullptr ? QM_SessionToken : "", "/");
     return true;
@@ -123,6 +124,14 @@ void answer_session_limit() {
     cgi_out_status_header(kSessionLimitStatus, "text/html");
     cgi_out_printf("<HTML><BODY>Too many open sessions: please try again later.</BODY></HTML>\n");
     cgi_out_flush();
+}
+
+// The built-in row of that name, searched in table order; null when none.
+const BuiltinCgi *find_builtin(const char *name) {
+    for (const BuiltinCgi &candidate : kBuiltins) {
+        if (std::strcmp(candidate.name, name) == 0) return &candidate;
+    }
+    return nullptr;
 }
 
 // Session step of a request: cookie name, limit, flush, then the visitor's
@@ -200,6 +209,7 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
     if (ext == ".cgi") {
         std::size_t slash = page.rfind('/');
         if (slash == std::string_view::npos) {
+            // compat: "Mistmatch" as log readers in the field match it.
             QM_LOG_print("Mistmatch plugin_name: %.*s", static_cast<int>(page.size()), page.data());
             return -1;
         }
@@ -214,13 +224,7 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
 
     if (!set_up_session(ext)) return -1;
 
-    const BuiltinCgi *row = nullptr;
-    for (const BuiltinCgi &candidate : kBuiltins) {
-        if (std::strcmp(candidate.name, script_name) == 0) {
-            row = &candidate;
-            break;
-        }
-    }
+    const BuiltinCgi *row = find_builtin(script_name);
 
     if (row == nullptr) {
         quelm::log::close();

@@ -12,8 +12,8 @@ namespace {
 
 const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
 
-// Before any request of this process has been set up, a blank line goes out
-// first (kept as the pages have always seen it).
+// compat: before any request of this process has been set up, a blank line
+// goes out first, as the pages have always seen it.
 void begin_header() {
     if (firstCookie == 0) cgi_out_write("\r\n", 2);
 }

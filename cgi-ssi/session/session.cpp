@@ -120,6 +120,7 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
 }
 
 void log_missing(const char *function, const std::string &path) {
+    // compat: the message as log readers in the field match it.
     quelm::log::print(LOG_ERR, "%s has failed : reason file session doesn't exists anymore '%s'", function,
                       path.c_str());
 }
@@ -270,6 +271,7 @@ int QM_CreateSession(void) {
 int QM_CheckSession(const char *token) {
     return quelm::guarded(0, __func__, [&]() -> int {
         if (token == nullptr || std::strlen(token) != kTokenLength) {
+            // compat: "lenght" as log readers in the field match it.
             quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
             return 0;
         }
@@ -340,6 +342,7 @@ int QM_HasSession(void) { return QM_SessionToken != nullptr ? 1 : 0; }
 int QM_DestroySession(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
         if (QM_SessionToken == nullptr) {
+            // compat: "does'nt" as log readers in the field match it.
             quelm::log::print(LOG_ERR, "try to destroy current session but it does'nt exist");
             return 0;
         }
@@ -352,13 +355,13 @@ int QM_DestroySession(void) {
 }
 
 int QM_GetSessionInfo(const char *token, const char *key, char *out, int size) {
-    return quelm::guarded(0, __func__, [&]() -> int {
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
         if (out == nullptr || size <= 0) return 0;
         std::memset(out, 0, static_cast<std::size_t>(size));
         std::string path = session_path(token);
         std::string content;
         if (!valid_token(token) || !read_session_file(quelm::root_path(path), content)) {
-            log_missing("QM_GetSessionInfo", path);
+            log_missing(function, path);
             return 0;
         }
         std::string_view value;
@@ -372,22 +375,22 @@ int QM_GetSessionInfo(const char *token, const char *key, char *out, int size) {
 }
 
 int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
-    return quelm::guarded(0, __func__, [&]() -> int {
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
         std::string path = session_path(token);
         std::string mapped = quelm::root_path(path);
         struct stat st {};
         if (!valid_token(token) || ::stat(mapped.c_str(), &st) != 0) {
-            log_missing("QM_SetSessionInfo", path);
+            log_missing(function, path);
             return 0;
         }
         if (key == nullptr || value == nullptr || has_line_break(key) || has_line_break(value) ||
             std::strchr(key, '=') != nullptr) {
-            quelm::log::print(LOG_ERR, "%s has failed : refused entry for %s", "QM_SetSessionInfo", path.c_str());
+            quelm::log::print(LOG_ERR, "%s has failed : refused entry for %s", function, path.c_str());
             return 0;
         }
         UniqueFd fd(::open(mapped.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
         if (!fd) {
-            quelm::log::print(LOG_ERR, "%s has failed : can't open %s", "QM_SetSessionInfo", path.c_str());
+            quelm::log::print(LOG_ERR, "%s has failed : can't open %s", function, path.c_str());
             return 1;
         }
         std::string line = std::string(key) + "=" + value + "\n";
@@ -398,12 +401,12 @@ int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
 }
 
 int QM_RemoveSessionInfo(const char *token, const char *key) {
-    return quelm::guarded(0, __func__, [&]() -> int {
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
         std::string path = session_path(token);
         std::string mapped = quelm::root_path(path);
         std::string content;
         if (!valid_token(token) || !read_session_file(mapped, content)) {
-            log_missing("QM_RemoveSessionInfo", path);
+            log_missing(function, path);
             return 0;
         }
         std::string_view key_view = or_empty(key);
