@@ -29,13 +29,8 @@ namespace {
 namespace fs = std::filesystem;
 constexpr const char *kIad = "Services_IADConfigurator";
 
-std::string slurp(const fs::path &path) {
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
-}
-
 using test_support::captured_output;
+using test_support::slurp;
 
 // Sends the current destination; returns what went into Line after
 // checking that the redirect carries exactly that and the error code
@@ -93,11 +88,7 @@ protected:
     }
 
     static void use_root(const char *name) { setenv("QUELM_ROOT", (root_ / name).c_str(), 1); }
-    static int get(const char *query) {
-        setenv("REQUEST_METHOD", "GET", 1);
-        setenv("QUERY_STRING", query, 1);
-        return cgiInitResources(nullptr);
-    }
+    static int get(const char *query) { return test_support::get_request(query); }
     static std::string log_text() { return slurp(root_ / "log"); }
 
     static inline fs::path root_;

@@ -102,11 +102,7 @@ protected:
         return out;
     }
 
-    static int get(const char *query) {
-        setenv("REQUEST_METHOD", "GET", 1);
-        setenv("QUERY_STRING", query, 1);
-        return cgiInitResources(nullptr);
-    }
+    static int get(const char *query) { return test_support::get_request(query); }
 
     static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
         setenv("REQUEST_METHOD", "POST", 1);
