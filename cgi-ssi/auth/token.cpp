@@ -65,7 +65,7 @@ static_assert(QM_TOKEN_LENGTH == cgissi::session::kTokenLength);
 bool is_token_path(const char *path) {
     if (path == nullptr) return false;
     std::string_view p = path;
-    return p.substr(0, kTokenPathPrefix.size()) == kTokenPathPrefix &&
+    return p.starts_with(kTokenPathPrefix) &&
            valid_token(p.substr(std::min(p.size(), kTokenPathPrefix.size())));
 }
 
@@ -322,7 +322,7 @@ void flush_tokens(void) {
         std::time_t now = std::time(nullptr);
         while (const struct dirent *entry = ::readdir(dir.get())) {
             std::string_view name = entry->d_name;
-            if (name.empty() || name[0] == '.' || name.substr(0, kTokenFilePrefix.size()) != kTokenFilePrefix) continue;
+            if (name.empty() || name[0] == '.' || !name.starts_with(kTokenFilePrefix)) continue;
             std::string path = std::string(kTokenDir) + "/" + entry->d_name;
             std::string mapped = quelm::root_path(path);
             struct stat st {};

@@ -23,7 +23,7 @@ bool find_cookie(std::string_view header, std::string_view name, std::string_vie
     std::size_t pos = 0;
     for (;;) {
         std::string_view rest = header.substr(pos);
-        if (rest.size() > name.size() && rest.substr(0, name.size()) == name && rest[name.size()] == '=') {
+        if (rest.size() > name.size() && rest.starts_with(name) && rest[name.size()] == '=') {
             rest.remove_prefix(name.size() + 1);
             *value = rest.substr(0, rest.find(';'));
             return true;

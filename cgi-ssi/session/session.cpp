@@ -110,7 +110,7 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
         std::size_t end = content.find('\n', pos);
         if (end == std::string_view::npos) end = content.size();
         std::string_view line = content.substr(pos, end - pos);
-        if (line.size() > key.size() && line.substr(0, key.size()) == key && line[key.size()] == '=') {
+        if (line.size() > key.size() && line.starts_with(key) && line[key.size()] == '=') {
             value = line.substr(key.size() + 1);
             return true;
         }
@@ -417,7 +417,7 @@ int QM_RemoveSessionInfo(const char *token, const char *key) {
             end = end == std::string::npos ? content.size() : end + 1;
             std::string_view line(content.data() + pos, end - pos);
             // Prefix match without the "=": removing USER also removes USERNAME.
-            if (line.substr(0, key_view.size()) != key_view) kept.append(line);
+            if (!line.starts_with(key_view)) kept.append(line);
             pos = end;
         }
         std::string temp = mapped + ".tmpXXXXXX";
