@@ -22,6 +22,11 @@ QM_EXPORT int cgi_out_write(const void *data, size_t len);
 QM_EXPORT int cgi_out_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 QM_EXPORT int cgi_out_vprintf(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 QM_EXPORT int cgi_out_flush(void);
+/* Writes a whole header block, "Status: <status> <reason>\r\nContent-type:
+ * <content_type>\r\n\r\n", for answers the product makes of its own accord
+ * (refused requests, unknown names, no session). Known statuses: 400, 403,
+ * 404, 413, 500, 503; any other is written with the reason "Error". */
+QM_EXPORT int cgi_out_status_header(int status, const char *content_type);
 
 #ifdef __cplusplus
 }

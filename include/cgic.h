@@ -123,6 +123,11 @@ QM_EXPORT extern int cgiHexValue[256];
 QM_EXPORT int cgiInitResources(FCGI_FILE *upload_sink);
 /* Frees every form entry (unlinking temporary files) and empties the list. */
 QM_EXPORT void cgiFreeResources(void);
+/* Why the last cgiInitResources refused the request, as an HTTP status: 413
+ * for a body over the limit, 400 for an unusable length or a short body,
+ * 500 when memory ran out; 0 when nothing was refused. Cleared by the next
+ * cgiInitResources or cgiFreeResources. */
+QM_EXPORT int cgiRefusedStatus(void);
 
 /* Urlencoded parsers. Results: 0 success, 1 out of memory, 2 short read
  * (fewer bytes than the content length), 3 nothing read. */
@@ -212,6 +217,10 @@ QM_EXPORT cgiFormResultType cgiCookies(char ***ptrToStringArray);
 
 /* ---- Header writers (to cgiOut) ---------------------------------------- */
 
+/* One header line "CONTENT-LANGUAGE: <HTTP_ACCEPT_LANGUAGE>", written only
+ * when the browser sent that header and its value is printable ASCII (a
+ * line break in it would add header lines of the visitor's own). */
+QM_EXPORT void cgiHeaderContentLanguage(void);
 /* Each of these three ends the header block: call exactly one of them,
  * after any cookie headers. */
 QM_EXPORT void cgiHeaderContentType(const char *mimeType);

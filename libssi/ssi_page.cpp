@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include "cgi_output.h"
+#include "cgic.h"
 #include "qm_config.h"
 #include "quelm_guard.h"
 #include "ssi.h"
@@ -197,9 +198,7 @@ int serve_page() {
         return 1;
     }
     const char *type = mime_type(file_name);
-    if (const char *language = std::getenv("HTTP_ACCEPT_LANGUAGE")) {
-        cgi_out_printf("CONTENT-LANGUAGE: %s\r\n", language);
-    }
+    cgiHeaderContentLanguage();
     cgi_out_printf("Content-type: %s\r\n\r\n", type);
     render_file(page, page.path_info, file_name, fd.get());
     return 0;

@@ -29,7 +29,10 @@
 #include "qm_login.h"
 #include "qm_session.h"
 #include "qm_token.h"
+#include "quelm_escape.h"
+#include "quelm_guard.h"
 #include "quelm_log.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
 
 namespace cgissi::auth {
@@ -62,16 +65,17 @@ constexpr const char *kVendorFunction = "webauth_check";
 constexpr int kVendorAccept = 1;
 constexpr int kModeChangePassword = 0;
 constexpr int kModeLogin = 1;
+// compat: the password and login messages name the design's function that
+// made them, whichever helper now writes them.
+constexpr const char *kUpdateSessionUser = "update_session_user";
 
-struct ValueFree {
-    void operator()(char *value) const noexcept { std::free(value); }
-};
-using PlatformText = std::unique_ptr<char, ValueFree>;
+// HTTP status of a login that cannot be served: the request has no session.
+constexpr int kNoSessionStatus = 403;
 
-struct RecordsFree {
-    void operator()(QM_DAT_record *records) const noexcept { QM_DAT_freedata(&records); }
-};
-using Records = std::unique_ptr<QM_DAT_record, RecordsFree>;
+using PlatformText = quelm::MallocString;
+
+void free_records(QM_DAT_record *records) { QM_DAT_freedata(&records); }
+using Records = std::unique_ptr<QM_DAT_record, quelm::CDeleter<free_records>>;
 
 class Library {
   public:
@@ -92,10 +96,6 @@ using VendorCheck = int (*)(int, const char *, const char *, const char *);
 const char *realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
 
 bool has_line_break(const char *s) { return s != nullptr && std::strpbrk(s, "\r\n") != nullptr; }
-
-bool ends_with(std::string_view text, std::string_view suffix) {
-    return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
-}
 
 // A form field that is there, not empty and fits its buffer.
 bool form_value(const char *name, char *out, int size) {
@@ -136,7 +136,7 @@ void remove_login() {
 // the store does not take. Nothing of a refused login stays behind.
 bool store_login(const char *login, const char *password, const char *services) {
     if (has_line_break(login) || has_line_break(password) || has_line_break(services)) {
-        quelm::log::print(LOG_ERR, "%s %d: refused a login value with a line break", "update_session_user",
+        quelm::log::print(LOG_ERR, "%s %d: refused a login value with a line break", kUpdateSessionUser,
                           __LINE__);
         remove_login();
         return false;
@@ -164,11 +164,11 @@ int change_password(const char *services, const char *object) {
     if (!form_value("newpassword1", posted, sizeof posted)) return 0;
     char fresh[QM_CRYPT_BUFFER_SIZE];
     if (!decrypt_posted_password(posted, fresh, sizeof fresh)) {
-        QM_LOG_print("%s %d: new password of %s is not an encrypted value", "update_session_user", __LINE__, object);
+        QM_LOG_print("%s %d: new password of %s is not an encrypted value", kUpdateSessionUser, __LINE__, object);
         return 0;
     }
     if (has_line_break(posted) || has_line_break(services) || has_line_break(fresh)) {
-        quelm::log::print(LOG_ERR, "%s %d: refused a password with a line break", "update_session_user", __LINE__);
+        quelm::log::print(LOG_ERR, "%s %d: refused a password with a line break", kUpdateSessionUser, __LINE__);
         return 0;
     }
     if (QM_HasSession() != 0) {
@@ -178,7 +178,7 @@ int change_password(const char *services, const char *object) {
         QM_SetSessionInfo(QM_SessionToken, "SERVICES", services);
     }
     if (SetPropertyStrValue(object, "Password", fresh) != 0) {
-        QM_LOG_print("%s %d: failed to set %s_Password", "update_session_user", __LINE__, object);
+        QM_LOG_print("%s %d: failed to set %s_Password", kUpdateSessionUser, __LINE__, object);
         return 0;
     }
     QM_FILE_commit(0);
@@ -192,6 +192,7 @@ int call_vendor_extension(int number, const char *login, const char *stored, con
     auto check = reinterpret_cast<VendorCheck>(::dlsym(library.get(), kVendorFunction));
     if (check == nullptr) {
         const char *error = ::dlerror();
+        // compat: the trailing newline of the message is the design's.
         quelm::log::print(LOG_ERR, "Failed to extract handle to webauth_check : %s\n", error != nullptr ? error : "");
         return -ENOENT;
     }
@@ -263,9 +264,9 @@ int parse_config_auth_signature(const char *seed, const char *level, int mode) {
     for (const QM_DAT_record *r = records.get(); r != nullptr; r = r->next) {
         std::string_view name = r->name != nullptr ? r->name : "";
         if (name.size() != kSuffixLength) {
-            if (ends_with(name, "Username")) copy_bounded(user, sizeof user, r->value);
-            else if (ends_with(name, "Password")) copy_bounded(password, sizeof password, r->value);
-            else if (ends_with(name, "Services")) copy_bounded(services, sizeof services, r->value);
+            if (name.ends_with("Username")) copy_bounded(user, sizeof user, r->value);
+            else if (name.ends_with("Password")) copy_bounded(password, sizeof password, r->value);
+            else if (name.ends_with("Services")) copy_bounded(services, sizeof services, r->value);
         }
         if (user[0] == '\0' || password[0] == '\0' || services[0] == '\0') continue;
         if (check_sha_sig(user, password, QM_SessionToken, seed) == 1) {
@@ -309,17 +310,23 @@ int retrieve_password(const char *login, const char *password, const char *level
     return result;
 }
 
-void redirect_html(const char *url, bool failed) {
-    // The first line names no header; browsers and the pages' scripts have
-    // always got it this way.
+// status 0 writes the answer as pages have always got it; any other status
+// puts a header block of its own before those same bytes.
+void redirect_html(const char *url, bool failed, int status = 0) {
+    if (status != 0) cgi_out_status_header(status, "text/html");
+    // compat: the first line names no header; the pages' scripts have always
+    // got it this way.
     cgi_out_printf("text/html\r\n\r\n<HTML>\n");
-    cgi_out_printf("<script>\r\ndocument.location.replace(\"%s%s\");\r\n</script>\r\n", url,
-                   failed ? "?pwd=ko" : "");
+    // The target is request text (the referrer): it is escaped for the
+    // script string it lands in.
+    cgi_out_printf("<script>\r\ndocument.location.replace(\"%s%s\");\r\n</script>\r\n",
+                   quelm::script_string(url != nullptr ? url : "").c_str(), failed ? "?pwd=ko" : "");
     cgi_out_printf("</HTML>\n");
     cgi_out_flush();
 }
 
-void redirect_json(bool failed) {
+void redirect_json(bool failed, int status = 0) {
+    if (status != 0) cgi_out_status_header(status, "text/plain");
     cgi_out_printf("text/plain\r\n\r\n");
     json::Writer answer(json::kLoginLayout);
     answer.begin_object();
@@ -332,18 +339,18 @@ void redirect_json(bool failed) {
     cgi_out_flush();
 }
 
-void redirect(int ok, const char *referrer) {
+void redirect(int ok, const char *referrer, int status = 0) {
     char target[kRedirectSize];
     // Read with one byte less than the buffer: "no" asks for the JSON answer
     // and anything of three characters or more (pages send "yes") falls back
     // to the referring page.
     if (cgiFormString("redirect", target, kRedirectSize - 1) != cgiFormSuccess) {
         if (ok != 0) QM_err_set(0);
-        redirect_html(referrer, ok == 0);
+        redirect_html(referrer, ok == 0, status);
     } else if (strcasecmp(target, "no") == 0) {
-        redirect_json(ok == 0);
+        redirect_json(ok == 0, status);
     } else {
-        redirect_html(target, ok == 0);
+        redirect_html(target, ok == 0, status);
     }
 }
 
@@ -401,27 +408,49 @@ void password_change(const std::string &referrer) {
     }
 }
 
+// Signed and plain logins write into the session, so without one they can
+// only fail; the answer says so with a status (the session was refused by
+// the request loop, which logged why).
+void refuse_without_session(const std::string &referrer) {
+    QM_LOG_print("%s %d: login refused: the request has no session", __func__, __LINE__);
+    redirect(0, referrer.c_str(), kNoSessionStatus);
+}
+
+void serve_login(const std::string &referrer) {
+    char cust_auth[kCustAuthSize];
+    char request[kRequestSize];
+    const bool custom = form_value("cust_auth", cust_auth, sizeof cust_auth);
+    const bool has_request = custom && form_value("request", request, sizeof request);
+    const bool change = has_request && std::strcmp(request, kAuthenticationRequest) != 0;
+    // A password change needs no session: it proves the current password.
+    if (!change && QM_HasSession() == 0) {
+        refuse_without_session(referrer);
+    } else if (!custom) {
+        signed_login(referrer);
+    } else if (change) {
+        password_change(referrer);
+    } else if (has_request) {
+        plain_login(referrer);
+    }
+}
+
 }  // namespace
 }  // namespace cgissi::auth
 
 extern "C" int login_cgi(int, char **) {
-    using namespace cgissi::auth;
-    QM_err_set(0);
-    std::string referrer = referring_page();
-    if (cgiInitResources(nullptr) != 0) return 0;
-    set_cgierror(QM_err_get());
-
-    char cust_auth[kCustAuthSize];
-    char request[kRequestSize];
-    if (!form_value("cust_auth", cust_auth, sizeof cust_auth)) {
-        signed_login(referrer);
-    } else if (form_value("request", request, sizeof request)) {
-        if (std::strcmp(request, kAuthenticationRequest) == 0) {
-            plain_login(referrer);
-        } else {
-            password_change(referrer);
+    return quelm::guarded(0, __func__, [] {
+        using namespace cgissi::auth;
+        QM_err_set(0);
+        std::string referrer = referring_page();
+        if (cgiInitResources(nullptr) != 0) {
+            // The design's answer to a refused body is empty; it gets a
+            // header block so that the browser gets a valid answer.
+            cgi_out_status_header(cgiRefusedStatus(), "text/html");
+            return 0;
         }
-    }
-    cgiFreeResources();
-    return 0;
+        set_cgierror(QM_err_get());
+        serve_login(referrer);
+        cgiFreeResources();
+        return 0;
+    });
 }

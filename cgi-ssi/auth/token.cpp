@@ -25,7 +25,11 @@
 #include "cgic.h"
 #include "qm_config.h"
 #include "qm_token.h"
+#include "quelm_guard.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
+#include "quelm_text.h"
+#include "session/token_name.h"
 
 extern "C" {
 char *last_token_name = nullptr;
@@ -53,33 +57,15 @@ constexpr const char *kInvalidMessage = "Token is invalid or your session has ex
 constexpr const char *kExpiredMessage = "Your session has expired. Please refresh the page.";
 constexpr const char *kUnreadableMessage = "Unknown error. Please refresh the page.";
 
-struct FileCloser {
-    void operator()(std::FILE *f) const noexcept { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-struct DirCloser {
-    void operator()(DIR *d) const noexcept { ::closedir(d); }
-};
-using Dir = std::unique_ptr<DIR, DirCloser>;
-
-struct LineFree {
-    void operator()(char *line) const noexcept { std::free(line); }
-};
-
-bool valid_token(std::string_view token) {
-    if (token.size() != QM_TOKEN_LENGTH) return false;
-    for (char c : token) {
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-        if (!ok) return false;
-    }
-    return true;
-}
+using File = quelm::UniqueFile;
+using Dir = quelm::UniqueDir;
+using cgissi::session::valid_token;
+static_assert(QM_TOKEN_LENGTH == cgissi::session::kTokenLength);
 
 bool is_token_path(const char *path) {
     if (path == nullptr) return false;
     std::string_view p = path;
-    return p.substr(0, kTokenPathPrefix.size()) == kTokenPathPrefix &&
+    return p.starts_with(kTokenPathPrefix) &&
            valid_token(p.substr(std::min(p.size(), kTokenPathPrefix.size())));
 }
 
@@ -131,214 +117,227 @@ using namespace cgissi::auth;
 extern "C" {
 
 int create_token(const char *text) {
-    if (text == nullptr) text = "";
-    if (std::strlen(text) + 1 >= kTokenTextLimit) {
-        QM_LOG_print("%s %d : token is too big\n", "create_token", __LINE__);
-        return -1;
-    }
-    std::string mapped = quelm::root_path(kTokenTemplate);
-    int fd = ::mkostemp(mapped.data(), O_CLOEXEC);
-    if (fd < 0) {
-        int error = errno;
-        QM_LOG_print("mkstemp failed with %d : %s\n", error, std::strerror(error));
-        return -1;
-    }
-    std::string token = mapped.substr(mapped.size() - QM_TOKEN_LENGTH);
-    std::string path = std::string(kTokenPathPrefix) + token;
+    return quelm::guarded(-1, __func__, [&, function = __func__]() -> int {
+        if (text == nullptr) text = "";
+        if (std::strlen(text) + 1 >= kTokenTextLimit) {
+            // compat: the trailing newline of the message is the design's.
+            QM_LOG_print("%s %d : token is too big\n", function, __LINE__);
+            return -1;
+        }
+        std::string mapped = quelm::root_path(kTokenTemplate);
+        int fd = ::mkostemp(mapped.data(), O_CLOEXEC);
+        if (fd < 0) {
+            int error = errno;
+            // compat: the trailing newline of the message is the design's.
+            QM_LOG_print("mkstemp failed with %d : %s\n", error, std::strerror(error));
+            return -1;
+        }
+        std::string token = mapped.substr(mapped.size() - QM_TOKEN_LENGTH);
+        std::string path = std::string(kTokenPathPrefix) + token;
 
-    int lifetime = kDefaultLifetime;
-    const char *rights = text;
-    if (const char *blank = std::strchr(text, ' ')) {
-        std::string number(text, static_cast<std::size_t>(blank - text));
-        lifetime = parse_int(number.c_str(), kDefaultLifetime);
-        if (lifetime == 0) lifetime = kDefaultLifetime;
-        rights = blank + 1;
-    }
+        int lifetime = kDefaultLifetime;
+        const char *rights = text;
+        if (const char *blank = std::strchr(text, ' ')) {
+            std::string number(text, static_cast<std::size_t>(blank - text));
+            lifetime = parse_int(number.c_str(), kDefaultLifetime);
+            if (lifetime == 0) lifetime = kDefaultLifetime;
+            rights = blank + 1;
+        }
 
-    std::FILE *raw = ::fdopen(fd, "w");
-    if (raw == nullptr) ::close(fd);
-    File file(raw);
-    bool written = file && std::fprintf(file.get(), "%d\n%s\n", lifetime, rights) > 0;
-    if (!written || std::fclose(file.release()) != 0) {
-        QM_LOG_print("%s %d : failed to write %s", "create_token", __LINE__, path.c_str());
-        ::unlink(mapped.c_str());
-        return -1;
-    }
-    refresh_token_timestamp(path.c_str(), lifetime);
-    cgi_out_printf("\"%s\"", token.c_str());
+        std::FILE *raw = ::fdopen(fd, "w");
+        if (raw == nullptr) ::close(fd);
+        File file(raw);
+        bool written = file && std::fprintf(file.get(), "%d\n%s\n", lifetime, rights) > 0;
+        if (!written || std::fclose(file.release()) != 0) {
+            QM_LOG_print("%s %d : failed to write %s", function, __LINE__, path.c_str());
+            ::unlink(mapped.c_str());
+            return -1;
+        }
+        refresh_token_timestamp(path.c_str(), lifetime);
+        cgi_out_printf("\"%s\"", token.c_str());
 
-    // The first token of a page is the one that "create=" and autolearn
-    // extend.
-    if (last_token_name == nullptr) {
-        hold_token(path, lifetime);
-    } else {
-        QM_LOG_print("%s %d: error, two or more tokens created !", "create_token", __LINE__);
-    }
-    flush_tokens();
-    return 0;
+        // The first token of a page is the one that "create=" and autolearn
+        // extend.
+        if (last_token_name == nullptr) {
+            hold_token(path, lifetime);
+        } else {
+            QM_LOG_print("%s %d: error, two or more tokens created !", function, __LINE__);
+        }
+        flush_tokens();
+        return 0;
+    });
 }
 
 int extend_token_create(const char *text) {
-    if (last_token_name == nullptr) {
-        QM_LOG_print("%s %d: last_token_name is NULL", "extend_token_create", __LINE__);
-        return -1;
-    }
-    std::string mapped = quelm::root_path(last_token_name);
-    File file = is_token_path(last_token_name) ? open_token_file(mapped, O_WRONLY | O_APPEND, "a") : nullptr;
-    struct stat st {};
-    if (!file || ::fstat(::fileno(file.get()), &st) != 0) {
-        QM_LOG_print("%s %d: failed to open %s", "extend_token_create", __LINE__, last_token_name);
-        return -1;
-    }
-    std::fprintf(file.get(), "%s\n", text != nullptr ? text : "");
-    keep_times(file.get(), st);
-    cgi_out_printf("\"\"");
-    return 0;
+    return quelm::guarded(-1, __func__, [&, function = __func__]() -> int {
+        if (last_token_name == nullptr) {
+            QM_LOG_print("%s %d: last_token_name is NULL", function, __LINE__);
+            return -1;
+        }
+        std::string mapped = quelm::root_path(last_token_name);
+        File file = is_token_path(last_token_name) ? open_token_file(mapped, O_WRONLY | O_APPEND, "a") : nullptr;
+        struct stat st {};
+        if (!file || ::fstat(::fileno(file.get()), &st) != 0) {
+            QM_LOG_print("%s %d: failed to open %s", function, __LINE__, last_token_name);
+            return -1;
+        }
+        std::fprintf(file.get(), "%s\n", text != nullptr ? text : "");
+        keep_times(file.get(), st);
+        cgi_out_printf("\"\"");
+        return 0;
+    });
 }
 
 int extend_token(const char *path, const char *name) {
-    if (!is_token_path(path) || name == nullptr || std::strpbrk(name, "\r\n") != nullptr) {
-        QM_LOG_print("%s %d: refused to extend %s", "extend_token", __LINE__, path != nullptr ? path : "(null)");
-        return 0;
-    }
-    std::string mapped = quelm::root_path(path);
-    std::string copy = mapped + kCopySuffix;
-    File in = open_token_file(mapped, O_RDONLY, "r");
-    struct stat st {};
-    if (!in || ::fstat(::fileno(in.get()), &st) != 0) {
-        QM_LOG_print("%s %d: failed to open %s", "extend_token", __LINE__, path);
-        return 0;
-    }
-    File out = open_token_file(copy, O_WRONLY | O_CREAT | O_TRUNC, "w");
-    if (!out) {
-        QM_LOG_print("%s %d: failed to open %s%s", "extend_token", __LINE__, path, kCopySuffix);
-        return 0;
-    }
-    // Whole lines: a rights line longer than a read buffer must not split
-    // into a further line, which would read as a "create=" line.
-    std::unique_ptr<char, LineFree> line;
-    std::size_t capacity = 0;
-    int number = 0;
-    bool rights_done = false;
-    for (;;) {
-        char *buffer = line.release();
-        ssize_t length = ::getline(&buffer, &capacity, in.get());
-        line.reset(buffer);
-        if (length < 0) break;
-        ++number;
-        if (number == 2) {
-            std::string_view rights(buffer, static_cast<std::size_t>(length));
-            if (!rights.empty() && rights.back() == '\n') rights.remove_suffix(1);
-            std::fprintf(out.get(), "%.*s,%s\n", static_cast<int>(rights.size()), rights.data(), name);
-            rights_done = true;
-        } else {
-            std::fwrite(buffer, 1, static_cast<std::size_t>(length), out.get());
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
+        if (!is_token_path(path) || name == nullptr || std::strpbrk(name, "\r\n") != nullptr) {
+            QM_LOG_print("%s %d: refused to extend %s", function, __LINE__, path != nullptr ? path : "(null)");
+            return 0;
         }
-    }
-    if (!rights_done) std::fprintf(out.get(), ",%s\n", name);
-    keep_times(out.get(), st);
-    if (std::ferror(out.get()) != 0 || std::fclose(out.release()) != 0 ||
-        ::rename(copy.c_str(), mapped.c_str()) != 0) {
-        QM_LOG_print("%s %d: failed to rewrite %s", "extend_token", __LINE__, path);
-        ::unlink(copy.c_str());
-    }
-    return 0;
+        std::string mapped = quelm::root_path(path);
+        std::string copy = mapped + kCopySuffix;
+        File in = open_token_file(mapped, O_RDONLY, "r");
+        struct stat st {};
+        if (!in || ::fstat(::fileno(in.get()), &st) != 0) {
+            QM_LOG_print("%s %d: failed to open %s", function, __LINE__, path);
+            return 0;
+        }
+        File out = open_token_file(copy, O_WRONLY | O_CREAT | O_TRUNC, "w");
+        if (!out) {
+            QM_LOG_print("%s %d: failed to open %s%s", function, __LINE__, path, kCopySuffix);
+            return 0;
+        }
+        // Whole lines: a rights line longer than a read buffer must not split
+        // into a further line, which would read as a "create=" line.
+        quelm::MallocString line;
+        std::size_t capacity = 0;
+        int number = 0;
+        bool rights_done = false;
+        for (;;) {
+            char *buffer = line.release();
+            ssize_t length = ::getline(&buffer, &capacity, in.get());
+            line.reset(buffer);
+            if (length < 0) break;
+            ++number;
+            if (number == 2) {
+                std::string_view rights(buffer, static_cast<std::size_t>(length));
+                if (!rights.empty() && rights.back() == '\n') rights.remove_suffix(1);
+                std::fprintf(out.get(), "%.*s,%s\n", static_cast<int>(rights.size()), rights.data(), name);
+                rights_done = true;
+            } else {
+                std::fwrite(buffer, 1, static_cast<std::size_t>(length), out.get());
+            }
+        }
+        if (!rights_done) std::fprintf(out.get(), ",%s\n", name);
+        keep_times(out.get(), st);
+        if (std::ferror(out.get()) != 0 || std::fclose(out.release()) != 0 ||
+            ::rename(copy.c_str(), mapped.c_str()) != 0) {
+            QM_LOG_print("%s %d: failed to rewrite %s", function, __LINE__, path);
+            ::unlink(copy.c_str());
+        }
+        return 0;
+    });
 }
 
 int refresh_token_timestamp(const char *path, int lifetime) {
-    if (path == nullptr || *path == '\0') return -1;
-    std::time_t now = std::time(nullptr);
-    const struct timespec times[2] = {{now, 0}, {now + lifetime, 0}};
-    if (!is_token_path(path) ||
-        ::utimensat(AT_FDCWD, quelm::root_path(path).c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
-        QM_LOG_print("%s %d: failed to update tokenfile timestamp", "refresh_token_timestamp", __LINE__);
-        return -1;
-    }
-    return 0;
+    return quelm::guarded(-1, __func__, [&, function = __func__]() -> int {
+        if (path == nullptr || *path == '\0') return -1;
+        std::time_t now = std::time(nullptr);
+        const struct timespec times[2] = {{now, 0}, {now + lifetime, 0}};
+        if (!is_token_path(path) ||
+            ::utimensat(AT_FDCWD, quelm::root_path(path).c_str(), times, AT_SYMLINK_NOFOLLOW) != 0) {
+            QM_LOG_print("%s %d: failed to update tokenfile timestamp", function, __LINE__);
+            return -1;
+        }
+        return 0;
+    });
 }
 
 int get_token_rights(token_context *context) {
-    if (context == nullptr) return QM_TOKEN_MISSING;
-    context->rights[0] = '\0';
-    char token[kTokenFieldSize] = {};
-    if (cgiFormString("token", token, sizeof token) == cgiFormNotFound) {
-        record(context, kNoTokenMessage);
-        return QM_TOKEN_MISSING;
-    }
-    if (!valid_token(token)) {
-        record(context, kInvalidMessage);
-        return QM_TOKEN_UNKNOWN;
-    }
-    std::string path = std::string(kTokenPathPrefix) + token;
-    std::string mapped = quelm::root_path(path);
-    struct stat st {};
-    if (::stat(mapped.c_str(), &st) != 0) {
-        record(context, kExpiredMessage);
-        return QM_TOKEN_UNKNOWN;
-    }
-    // The modification time is the expiry: the token is still good in that
-    // very second.
-    if (std::time(nullptr) - st.st_mtime >= 1) {
-        record(context, kExpiredMessage);
-        ::unlink(mapped.c_str());
-        return QM_TOKEN_EXPIRED;
-    }
-    File file = S_ISREG(st.st_mode) ? open_token_file(mapped, O_RDONLY, "r") : nullptr;
-    char lifetime_line[kLifetimeLineSize] = {};
-    if (!file || std::fgets(lifetime_line, sizeof lifetime_line, file.get()) == nullptr) {
-        record(context, kUnreadableMessage);
-        return QM_TOKEN_UNREADABLE;
-    }
-    if (std::fgets(context->rights, sizeof context->rights, file.get()) == nullptr) context->rights[0] = '\0';
-    std::size_t length = std::strlen(context->rights);
-    if (length > 0 && context->rights[length - 1] == '\n') context->rights[length - 1] = '\0';
+    return quelm::guarded(static_cast<int>(QM_TOKEN_UNREADABLE), __func__, [&]() -> int {
+        if (context == nullptr) return QM_TOKEN_MISSING;
+        context->rights[0] = '\0';
+        char token[kTokenFieldSize] = {};
+        if (cgiFormString("token", token, sizeof token) == cgiFormNotFound) {
+            record(context, kNoTokenMessage);
+            return QM_TOKEN_MISSING;
+        }
+        if (!valid_token(token)) {
+            record(context, kInvalidMessage);
+            return QM_TOKEN_UNKNOWN;
+        }
+        std::string path = std::string(kTokenPathPrefix) + token;
+        std::string mapped = quelm::root_path(path);
+        struct stat st {};
+        if (::stat(mapped.c_str(), &st) != 0) {
+            record(context, kExpiredMessage);
+            return QM_TOKEN_UNKNOWN;
+        }
+        // The modification time is the expiry: the token is still good in that
+        // very second.
+        if (std::time(nullptr) - st.st_mtime >= 1) {
+            record(context, kExpiredMessage);
+            ::unlink(mapped.c_str());
+            return QM_TOKEN_EXPIRED;
+        }
+        File file = S_ISREG(st.st_mode) ? open_token_file(mapped, O_RDONLY, "r") : nullptr;
+        char lifetime_line[kLifetimeLineSize] = {};
+        if (!file || std::fgets(lifetime_line, sizeof lifetime_line, file.get()) == nullptr) {
+            record(context, kUnreadableMessage);
+            return QM_TOKEN_UNREADABLE;
+        }
+        if (std::fgets(context->rights, sizeof context->rights, file.get()) == nullptr) context->rights[0] = '\0';
+        std::size_t length = std::strlen(context->rights);
+        if (length > 0 && context->rights[length - 1] == '\n') context->rights[length - 1] = '\0';
 
-    int lifetime = parse_int(lifetime_line, 0);
-    refresh_token_timestamp(path.c_str(), lifetime);
-    hold_token(path, lifetime);
-    return QM_TOKEN_VALID;
+        int lifetime = parse_int(lifetime_line, 0);
+        refresh_token_timestamp(path.c_str(), lifetime);
+        hold_token(path, lifetime);
+        return QM_TOKEN_VALID;
+    });
 }
 
 int has_right(const char *rights, const char *object) {
-    if (rights == nullptr || object == nullptr) return 0;
-    std::string_view all = rights;
-    if (all == "all") return 1;
-    std::string_view path = object;
-    std::size_t pos = 0;
-    while (pos <= all.size()) {
-        std::size_t comma = all.find(',', pos);
-        if (comma == std::string_view::npos) comma = all.size();
-        std::string_view item = all.substr(pos, comma - pos);
-        // Empty items (",Wifi", "a,,b") grant nothing: they would match
-        // every path.
-        if (!item.empty() && path.find(item) != std::string_view::npos) return 1;
-        pos = comma + 1;
-    }
-    return 0;
+    return quelm::guarded(0, __func__, [&]() -> int {
+        if (rights == nullptr || object == nullptr) return 0;
+        std::string_view all = rights;
+        if (all == "all") return 1;
+        std::string_view path = object;
+        // Empty items (",Wifi", "a,,b") grant nothing: they would match every
+        // path.
+        const bool granted = !quelm::split(all, ',', [&](std::string_view item) {
+            return item.empty() || path.find(item) == std::string_view::npos;
+        });
+        return granted ? 1 : 0;
+    });
 }
 
 void flush_tokens(void) {
-    Dir dir(::opendir(quelm::root_path(kTokenDir).c_str()));
-    if (!dir) {
-        QM_LOG_print("failed to check %s", kTokenDir);
-        return;
-    }
-    std::time_t now = std::time(nullptr);
-    while (const struct dirent *entry = ::readdir(dir.get())) {
-        std::string_view name = entry->d_name;
-        if (name.empty() || name[0] == '.' || name.substr(0, kTokenFilePrefix.size()) != kTokenFilePrefix) continue;
-        std::string path = std::string(kTokenDir) + "/" + entry->d_name;
-        std::string mapped = quelm::root_path(path);
-        struct stat st {};
-        if (::lstat(mapped.c_str(), &st) == 0 && now - st.st_mtime > 0) {
-            QM_LOG_print("Removing %s", path.c_str());
-            ::unlink(mapped.c_str());
+    quelm::guarded(__func__, [&] {
+        Dir dir(::opendir(quelm::root_path(kTokenDir).c_str()));
+        if (!dir) {
+            QM_LOG_print("failed to check %s", kTokenDir);
+            return;
         }
-    }
+        std::time_t now = std::time(nullptr);
+        while (const struct dirent *entry = ::readdir(dir.get())) {
+            std::string_view name = entry->d_name;
+            if (name.empty() || name[0] == '.' || !name.starts_with(kTokenFilePrefix)) continue;
+            std::string path = std::string(kTokenDir) + "/" + entry->d_name;
+            std::string mapped = quelm::root_path(path);
+            struct stat st {};
+            if (::lstat(mapped.c_str(), &st) == 0 && now - st.st_mtime > 0) {
+                QM_LOG_print("Removing %s", path.c_str());
+                ::unlink(mapped.c_str());
+            }
+        }
+    });
 }
 
 void remove_current_token(void) {
-    if (is_token_path(last_token_name)) ::unlink(quelm::root_path(last_token_name).c_str());
+    quelm::guarded(__func__, [&] {
+        if (is_token_path(last_token_name)) ::unlink(quelm::root_path(last_token_name).c_str());
+    });
 }
 
 void remove_last_token_name(void) {

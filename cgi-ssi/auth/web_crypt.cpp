@@ -14,11 +14,13 @@
 
 #include "qm_config.h"
 #include "qm_login.h"
+#include "quelm_guard.h"
+#include "quelm_text.h"
 
 namespace cgissi::auth {
 namespace {
 
-// Pages and log parsers in the field know the decrypt errors by this file
+// compat: pages and log parsers in the field know the decrypt errors by this file
 // name and these line numbers.
 constexpr const char *kSourceName = "web_crypt";
 constexpr int kOddLengthLine = 98;
@@ -51,13 +53,6 @@ class CyclicKey {
     std::string_view key_;
 };
 
-int hex_digit(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
 // Base64 filter without line breaks, reading from or writing to memory.
 Bio base64_filter(BIO *memory) {
     if (memory == nullptr) return nullptr;
@@ -73,19 +68,16 @@ Bio base64_filter(BIO *memory) {
 // Two upper-case hex digits per character.
 std::string hex_encrypt(const char *key, std::string_view plain) {
     CyclicKey k(key);
-    std::string out;
-    out.reserve(plain.size() * kHexDigitsPerChar);
+    std::string cipher(plain.size(), '\0');
     for (std::size_t i = 0; i < plain.size(); ++i) {
         int v = static_cast<signed char>(plain[i]) + k.at(i);
         if (v >= kWrap) v -= kWrap;
         if (v >= kPrintableEnd) v -= kWrap;
-        char pair[kHexDigitsPerChar + 1];
         // Bytes outside ASCII can make v negative; its low byte keeps the
         // text at two digits per character.
-        std::snprintf(pair, sizeof pair, "%02X", static_cast<unsigned>(v) & 0xFFu);
-        out += pair;
+        cipher[i] = static_cast<char>(static_cast<unsigned>(v) & 0xFFu);
     }
-    return out;
+    return quelm::hex_encode(cipher, quelm::HexCase::upper);
 }
 
 }  // namespace
@@ -113,42 +105,46 @@ char *encode64(const void *input, size_t length, char *output, size_t size) {
 }
 
 char *decode64(const char *text, char *output, size_t size) {
-    if (output == nullptr || size == 0) return nullptr;
-    std::memset(output, 0, size);
-    if (text == nullptr) return nullptr;
-    std::size_t length = std::strlen(text);
-    if (length == 0) return nullptr;
-    Bio bio = base64_filter(BIO_new_mem_buf(text, static_cast<int>(length)));
-    if (!bio) return nullptr;
-    // Decoded data is never longer than three quarters of the text.
-    std::vector<char> decoded(length / 4 * 3 + 3);
-    std::size_t got = 0;
-    while (got < decoded.size()) {
-        int n = BIO_read(bio.get(), decoded.data() + got, static_cast<int>(decoded.size() - got));
-        if (n <= 0) break;
-        got += static_cast<std::size_t>(n);
-    }
-    if (got < 1 || got > size - 1) return nullptr;
-    std::memcpy(output, decoded.data(), got);
-    return output;
+    return quelm::guarded<char *>(nullptr, __func__, [&]() -> char * {
+        if (output == nullptr || size == 0) return nullptr;
+        std::memset(output, 0, size);
+        if (text == nullptr) return nullptr;
+        std::size_t length = std::strlen(text);
+        if (length == 0) return nullptr;
+        Bio bio = base64_filter(BIO_new_mem_buf(text, static_cast<int>(length)));
+        if (!bio) return nullptr;
+        // Decoded data is never longer than three quarters of the text.
+        std::vector<char> decoded(length / 4 * 3 + 3);
+        std::size_t got = 0;
+        while (got < decoded.size()) {
+            int n = BIO_read(bio.get(), decoded.data() + got, static_cast<int>(decoded.size() - got));
+            if (n <= 0) break;
+            got += static_cast<std::size_t>(n);
+        }
+        if (got < 1 || got > size - 1) return nullptr;
+        std::memcpy(output, decoded.data(), got);
+        return output;
+    });
 }
 
 int encrypt_post_buffer(const char *key, const char *plain, char *output, size_t size) {
-    if (output == nullptr) return 0;
-    std::string_view text = plain != nullptr ? plain : "";
-    // Room for two digits per character and the terminator. (Older firmware
-    // only checked index + 2 against the size and wrote past the buffer.)
-    std::size_t chars = text.size();
-    std::size_t fit = size > 0 ? (size - 1) / kHexDigitsPerChar : 0;
-    if (size == 0 || chars > fit) {
-        QM_LOG_print("Error: not enough space to store encryption: have %d, require %d", static_cast<int>(fit),
-                     static_cast<int>(size));
-        if (size > 0) output[0] = '\0';
-        return 0;
-    }
-    std::string hex = hex_encrypt(key, text);
-    std::memcpy(output, hex.c_str(), hex.size() + 1);
-    return 1;
+    return quelm::guarded(0, __func__, [&]() -> int {
+        if (output == nullptr) return 0;
+        std::string_view text = plain != nullptr ? plain : "";
+        // Room for two digits per character and the terminator. (Older firmware
+        // only checked index + 2 against the size and wrote past the buffer.)
+        std::size_t chars = text.size();
+        std::size_t fit = size > 0 ? (size - 1) / kHexDigitsPerChar : 0;
+        if (size == 0 || chars > fit) {
+            QM_LOG_print("Error: not enough space to store encryption: have %d, require %d", static_cast<int>(fit),
+                         static_cast<int>(size));
+            if (size > 0) output[0] = '\0';
+            return 0;
+        }
+        std::string hex = hex_encrypt(key, text);
+        std::memcpy(output, hex.c_str(), hex.size() + 1);
+        return 1;
+    });
 }
 
 char *decrypt_post_value(const char *key, const char *hex, char *output, size_t size) {
@@ -168,8 +164,8 @@ char *decrypt_post_value(const char *key, const char *hex, char *output, size_t 
     CyclicKey k(key);
     for (std::size_t i = 0; i < count; ++i) {
         char pair[kHexDigitsPerChar + 1] = {text[2 * i], text[2 * i + 1], '\0'};
-        int high = hex_digit(pair[0]);
-        int low = hex_digit(pair[1]);
+        int high = quelm::hex_value(pair[0]);
+        int low = quelm::hex_value(pair[1]);
         if (high < 0 || low < 0) {
             char offending = high < 0 ? pair[0] : pair[1];
             QM_LOG_print("%s:%d Error on %s '%d'\n", kSourceName, kBadPairLine, pair, offending);
@@ -184,43 +180,44 @@ char *decrypt_post_value(const char *key, const char *hex, char *output, size_t 
 }
 
 const char *get_sha_signature(const void *data, size_t length) {
-    static char signature[QM_SHA_SIGNATURE_LENGTH + 1];
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int digest_length = 0;
-    static const unsigned char kNothing = 0;
-    if (data == nullptr) {
-        data = &kNothing;
-        length = 0;
-    }
-    signature[0] = '\0';
-    if (EVP_Digest(data, length, digest, &digest_length, EVP_sha256(), nullptr) != 1 ||
-        digest_length != kSha256Size) {
+    return quelm::guarded<const char *>("", __func__, [&]() -> const char * {
+        static char signature[QM_SHA_SIGNATURE_LENGTH + 1];
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned int digest_length = 0;
+        static const unsigned char kNothing = 0;
+        if (data == nullptr) {
+            data = &kNothing;
+            length = 0;
+        }
+        signature[0] = '\0';
+        if (EVP_Digest(data, length, digest, &digest_length, EVP_sha256(), nullptr) != 1 ||
+            digest_length != kSha256Size) {
+            return signature;
+        }
+        const std::string_view bytes(reinterpret_cast<const char *>(digest), digest_length);
+        const std::string hex = quelm::hex_encode(bytes);
+        std::memcpy(signature, hex.c_str(), QM_SHA_SIGNATURE_LENGTH + 1);
         return signature;
-    }
-    static constexpr char kDigits[] = "0123456789abcdef";
-    for (unsigned int i = 0; i < digest_length; ++i) {
-        signature[2 * i] = kDigits[digest[i] >> 4];
-        signature[2 * i + 1] = kDigits[digest[i] & 0x0F];
-    }
-    signature[QM_SHA_SIGNATURE_LENGTH] = '\0';
-    return signature;
+    });
 }
 
 int check_sha_sig(const char *user, const char *password, const char *key, const char *signature) {
-    std::string text = std::string(user != nullptr ? user : "") + ":" + (password != nullptr ? password : "");
-    char hex[QM_CRYPT_BUFFER_SIZE];
-    if (encrypt_post_buffer(key, text.c_str(), hex, sizeof hex) == 0) {
-        QM_LOG_print("Error: encrypt_post_buffer error");
-        return 0;
-    }
-    char encoded[QM_CRYPT_BUFFER_SIZE];
-    if (encode64(hex, std::strlen(hex), encoded, sizeof encoded) == nullptr) {
-        // The cipher text, not the password itself, goes to the log.
-        QM_LOG_print("Error: encrypting %s", hex);
-        return 0;
-    }
-    const char *expected = get_sha_signature(encoded, std::strlen(encoded));
-    if (signature == nullptr || std::strlen(signature) != QM_SHA_SIGNATURE_LENGTH) return 0;
-    return CRYPTO_memcmp(expected, signature, QM_SHA_SIGNATURE_LENGTH) == 0 ? 1 : 0;
+    return quelm::guarded(0, __func__, [&]() -> int {
+        std::string text = std::string(user != nullptr ? user : "") + ":" + (password != nullptr ? password : "");
+        char hex[QM_CRYPT_BUFFER_SIZE];
+        if (encrypt_post_buffer(key, text.c_str(), hex, sizeof hex) == 0) {
+            QM_LOG_print("Error: encrypt_post_buffer error");
+            return 0;
+        }
+        char encoded[QM_CRYPT_BUFFER_SIZE];
+        if (encode64(hex, std::strlen(hex), encoded, sizeof encoded) == nullptr) {
+            // The cipher text, not the password itself, goes to the log.
+            QM_LOG_print("Error: encrypting %s", hex);
+            return 0;
+        }
+        const char *expected = get_sha_signature(encoded, std::strlen(encoded));
+        if (signature == nullptr || std::strlen(signature) != QM_SHA_SIGNATURE_LENGTH) return 0;
+        return CRYPTO_memcmp(expected, signature, QM_SHA_SIGNATURE_LENGTH) == 0 ? 1 : 0;
+    });
 }
 }

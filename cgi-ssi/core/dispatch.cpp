@@ -44,6 +44,8 @@ constexpr BuiltinCgi kBuiltins[kBuiltinCount] = {
 constexpr std::string_view kSessionNameTemplate = "QM_%s_ID";
 constexpr const char *kSessionLimitFile = "/var/quelm/webiad.d/http_session_maxlimit";
 constexpr std::size_t kPathSize = 1024;
+constexpr int kNotFoundStatus = 404;      // no built-in and no plugin of that name
+constexpr int kSessionLimitStatus = 503;  // no room for a new session
 
 // Identity under which the system log is reopened after a plugin call.
 char default_name[kBuiltinNameSize * 8] = "";
@@ -91,6 +93,7 @@ void set_session_name(const char *realm) {
     if (kSessionNameTemplate.size() + std::strlen(realm) - 2 < QM_SESSION_NAME_SIZE) {
         std::snprintf(QM_SessionName, sizeof QM_SessionName, "QM_%s_ID", realm);
     } else {
+        // compat: "Warnig" as log readers in the field match it.
         QM_LOG_print("Warnig: sizeof realm '%s' set to HttpServer[%s] is too big, please change it !", realm,
                      QM_HttpServerId);
     }
@@ -109,9 +112,54 @@ bool attach_session() {
     if (result == cgiFormTruncated) result = cgiFormNotFound;
     if (result == cgiFormSuccess && QM_InitSession(value) == 0) result = cgiFormNotFound;
     if (result == cgiFormNotFound && QM_CreateSession() == -1) return false;
-    // Byte-exact: pages and proxies in the field expect this spacing.
+    // compat: pages and proxies in the field expect this spacing.
     cgi_out_printf("Set-Cookie: %s=%s;  Path=%s; \r\n", QM_SessionName,
                    QM_SessionToken != nullptr ? QM_SessionToken : "", "/");
+    return true;
+}
+
+// The session limit is reached: the visitor gets a short page saying so.
+void answer_session_limit() {
+    cgi_out_status_header(kSessionLimitStatus, "text/html");
+    cgi_out_printf("<HTML><BODY>Too many open sessions: please try again later.</BODY></HTML>\n");
+    cgi_out_flush();
+}
+
+// The built-in row of that name, searched in table order; null when none.
+const BuiltinCgi *find_builtin(const char *name) {
+    for (const BuiltinCgi &candidate : kBuiltins) {
+        if (std::strcmp(candidate.name, name) == 0) return &candidate;
+    }
+    return nullptr;
+}
+
+// Session step of a request: cookie name, limit, flush, then the visitor's
+// session when the page kind and the Host call for one. False when the
+// request ends here (no room for a new session; the visitor is told).
+bool set_up_session(std::string_view ext) {
+    bool want_session = srv_skip_session() == 0 && session_extension(ext);
+
+    if (QM_SessionRealm != nullptr) {
+        set_session_name(QM_SessionRealm);
+    } else {
+        QM_SessionRealm = "";
+        want_session = false;
+        QM_SessionName[0] = '\0';
+    }
+
+    read_session_limit();
+    QM_FlushSessions();
+
+    if (want_session && QM_GetHostSession() != 0) {
+        if (!attach_session()) {
+            answer_session_limit();
+            return false;
+        }
+    } else if (want_session) {
+        const char *host = std::getenv("HTTP_HOST");
+        QM_LOG_print("no session for this request: host '%s' is not a name of the gateway",
+                     host != nullptr ? host : "");
+    }
     return true;
 }
 
@@ -158,6 +206,7 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
     if (ext == ".cgi") {
         std::size_t slash = page.rfind('/');
         if (slash == std::string_view::npos) {
+            // compat: "Mistmatch" as log readers in the field match it.
             QM_LOG_print("Mistmatch plugin_name: %.*s", static_cast<int>(page.size()), page.data());
             return -1;
         }
@@ -170,34 +219,14 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
         return try_call_shared_plugin(script_name, argc, argv);
     }
 
-    bool want_session = srv_skip_session() == 0 && session_extension(ext);
+    if (!set_up_session(ext)) return -1;
 
-    if (QM_SessionRealm != nullptr) {
-        set_session_name(QM_SessionRealm);
-    } else {
-        QM_SessionRealm = "";
-        want_session = false;
-        QM_SessionName[0] = '\0';
-    }
-
-    read_session_limit();
-    QM_FlushSessions();
-
-    if (want_session && QM_GetHostSession() != 0) {
-        if (!attach_session()) return -1;
-    }
-
-    const BuiltinCgi *row = nullptr;
-    for (const BuiltinCgi &candidate : kBuiltins) {
-        if (std::strcmp(candidate.name, script_name) == 0) {
-            row = &candidate;
-            break;
-        }
-    }
+    const BuiltinCgi *row = find_builtin(script_name);
 
     if (row == nullptr) {
         quelm::log::close();
         int result = try_call_shared_plugin(script_name, argc, argv);
+        if (result == -1) cgi_out_status_header(kNotFoundStatus, "text/html");
         quelm::log::open(default_name);
         remove_last_token_name();
         QM_clean_session();

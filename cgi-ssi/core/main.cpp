@@ -9,7 +9,9 @@
 #include "core/dispatch.h"
 #include "qm_config.h"
 #include "qm_session.h"
+#include "quelm_guard.h"
 #include "quelm_root.h"
+#include "session/session_store.h"
 
 int main(int argc, char **argv) {
     // The environment is replaced by each request's parameters from here on.
@@ -17,10 +19,13 @@ int main(int argc, char **argv) {
 
     plugin_registry_handle registry = nullptr;
     cgissi::init_cgi(&registry);
+    cgissi::session::secure_store_directory();
 
     while (FCGI_Accept() >= 0) {
         QM_SessionRealm = std::getenv("QUELM_REALM");
-        main_CGI(&registry, argc, argv);
+        // One request's failure (memory exhaustion above all) ends that
+        // request, not the responder.
+        quelm::guarded(-1, "main_CGI", [&] { return main_CGI(&registry, argc, argv); });
     }
     QM_Cfg_Free();
     return 0;

@@ -1,16 +1,19 @@
 // Cookie lookup in the request's Cookie header (the cgiCookie global).
-#include <cctype>
 #include <cstring>
 #include <string_view>
 #include <vector>
 
 #include "cgic.h"
+#include "quelm_chars.h"
+#include "quelm_guard.h"
+#include "quelm_text.h"
 #include "request/request_internal.h"
 
 namespace cgissi::request {
 namespace {
 
-bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+// C's isspace set, as the header has always been read.
+constexpr bool is_space(char c) { return quelm::is_c_space(c); }
 
 std::string_view cookie_header() { return cgiCookie != nullptr ? std::string_view(cgiCookie) : std::string_view(); }
 
@@ -20,7 +23,7 @@ bool find_cookie(std::string_view header, std::string_view name, std::string_vie
     std::size_t pos = 0;
     for (;;) {
         std::string_view rest = header.substr(pos);
-        if (rest.size() > name.size() && rest.substr(0, name.size()) == name && rest[name.size()] == '=') {
+        if (rest.size() > name.size() && rest.starts_with(name) && rest[name.size()] == '=') {
             rest.remove_prefix(name.size() + 1);
             *value = rest.substr(0, rest.find(';'));
             return true;
@@ -58,33 +61,16 @@ extern "C" cgiFormResultType cgiCookieInteger(const char *name, int *result, int
 }
 
 extern "C" cgiFormResultType cgiCookies(char ***ptrToStringArray) {
-    // Names are the text before "=" of each ";"-separated cookie, leading
-    // white space skipped; a cookie without "=" or without a name is no name.
-    std::vector<std::string_view> names;
-    std::string_view header = cookie_header();
-    while (!header.empty()) {
-        std::size_t end = header.find(';');
-        std::string_view cookie = header.substr(0, end);
-        while (!cookie.empty() && is_space(cookie.front())) cookie.remove_prefix(1);
-        std::size_t equals = cookie.find('=');
-        if (equals != std::string_view::npos && equals != 0) names.push_back(cookie.substr(0, equals));
-        if (end == std::string_view::npos) break;
-        header.remove_prefix(end + 1);
-    }
-
-    char **array = static_cast<char **>(std::calloc(names.size() + 1, sizeof(char *)));
-    if (array == nullptr) {
+    return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
+        // Names are the text before "=" of each ";"-separated cookie, leading
+        // white space skipped; a cookie without "=" or without a name is no name.
         *ptrToStringArray = nullptr;
-        return cgiFormMemory;
-    }
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        array[i] = copy_text(names[i]).release();
-        if (array[i] == nullptr) {
-            cgiStringArrayFree(array);
-            *ptrToStringArray = nullptr;
-            return cgiFormMemory;
-        }
-    }
-    *ptrToStringArray = array;
-    return cgiFormSuccess;
+        std::vector<std::string_view> names;
+        quelm::split(cookie_header(), ';', [&](std::string_view cookie) {
+            while (!cookie.empty() && is_space(cookie.front())) cookie.remove_prefix(1);
+            std::size_t equals = cookie.find('=');
+            if (equals != std::string_view::npos && equals != 0) names.push_back(cookie.substr(0, equals));
+        });
+        return string_array(names, ptrToStringArray);
+    });
 }

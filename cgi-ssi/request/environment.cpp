@@ -1,15 +1,17 @@
 // Request set-up and tear-down: the CGI environment globals, the body length
 // and its limits, and the choice of form parser.
-#include <cctype>
 #include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "cgic.h"
+#include "quelm_chars.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
 #include "request/request_internal.h"
 
@@ -53,13 +55,26 @@ namespace {
 
 constexpr std::string_view kTempTemplate = "/var/tmp/cgicXXXXXX";
 constexpr std::string_view kBoundaryParameter = "boundary=";
-constexpr mode_t kTempFileMode = 0777;
+// Upload temporaries are the responder's own: nobody else reads them.
+constexpr mode_t kTempFileMode = 0600;
+
+// HTTP status of the last refusal (see cgiRefusedStatus).
+int refused_status = 0;
 
 // Filled before main so that the unescaper works even in code that parses
 // without a request (tests, tools); every cgiInitResources refills it.
 const bool hex_table_ready = (cgiSetupConstants(), true);
 
-bool is_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+// Refuses the request: the form is dropped and the reason kept for the
+// handler's answer.
+int refuse(int status) {
+    cgiFreeResources();
+    refused_status = status;
+    return -1;
+}
+
+// Status for a failed urlencoded parse (1 out of memory, 2 and 3 short body).
+int parse_failure_status(int result) { return result == 1 ? 500 : 400; }
 
 // Reads and drops the rest of a stream.
 void drain(FCGI_FILE *stream) {
@@ -78,7 +93,7 @@ std::size_t read_input(FCGI_FILE *stream, void *buffer, std::size_t size) {
 bool parse_length(const char *text, int *length) {
     *length = 0;
     if (text == nullptr) return true;
-    while (is_space(*text)) ++text;
+    while (quelm::is_c_space(*text)) ++text;
     bool negative = false;
     if (*text == '-' || *text == '+') {
         negative = *text == '-';
@@ -101,11 +116,11 @@ const char *split_content_type(char *content_type) {
     while (semicolon != nullptr) {
         *semicolon = '\0';
         char *parameter = semicolon + 1;
-        while (is_space(*parameter)) ++parameter;
+        while (quelm::is_c_space(*parameter)) ++parameter;
         if (cgiStrBeginsNc(parameter, kBoundaryParameter.data()) != 0) {
             char *boundary = parameter + kBoundaryParameter.size();
             char *end = boundary;
-            while (*end != '\0' && !is_space(*end)) ++end;
+            while (*end != '\0' && !quelm::is_c_space(*end)) ++end;
             *end = '\0';
             return boundary;
         }
@@ -117,6 +132,67 @@ const char *split_content_type(char *content_type) {
 }  // namespace cgissi::request
 
 using namespace cgissi::request;
+
+namespace {
+
+// A failed multipart parse: the handler goes on with an empty form.
+constexpr int kMultipartFailed = 1;
+
+// The request's CGI variables and its content type, in the interface's
+// order.
+void capture_server_variables() {
+    cgiSetupConstants();
+    cgiGetenv(&cgiServerSoftware, "SERVER_SOFTWARE");
+    cgiGetenv(&cgiServerName, "SERVER_NAME");
+    cgiGetenv(&cgiGatewayInterface, "GATEWAY_INTERFACE");
+    cgiGetenv(&cgiServerProtocol, "SERVER_PROTOCOL");
+    cgiGetenv(&cgiServerPort, "SERVER_PORT");
+    cgiGetenv(&cgiRequestMethod, "REQUEST_METHOD");
+    cgiGetenv(&cgiPathInfo, "PATH_INFO");
+    cgiGetenv(&cgiPathTranslated, "PATH_TRANSLATED");
+    cgiGetenv(&cgiScriptName, "SCRIPT_NAME");
+    cgiGetenv(&cgiQueryString, "QUERY_STRING");
+    cgiGetenv(&cgiRemoteHost, "REMOTE_HOST");
+    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
+    cgiGetenv(&cgiAuthType, "AUTH_TYPE");
+    cgiGetenv(&cgiRemoteUser, "REMOTE_USER");
+    cgiGetenv(&cgiRemoteIdent, "REMOTE_IDENT");
+    cgiGetenv(&cgiHttpHost, "HTTP_HOST");
+    cgiGetenv(&cgiXForwardedFor, "X_FORWARDED_FOR");
+
+    const char *content_type = nullptr;
+    cgiGetenv(&content_type, "CONTENT_TYPE");
+    std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
+    std::memcpy(cgiContentType, content_type, type_length);
+    cgiContentType[type_length] = '\0';
+    cgiMultipartBoundary = split_content_type(cgiContentType);
+}
+
+// Parses the form the method and content type call for; 0 or the result
+// cgiInitResources returns.
+int parse_form(FCGI_FILE *upload_sink) {
+    if (cgiStrEqNc(cgiRequestMethod, "post") != 0) {
+        if (cgiStrEqNc(cgiContentType, "application/x-www-form-urlencoded") != 0) {
+            if (int result = cgiParsePostFormInput(); result != 0) return refuse(parse_failure_status(result));
+        } else if (cgiStrEqNc(cgiContentType, "multipart/form-data") != 0) {
+            if (cgiParsePostMultipartInput(upload_sink) != 0) {
+                // Kept on purpose: a failed multipart parse lets the handler
+                // go on with an empty form (and leaves firstCookie as it was).
+                cgiFreeResources();
+                return kMultipartFailed;
+            }
+        }
+        // Any other body is left unread.
+    } else if (cgiStrEqNc(cgiRequestMethod, "get") != 0) {
+        std::size_t query_length = std::strlen(cgiQueryString);
+        if (query_length > static_cast<std::size_t>(INT_MAX)) return refuse(400);
+        cgiContentLength = static_cast<int>(query_length);
+        if (int result = cgiParseGetFormInput(); result != 0) return refuse(parse_failure_status(result));
+    }
+    return 0;
+}
+
+}  // namespace
 
 extern "C" void cgiSetupConstants(void) {
     for (int &value : cgiHexValue) value = 0;
@@ -146,7 +222,10 @@ extern "C" void flushinput(int length) {
 
 extern "C" cgiFormEntry *getFormEntries(void) { return cgiFormEntryFirst; }
 
+extern "C" int cgiRefusedStatus(void) { return refused_status; }
+
 extern "C" void cgiFreeResources(void) {
+    refused_status = 0;
     reset_search();
     free_entries(cgiFormEntryFirst);
     cgiFormEntryFirst = nullptr;
@@ -167,31 +246,7 @@ extern "C" int cgiInitResources(FCGI_FILE *upload_sink) {
         length_text = std::getenv("CONTENT_LENGTH");
     }
 
-    cgiSetupConstants();
-    cgiGetenv(&cgiServerSoftware, "SERVER_SOFTWARE");
-    cgiGetenv(&cgiServerName, "SERVER_NAME");
-    cgiGetenv(&cgiGatewayInterface, "GATEWAY_INTERFACE");
-    cgiGetenv(&cgiServerProtocol, "SERVER_PROTOCOL");
-    cgiGetenv(&cgiServerPort, "SERVER_PORT");
-    cgiGetenv(&cgiRequestMethod, "REQUEST_METHOD");
-    cgiGetenv(&cgiPathInfo, "PATH_INFO");
-    cgiGetenv(&cgiPathTranslated, "PATH_TRANSLATED");
-    cgiGetenv(&cgiScriptName, "SCRIPT_NAME");
-    cgiGetenv(&cgiQueryString, "QUERY_STRING");
-    cgiGetenv(&cgiRemoteHost, "REMOTE_HOST");
-    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
-    cgiGetenv(&cgiAuthType, "AUTH_TYPE");
-    cgiGetenv(&cgiRemoteUser, "REMOTE_USER");
-    cgiGetenv(&cgiRemoteIdent, "REMOTE_IDENT");
-    cgiGetenv(&cgiHttpHost, "HTTP_HOST");
-    cgiGetenv(&cgiXForwardedFor, "X_FORWARDED_FOR");
-
-    const char *content_type = nullptr;
-    cgiGetenv(&content_type, "CONTENT_TYPE");
-    std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
-    std::memcpy(cgiContentType, content_type, type_length);
-    cgiContentType[type_length] = '\0';
-    cgiMultipartBoundary = split_content_type(cgiContentType);
+    capture_server_variables();
 
     int length = 0;
     bool length_usable = parse_length(length_text, &length);
@@ -210,39 +265,17 @@ extern "C" int cgiInitResources(FCGI_FILE *upload_sink) {
 
     // A negative or oversized length cannot tell how much to read: nothing
     // is read and the request is refused.
-    if (!length_usable) return -1;
+    if (!length_usable) return refuse(400);
 
     if (upload_sink == nullptr && cgiContentLength >= kMaxBodyWithoutSink) {
         // Consumed before refusing, so the connection stays in step.
         flushinput(cgiContentLength);
-        cgiFreeResources();
-        return -1;
+        return refuse(413);
     }
 
-    if (cgiStrEqNc(cgiRequestMethod, "post") != 0) {
-        if (cgiStrEqNc(cgiContentType, "application/x-www-form-urlencoded") != 0) {
-            if (cgiParsePostFormInput() != 0) {
-                cgiFreeResources();
-                return -1;
-            }
-        } else if (cgiStrEqNc(cgiContentType, "multipart/form-data") != 0) {
-            if (cgiParsePostMultipartInput(upload_sink) != 0) {
-                // Kept on purpose: a failed multipart parse lets the handler
-                // go on with an empty form (and leaves firstCookie as it was).
-                cgiFreeResources();
-                return 0;
-            }
-        }
-        // Any other body is left unread.
-    } else if (cgiStrEqNc(cgiRequestMethod, "get") != 0) {
-        std::size_t query_length = std::strlen(cgiQueryString);
-        if (query_length > static_cast<std::size_t>(INT_MAX)) return -1;
-        cgiContentLength = static_cast<int>(query_length);
-        if (cgiParseGetFormInput() != 0) {
-            cgiFreeResources();
-            return -1;
-        }
-    }
+    const int parsed = parse_form(upload_sink);
+    if (parsed == kMultipartFailed) return 0;
+    if (parsed != 0) return parsed;
 
     firstCookie = 1;
     return 0;
@@ -250,11 +283,11 @@ extern "C" int cgiInitResources(FCGI_FILE *upload_sink) {
 
 extern "C" int getTempFileName(char *buffer, size_t size) {
     if (buffer == nullptr || !quelm::root_path(kTempTemplate, buffer, size)) return 2;
-    int fd = ::mkstemp(buffer);
-    if (fd < 0) return 2;
-    ::close(fd);
-    // Readable and writable by the helpers that pick the upload up.
-    if (::chmod(buffer, kTempFileMode) != 0) {
+    quelm::UniqueFd fd(::mkostemp(buffer, O_CLOEXEC));
+    if (!fd) return 2;
+    // mkstemp already makes the file 0600; the mode is set again so that a
+    // umask or a different libc never widens it.
+    if (::fchmod(fd.get(), kTempFileMode) != 0) {
         ::unlink(buffer);
         return 2;
     }

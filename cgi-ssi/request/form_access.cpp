@@ -11,6 +11,8 @@
 
 #include "cgic.h"
 #include "qm_config.h"
+#include "quelm_chars.h"
+#include "quelm_guard.h"
 #include "request/request_internal.h"
 
 struct cgiFileStruct {
@@ -26,7 +28,6 @@ cgiFormEntry *cgiFindPos = nullptr;
 
 const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
 
-bool is_blank(char c) { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
 
 // Copies text into result (max bytes, terminated when max > 0); true when
 // all of it fitted.
@@ -126,7 +127,22 @@ cgiFormResultType clamp(cgiFormResultType read, T *result, T min, T max) {
     return cgiFormSuccess;
 }
 
-// A null-terminated array of malloc'd copies, as the C interface hands out.
+cgiFormResultType file_text(const char *name, char *result, int max, char *cgiFormEntry::*field,
+                            cgiFormResultType when_empty) {
+    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
+    if (entry == nullptr) {
+        clear_result(result, max);
+        return cgiFormNotFound;
+    }
+    const char *text = text_or_empty(entry->*field);
+    if (!copy_bounded(text, result, max)) return cgiFormTruncated;
+    return text[0] == '\0' ? when_empty : cgiFormSuccess;
+}
+
+bool has_temp_file(const cgiFormEntry *entry) { return entry->tfileName != nullptr && entry->tfileName[0] != '\0'; }
+
+}  // namespace
+
 cgiFormResultType string_array(const std::vector<std::string_view> &items, char ***out) {
     char **array = static_cast<char **>(std::calloc(items.size() + 1, sizeof(char *)));
     if (array == nullptr) {
@@ -144,22 +160,6 @@ cgiFormResultType string_array(const std::vector<std::string_view> &items, char 
     *out = array;
     return cgiFormSuccess;
 }
-
-cgiFormResultType file_text(const char *name, char *result, int max, char *cgiFormEntry::*field,
-                            cgiFormResultType when_empty) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        clear_result(result, max);
-        return cgiFormNotFound;
-    }
-    const char *text = text_or_empty(entry->*field);
-    if (!copy_bounded(text, result, max)) return cgiFormTruncated;
-    return text[0] == '\0' ? when_empty : cgiFormSuccess;
-}
-
-bool has_temp_file(const cgiFormEntry *entry) { return entry->tfileName != nullptr && entry->tfileName[0] != '\0'; }
-
-}  // namespace
 
 void reset_search() {
     cgiFindTarget = nullptr;
@@ -226,29 +226,32 @@ extern "C" cgiFormResultType cgiFormStringSpaceNeeded(const char *name, int *len
 }
 
 extern "C" cgiFormResultType cgiFormStringMultiple(const char *name, char ***ptrToStringArray) {
-    std::vector<const cgiFormEntry *> entries;
-    for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
-        entries.push_back(e);
-    }
-    char **array = static_cast<char **>(std::calloc(entries.size() + 1, sizeof(char *)));
-    if (array == nullptr) {
-        *ptrToStringArray = nullptr;
-        return cgiFormMemory;
-    }
-    // Each value through the same line-end handling as cgiFormString; the
-    // result is never longer than the value.
-    for (std::size_t i = 0; i < entries.size(); ++i) {
-        int size = static_cast<int>(std::strlen(text_or_empty(entries[i]->value))) + 1;
-        array[i] = static_cast<char *>(std::malloc(static_cast<std::size_t>(size)));
-        if (array[i] == nullptr) {
-            cgiStringArrayFree(array);
+    return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
+        *ptrToStringArray = nullptr;  // what a failure leaves
+        std::vector<const cgiFormEntry *> entries;
+        for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
+            entries.push_back(e);
+        }
+        char **array = static_cast<char **>(std::calloc(entries.size() + 1, sizeof(char *)));
+        if (array == nullptr) {
             *ptrToStringArray = nullptr;
             return cgiFormMemory;
         }
-        entry_string(entries[i], array[i], size, true);
-    }
-    *ptrToStringArray = array;
-    return entries.empty() ? cgiFormNotFound : cgiFormSuccess;
+        // Each value through the same line-end handling as cgiFormString; the
+        // result is never longer than the value.
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            int size = static_cast<int>(std::strlen(text_or_empty(entries[i]->value))) + 1;
+            array[i] = static_cast<char *>(std::malloc(static_cast<std::size_t>(size)));
+            if (array[i] == nullptr) {
+                cgiStringArrayFree(array);
+                *ptrToStringArray = nullptr;
+                return cgiFormMemory;
+            }
+            entry_string(entries[i], array[i], size, true);
+        }
+        *ptrToStringArray = array;
+        return entries.empty() ? cgiFormNotFound : cgiFormSuccess;
+    });
 }
 
 extern "C" void cgiStringArrayFree(char **stringArray) {
@@ -391,13 +394,16 @@ extern "C" cgiFormResultType cgiFormFileClose(cgiFilePtr cfp) {
 }
 
 extern "C" cgiFormResultType cgiFormEntries(char ***ptrToStringArray) {
-    std::vector<std::string_view> names;
-    std::unordered_set<std::string_view> seen;
-    for (const cgiFormEntry *e = cgiFormEntryFirst; e != nullptr; e = e->next) {
-        std::string_view name = text_or_empty(e->attr);
-        if (seen.insert(name).second) names.push_back(name);
-    }
-    return string_array(names, ptrToStringArray);
+    return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
+        *ptrToStringArray = nullptr;  // what a failure leaves
+        std::vector<std::string_view> names;
+        std::unordered_set<std::string_view> seen;
+        for (const cgiFormEntry *e = cgiFormEntryFirst; e != nullptr; e = e->next) {
+            std::string_view name = text_or_empty(e->attr);
+            if (seen.insert(name).second) names.push_back(name);
+        }
+        return string_array(names, ptrToStringArray);
+    });
 }
 
 extern "C" int cgiStrEqNc(const char *a, const char *b) {
@@ -422,6 +428,6 @@ extern "C" int cgiStrBeginsNc(const char *s, const char *prefix) {
 
 extern "C" int cgiFirstNonspaceChar(const char *s) {
     if (s == nullptr) return 0;
-    while (is_blank(*s)) ++s;
+    while (quelm::is_space_tab_cr_lf(*s)) ++s;
     return static_cast<unsigned char>(*s);
 }

@@ -12,10 +12,7 @@
 namespace cgissi::request {
 namespace {
 
-struct EntryDeleter {
-    void operator()(cgiFormEntry *entry) const noexcept { free_entry(entry); }
-};
-using EntryPtr = std::unique_ptr<cgiFormEntry, EntryDeleter>;
+using EntryPtr = std::unique_ptr<cgiFormEntry, quelm::CDeleter<free_entry>>;
 
 // One urlencoded field; null when any piece could not be allocated (the
 // pieces made so far are freed with it).

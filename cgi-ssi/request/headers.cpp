@@ -1,19 +1,33 @@
 // Response header writers. Their bytes are kept exactly as they are on
 // purpose: the gateway's pages and plugins depend on them.
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+
 #include "cgi_output.h"
 #include "cgic.h"
+#include "quelm_chars.h"
 
 namespace {
 
 const char *text_or_empty(const char *text) { return text != nullptr ? text : ""; }
 
-// Before any request of this process has been set up, a blank line goes out
-// first (kept as the pages have always seen it).
+// compat: before any request of this process has been set up, a blank line
+// goes out first, as the pages have always seen it.
 void begin_header() {
     if (firstCookie == 0) cgi_out_write("\r\n", 2);
 }
 
 }  // namespace
+
+extern "C" void cgiHeaderContentLanguage(void) {
+    const char *value = std::getenv("HTTP_ACCEPT_LANGUAGE");
+    if (value == nullptr) return;
+    const std::string_view language = value;
+    if (!std::all_of(language.begin(), language.end(), quelm::is_printable_ascii)) return;
+    // compat: the header name in capitals, as pages have always been sent it.
+    cgi_out_printf("CONTENT-LANGUAGE: %s\r\n", value);
+}
 
 extern "C" void cgiHeaderContentType(const char *mimeType) {
     begin_header();

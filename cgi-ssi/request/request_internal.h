@@ -6,8 +6,10 @@
 #include <cstdlib>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "cgic.h"
+#include "quelm_owned.h"
 
 namespace cgissi::request {
 
@@ -19,12 +21,9 @@ constexpr std::size_t kDiscardChunk = 1024;
 // Buffer into which cgiCookieInteger reads the cookie's text.
 constexpr int kCookieIntegerSize = 256;
 
-struct FreeDeleter {
-    void operator()(void *p) const noexcept { std::free(p); }
-};
 // A malloc'd string: form entries and returned arrays are plain C memory
 // because plugins receive them through the C interface.
-using MallocString = std::unique_ptr<char, FreeDeleter>;
+using quelm::MallocString;
 
 // malloc'd, terminated copy of text; null when out of memory.
 MallocString copy_text(std::string_view text);
@@ -54,6 +53,11 @@ std::size_t read_input(FCGI_FILE *stream, void *buffer, std::size_t size);
 
 // atoi with out-of-range values saturated instead of undefined.
 int leading_int(const char *text);
+
+// A null-terminated array of malloc'd copies of items, as the C interface
+// hands them out (free with cgiStringArrayFree); *out is null and the
+// result cgiFormMemory when memory runs out.
+cgiFormResultType string_array(const std::vector<std::string_view> &items, char ***out);
 
 // Frees one entry and all its strings; unlinks a non-empty temporary file.
 void free_entry(cgiFormEntry *entry);

@@ -14,14 +14,19 @@
 #include <fcntl.h>
 #include <string>
 #include <string_view>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include "cgic.h"
 #include "qm_config.h"
+#include "quelm_guard.h"
 #include "quelm_log.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
+#include "quelm_text.h"
+#include "session/token_name.h"
 
 extern "C" {
 
@@ -41,39 +46,15 @@ constexpr const char *kSessionPath = "/var/quelm/session";
 constexpr int kSessionFlushTime = 1200;  // seconds of idle time
 constexpr std::size_t kPathSize = 128;   // gateway path of a session file
 constexpr std::size_t kCreatePathSize = 1024;
-constexpr std::size_t kTokenLength = 6;
 constexpr std::size_t kAddressSize = 64;
 constexpr std::size_t kUserAgentSize = 1024;
 // A session file holds a handful of short lines; anything larger is not ours.
 constexpr off_t kMaxSessionFile = 64 * 1024;
+// The directory holds passwords: nobody but the responder lists or reads it.
+constexpr mode_t kStoreMode = 0700;
 
-class Fd {
-  public:
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-class Dir {
-  public:
-    explicit Dir(const std::string &path) : dir_(::opendir(path.c_str())) {}
-    Dir(const Dir &) = delete;
-    Dir &operator=(const Dir &) = delete;
-    ~Dir() {
-        if (dir_ != nullptr) ::closedir(dir_);
-    }
-    DIR *get() const { return dir_; }
-
-  private:
-    DIR *dir_;
-};
+using quelm::UniqueDir;
+using quelm::UniqueFd;
 
 const char *realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
 const char *or_empty(const char *s) { return s != nullptr ? s : ""; }
@@ -91,17 +72,7 @@ std::string session_path(const char *token) {
     return cut(std::string(kSessionPath) + "/" + realm() + "_" + or_empty(token), kPathSize);
 }
 
-// Only what mkstemp can produce is a token: six letters or digits. Anything
-// else never becomes part of a path.
-bool valid_token(const char *token) {
-    if (token == nullptr || std::strlen(token) != kTokenLength) return false;
-    for (std::size_t i = 0; i < kTokenLength; ++i) {
-        char c = token[i];
-        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-        if (!ok) return false;
-    }
-    return true;
-}
+bool valid_token(const char *token) { return token != nullptr && cgissi::session::valid_token(token); }
 
 // Idle lifetime in seconds, read afresh at every use.
 long idle_lifetime() {
@@ -116,8 +87,8 @@ bool expired(const struct stat &st, std::time_t now, long lifetime) { return lif
 
 // Reads a whole session file; false when it is missing or not a session.
 bool read_session_file(const std::string &mapped, std::string &content) {
-    Fd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) return false;
+    UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return false;
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxSessionFile) return false;
     content.resize(static_cast<std::size_t>(st.st_size));
@@ -139,7 +110,7 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
         std::size_t end = content.find('\n', pos);
         if (end == std::string_view::npos) end = content.size();
         std::string_view line = content.substr(pos, end - pos);
-        if (line.size() > key.size() && line.substr(0, key.size()) == key && line[key.size()] == '=') {
+        if (line.size() > key.size() && line.starts_with(key) && line[key.size()] == '=') {
             value = line.substr(key.size() + 1);
             return true;
         }
@@ -149,6 +120,7 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
 }
 
 void log_missing(const char *function, const std::string &path) {
+    // compat: the message as log readers in the field match it.
     quelm::log::print(LOG_ERR, "%s has failed : reason file session doesn't exists anymore '%s'", function,
                       path.c_str());
 }
@@ -162,12 +134,7 @@ std::string property(const char *object, const char *name) {
 }
 
 bool iequals(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        unsigned char x = static_cast<unsigned char>(a[i]), y = static_cast<unsigned char>(b[i]);
-        if (std::tolower(x) != std::tolower(y)) return false;
-    }
-    return true;
+    return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 // The host begins with an address of the gateway. The character after the
@@ -183,17 +150,25 @@ bool starts_with_address(std::string_view host, std::string_view address, bool i
 
 // The host is one item of the comma-separated alias list.
 bool in_alias_list(std::string_view aliases, std::string_view host) {
-    std::size_t pos = 0;
-    while (pos <= aliases.size()) {
-        std::size_t comma = aliases.find(',', pos);
-        if (comma == std::string_view::npos) comma = aliases.size();
-        if (aliases.substr(pos, comma - pos) == host) return true;
-        pos = comma + 1;
-    }
-    return false;
+    return !quelm::split(aliases, ',', [&](std::string_view alias) { return alias != host; });
 }
 
 }  // namespace
+
+void secure_store_directory() {
+    const std::string mapped = quelm::root_path(kSessionPath);
+    if (::mkdir(mapped.c_str(), kStoreMode) != 0 && errno != EEXIST) {
+        quelm::log::print(LOG_ERR, "%s: cannot create %s", __func__, kSessionPath);
+        return;
+    }
+    quelm::UniqueFd dir(::open(mapped.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st {};
+    if (!dir || ::fstat(dir.get(), &st) != 0 || st.st_uid != ::geteuid()) {
+        quelm::log::print(LOG_ERR, "%s: %s is not a directory of this user", __func__, kSessionPath);
+        return;
+    }
+    if ((st.st_mode & 07777) != kStoreMode) ::fchmod(dir.get(), kStoreMode);
+}
 
 void begin_request() {
     // The token belongs to the request that presented it.
@@ -209,10 +184,12 @@ using namespace cgissi::session;
 extern "C" {
 
 int QM_GetFullPath(const char *token, char *out, int size) {
-    if (out == nullptr || size <= 0) return 1;
-    std::string mapped = quelm::root_path(session_path(token));
-    std::snprintf(out, static_cast<std::size_t>(size), "%s", mapped.c_str());
-    return 1;
+    return quelm::guarded(0, __func__, [&]() -> int {
+        if (out == nullptr || size <= 0) return 1;
+        std::string mapped = quelm::root_path(session_path(token));
+        std::snprintf(out, static_cast<std::size_t>(size), "%s", mapped.c_str());
+        return 1;
+    });
 }
 
 int QM_clean_session(void) {
@@ -221,218 +198,238 @@ int QM_clean_session(void) {
 }
 
 int QM_FlushSessions(void) {
-    std::time_t now = std::time(nullptr);
-    QM_CurrentSession = 0;
-    std::string dir_path = quelm::root_path(kSessionPath);
-    Dir dir(dir_path);
-    if (dir.get() == nullptr) {
-        QM_LOG_print("failed to check %s", kSessionPath);
-        return 0;
-    }
-    const char *r = realm();
-    std::size_t realm_len = std::strlen(r);
-    // One reading of the lifetime serves the whole pass over the folder.
-    long lifetime = -1;
-    while (struct dirent *entry = ::readdir(dir.get())) {
-        if (entry->d_name[0] == '.') continue;
-        if (std::strncmp(entry->d_name, r, realm_len) != 0) continue;
-        std::string mapped = quelm::root_path(cut(std::string(kSessionPath) + "/" + entry->d_name, kPathSize));
-        struct stat st {};
-        if (::stat(mapped.c_str(), &st) != 0) {
+    return quelm::guarded(0, __func__, [&]() -> int {
+        std::time_t now = std::time(nullptr);
+        QM_CurrentSession = 0;
+        std::string dir_path = quelm::root_path(kSessionPath);
+        UniqueDir dir(::opendir(dir_path.c_str()));
+        if (!dir) {
+            QM_LOG_print("failed to check %s", kSessionPath);
+            return 0;
+        }
+        const char *r = realm();
+        std::size_t realm_len = std::strlen(r);
+        // One reading of the lifetime serves the whole pass over the folder.
+        long lifetime = -1;
+        while (struct dirent *entry = ::readdir(dir.get())) {
+            if (entry->d_name[0] == '.') continue;
+            if (std::strncmp(entry->d_name, r, realm_len) != 0) continue;
+            std::string mapped = quelm::root_path(cut(std::string(kSessionPath) + "/" + entry->d_name, kPathSize));
+            struct stat st {};
+            if (::stat(mapped.c_str(), &st) != 0) {
+                if (QM_SessionMaxLimit != 0) ++QM_CurrentSession;
+                continue;
+            }
+            if (lifetime < 0) lifetime = idle_lifetime();
+            if (expired(st, now, lifetime)) {
+                ::unlink(mapped.c_str());
+                continue;
+            }
             if (QM_SessionMaxLimit != 0) ++QM_CurrentSession;
-            continue;
         }
-        if (lifetime < 0) lifetime = idle_lifetime();
-        if (expired(st, now, lifetime)) {
-            ::unlink(mapped.c_str());
-            continue;
-        }
-        if (QM_SessionMaxLimit != 0) ++QM_CurrentSession;
-    }
-    return 0;
+        return 0;
+    });
 }
 
 int QM_CreateSession(void) {
-    if (QM_SessionMaxLimit != 0 && QM_CurrentSession >= QM_SessionMaxLimit) {
-        quelm::log::print(LOG_ERR, "Max session limit reached, aborting");
-        return -1;
-    }
-    const char *address = or_empty(cgiRemoteAddr);
-    const char *agent = or_empty(cgiUserAgent);
-    // A line break would let the visitor write entries of his own.
-    if (has_line_break(address) || has_line_break(agent) || has_line_break(realm())) {
-        quelm::log::print(LOG_ERR, "failed to create session, aborting");
-        return 0;
-    }
-    std::string path = std::string(kSessionPath) + "/" + realm() + "_XXXXXX";
-    if (path.size() >= kCreatePathSize) {
-        quelm::log::print(LOG_ERR, "failed to create session, aborting");
-        return 0;
-    }
-    std::string mapped = quelm::root_path(path);
-    Fd fd(::mkostemp(mapped.data(), O_CLOEXEC));
-    if (fd.get() < 0) {
-        quelm::log::print(LOG_ERR, "failed to create session, aborting");
-        return 0;
-    }
-    std::free(QM_SessionToken);
-    QM_SessionToken = strndup(mapped.c_str() + mapped.size() - kTokenLength, kTokenLength);
-    path.replace(path.size() - kTokenLength, kTokenLength, or_empty(QM_SessionToken));
-    std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", path.c_str());
+    return quelm::guarded(0, __func__, [&]() -> int {
+        if (QM_SessionMaxLimit != 0 && QM_CurrentSession >= QM_SessionMaxLimit) {
+            quelm::log::print(LOG_ERR, "Max session limit reached, aborting");
+            return -1;
+        }
+        const char *address = or_empty(cgiRemoteAddr);
+        const char *agent = or_empty(cgiUserAgent);
+        // A line break would let the visitor write entries of his own.
+        if (has_line_break(address) || has_line_break(agent) || has_line_break(realm())) {
+            quelm::log::print(LOG_ERR, "failed to create session, aborting");
+            return 0;
+        }
+        std::string path = std::string(kSessionPath) + "/" + realm() + "_XXXXXX";
+        if (path.size() >= kCreatePathSize) {
+            quelm::log::print(LOG_ERR, "failed to create session, aborting");
+            return 0;
+        }
+        std::string mapped = quelm::root_path(path);
+        UniqueFd fd(::mkostemp(mapped.data(), O_CLOEXEC));
+        if (!fd) {
+            quelm::log::print(LOG_ERR, "failed to create session, aborting");
+            return 0;
+        }
+        std::free(QM_SessionToken);
+        QM_SessionToken = strndup(mapped.c_str() + mapped.size() - kTokenLength, kTokenLength);
+        path.replace(path.size() - kTokenLength, kTokenLength, or_empty(QM_SessionToken));
+        std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", path.c_str());
 
-    std::string content = std::string("REMOTE_ADDR=") + address + "\nHTTP_USER_AGENT=" + agent +
-                          "\nREALM=" + realm() + "\n";
-    ssize_t written = ::write(fd.get(), content.data(), content.size());
-    (void)written;
-    return 1;
+        std::string content = std::string("REMOTE_ADDR=") + address + "\nHTTP_USER_AGENT=" + agent +
+                              "\nREALM=" + realm() + "\n";
+        ssize_t written = ::write(fd.get(), content.data(), content.size());
+        (void)written;
+        return 1;
+    });
 }
 
 int QM_CheckSession(const char *token) {
-    if (token == nullptr || std::strlen(token) != kTokenLength) {
-        quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
+    return quelm::guarded(0, __func__, [&]() -> int {
+        if (token == nullptr || std::strlen(token) != kTokenLength) {
+            // compat: "lenght" as log readers in the field match it.
+            quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
+            return 0;
+        }
+        std::string path = session_path(token);
+        std::string mapped = quelm::root_path(path);
+        struct stat st {};
+        if (!valid_token(token) || ::stat(mapped.c_str(), &st) != 0) {
+            quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s",
+                              path.c_str());
+            return 0;
+        }
+        if (expired(st, std::time(nullptr), idle_lifetime())) {
+            quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path.c_str());
+            QM_DestroySession();
+            return 0;
+        }
+        // Both entries must be present: an empty or damaged file is no session,
+        // even for a request without address or agent.
+        char address[kAddressSize + 1] = {};
+        if (QM_GetSessionInfo(token, "REMOTE_ADDR", address, kAddressSize) == 0 ||
+            std::strcmp(address, or_empty(cgiRemoteAddr)) != 0) {
+            quelm::log::print(LOG_ERR, "CheckSession has failed : saved IP and current IP are not equal");
+            return 0;
+        }
+        char agent[kUserAgentSize + 1] = {};
+        if (QM_GetSessionInfo(token, "HTTP_USER_AGENT", agent, kUserAgentSize) == 1 &&
+            std::strcmp(agent, or_empty(cgiUserAgent)) == 0) {
+            return 1;
+        }
+        quelm::log::print(LOG_ERR, "CheckSession has failed : saved UserAgent and current UserAgent are not equal");
         return 0;
-    }
-    std::string path = session_path(token);
-    std::string mapped = quelm::root_path(path);
-    struct stat st {};
-    if (!valid_token(token) || ::stat(mapped.c_str(), &st) != 0) {
-        quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s",
-                          path.c_str());
-        return 0;
-    }
-    if (expired(st, std::time(nullptr), idle_lifetime())) {
-        quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path.c_str());
-        QM_DestroySession();
-        return 0;
-    }
-    // Both entries must be present: an empty or damaged file is no session,
-    // even for a request without address or agent.
-    char address[kAddressSize + 1] = {};
-    if (QM_GetSessionInfo(token, "REMOTE_ADDR", address, kAddressSize) == 0 ||
-        std::strcmp(address, or_empty(cgiRemoteAddr)) != 0) {
-        quelm::log::print(LOG_ERR, "CheckSession has failed : saved IP and current IP are not equal");
-        return 0;
-    }
-    char agent[kUserAgentSize + 1] = {};
-    if (QM_GetSessionInfo(token, "HTTP_USER_AGENT", agent, kUserAgentSize) == 1 &&
-        std::strcmp(agent, or_empty(cgiUserAgent)) == 0) {
-        return 1;
-    }
-    quelm::log::print(LOG_ERR, "CheckSession has failed : saved UserAgent and current UserAgent are not equal");
-    return 0;
+    });
 }
 
 int QM_InitSession(const char *token) {
-    std::free(QM_SessionToken);
-    QM_SessionToken = token != nullptr ? strdup(token) : nullptr;
-    if (valid_token(token)) {
-        std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", session_path(token).c_str());
-    } else {
-        QM_SessionFullPath[0] = '\0';
-    }
-    if (QM_CheckSession(token) == 0) {
-        if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
-        QM_SessionFullPath[0] = '\0';
+    return quelm::guarded(0, __func__, [&]() -> int {
         std::free(QM_SessionToken);
-        QM_SessionToken = nullptr;
-        return 0;
-    }
-    QM_refreshSession(QM_SessionToken);
-    return 1;
+        QM_SessionToken = token != nullptr ? strdup(token) : nullptr;
+        if (valid_token(token)) {
+            std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", session_path(token).c_str());
+        } else {
+            QM_SessionFullPath[0] = '\0';
+        }
+        if (QM_CheckSession(token) == 0) {
+            if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
+            QM_SessionFullPath[0] = '\0';
+            std::free(QM_SessionToken);
+            QM_SessionToken = nullptr;
+            return 0;
+        }
+        QM_refreshSession(QM_SessionToken);
+        return 1;
+    });
 }
 
 int QM_refreshSession(const char *token) {
-    if (!valid_token(token) || ::utime(quelm::root_path(session_path(token)).c_str(), nullptr) != 0) {
-        quelm::log::print(LOG_ERR, "RefreshSession has failed : can't update tokenfile timestamp");
-        return -1;
-    }
-    return 0;
+    return quelm::guarded(-1, __func__, [&]() -> int {
+        if (!valid_token(token) || ::utime(quelm::root_path(session_path(token)).c_str(), nullptr) != 0) {
+            quelm::log::print(LOG_ERR, "RefreshSession has failed : can't update tokenfile timestamp");
+            return -1;
+        }
+        return 0;
+    });
 }
 
 int QM_HasSession(void) { return QM_SessionToken != nullptr ? 1 : 0; }
 
 int QM_DestroySession(void) {
-    if (QM_SessionToken == nullptr) {
-        quelm::log::print(LOG_ERR, "try to destroy current session but it does'nt exist");
-        return 0;
-    }
-    if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
-    std::free(QM_SessionToken);
-    QM_SessionToken = nullptr;
-    QM_SessionFullPath[0] = '\0';
-    return 1;
+    return quelm::guarded(0, __func__, [&]() -> int {
+        if (QM_SessionToken == nullptr) {
+            // compat: "does'nt" as log readers in the field match it.
+            quelm::log::print(LOG_ERR, "try to destroy current session but it does'nt exist");
+            return 0;
+        }
+        if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
+        std::free(QM_SessionToken);
+        QM_SessionToken = nullptr;
+        QM_SessionFullPath[0] = '\0';
+        return 1;
+    });
 }
 
 int QM_GetSessionInfo(const char *token, const char *key, char *out, int size) {
-    if (out == nullptr || size <= 0) return 0;
-    std::memset(out, 0, static_cast<std::size_t>(size));
-    std::string path = session_path(token);
-    std::string content;
-    if (!valid_token(token) || !read_session_file(quelm::root_path(path), content)) {
-        log_missing("QM_GetSessionInfo", path);
-        return 0;
-    }
-    std::string_view value;
-    if (key == nullptr || !find_entry(content, key, value)) return 0;
-    // Bounded by the caller's size; a value that fills it is not terminated,
-    // so callers keep one spare byte.
-    std::size_t n = value.size() < static_cast<std::size_t>(size) ? value.size() : static_cast<std::size_t>(size);
-    std::memcpy(out, value.data(), n);
-    return 1;
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
+        if (out == nullptr || size <= 0) return 0;
+        std::memset(out, 0, static_cast<std::size_t>(size));
+        std::string path = session_path(token);
+        std::string content;
+        if (!valid_token(token) || !read_session_file(quelm::root_path(path), content)) {
+            log_missing(function, path);
+            return 0;
+        }
+        std::string_view value;
+        if (key == nullptr || !find_entry(content, key, value)) return 0;
+        // Bounded by the caller's size; a value that fills it is not terminated,
+        // so callers keep one spare byte.
+        std::size_t n = value.size() < static_cast<std::size_t>(size) ? value.size() : static_cast<std::size_t>(size);
+        std::memcpy(out, value.data(), n);
+        return 1;
+    });
 }
 
 int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
-    std::string path = session_path(token);
-    std::string mapped = quelm::root_path(path);
-    struct stat st {};
-    if (!valid_token(token) || ::stat(mapped.c_str(), &st) != 0) {
-        log_missing("QM_SetSessionInfo", path);
-        return 0;
-    }
-    if (key == nullptr || value == nullptr || has_line_break(key) || has_line_break(value) ||
-        std::strchr(key, '=') != nullptr) {
-        quelm::log::print(LOG_ERR, "%s has failed : refused entry for %s", "QM_SetSessionInfo", path.c_str());
-        return 0;
-    }
-    Fd fd(::open(mapped.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
-    if (fd.get() < 0) {
-        quelm::log::print(LOG_ERR, "%s has failed : can't open %s", "QM_SetSessionInfo", path.c_str());
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
+        std::string path = session_path(token);
+        std::string mapped = quelm::root_path(path);
+        struct stat st {};
+        if (!valid_token(token) || ::stat(mapped.c_str(), &st) != 0) {
+            log_missing(function, path);
+            return 0;
+        }
+        if (key == nullptr || value == nullptr || has_line_break(key) || has_line_break(value) ||
+            std::strchr(key, '=') != nullptr) {
+            quelm::log::print(LOG_ERR, "%s has failed : refused entry for %s", function, path.c_str());
+            return 0;
+        }
+        UniqueFd fd(::open(mapped.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        if (!fd) {
+            quelm::log::print(LOG_ERR, "%s has failed : can't open %s", function, path.c_str());
+            return 1;
+        }
+        std::string line = std::string(key) + "=" + value + "\n";
+        ssize_t written = ::write(fd.get(), line.data(), line.size());
+        (void)written;
         return 1;
-    }
-    std::string line = std::string(key) + "=" + value + "\n";
-    ssize_t written = ::write(fd.get(), line.data(), line.size());
-    (void)written;
-    return 1;
+    });
 }
 
 int QM_RemoveSessionInfo(const char *token, const char *key) {
-    std::string path = session_path(token);
-    std::string mapped = quelm::root_path(path);
-    std::string content;
-    if (!valid_token(token) || !read_session_file(mapped, content)) {
-        log_missing("QM_RemoveSessionInfo", path);
+    return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
+        std::string path = session_path(token);
+        std::string mapped = quelm::root_path(path);
+        std::string content;
+        if (!valid_token(token) || !read_session_file(mapped, content)) {
+            log_missing(function, path);
+            return 0;
+        }
+        std::string_view key_view = or_empty(key);
+        std::string kept;
+        std::size_t pos = 0;
+        while (pos < content.size()) {
+            std::size_t end = content.find('\n', pos);
+            end = end == std::string::npos ? content.size() : end + 1;
+            std::string_view line(content.data() + pos, end - pos);
+            // Prefix match without the "=": removing USER also removes USERNAME.
+            if (!line.starts_with(key_view)) kept.append(line);
+            pos = end;
+        }
+        std::string temp = mapped + ".tmpXXXXXX";
+        UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
+        if (!fd) return 0;
+        if (::write(fd.get(), kept.data(), kept.size()) == static_cast<ssize_t>(kept.size())) {
+            ::rename(temp.c_str(), mapped.c_str());
+        } else {
+            ::unlink(temp.c_str());
+        }
         return 0;
-    }
-    std::string_view key_view = or_empty(key);
-    std::string kept;
-    std::size_t pos = 0;
-    while (pos < content.size()) {
-        std::size_t end = content.find('\n', pos);
-        end = end == std::string::npos ? content.size() : end + 1;
-        std::string_view line(content.data() + pos, end - pos);
-        // Prefix match without the "=": removing USER also removes USERNAME.
-        if (line.substr(0, key_view.size()) != key_view) kept.append(line);
-        pos = end;
-    }
-    std::string temp = mapped + ".tmpXXXXXX";
-    Fd fd(::mkostemp(temp.data(), O_CLOEXEC));
-    if (fd.get() < 0) return 0;
-    if (::write(fd.get(), kept.data(), kept.size()) == static_cast<ssize_t>(kept.size())) {
-        ::rename(temp.c_str(), mapped.c_str());
-    } else {
-        ::unlink(temp.c_str());
-    }
-    return 0;
+    });
 }
 
 unsigned int checkLocalIP(const char *address) {
@@ -446,44 +443,48 @@ unsigned int checkLocalIP(const char *address) {
 }
 
 int QM_GetHostSession(void) {
-    std::string host = or_empty(std::getenv("HTTP_HOST"));
-    std::string hostname = property("Device", "Hostname");
-    std::string aliases = property("Device", "Aliases");
-    std::string domain = property("Device", "Domain");
-    std::string lan_address = property("LANDevice_1_IPInterface_1", "IPAddress");
-    std::string lan_mask = property("LANDevice_1_IPInterface_1", "SubnetMask");
-    std::string ipv6 = property("LANDevice_1_IPv6Status", "CurrentIPAddress");
-    std::string host_with_domain = hostname + "." + domain;
+    return quelm::guarded(0, __func__, [&]() -> int {
+        std::string host = or_empty(std::getenv("HTTP_HOST"));
+        std::string hostname = property("Device", "Hostname");
+        std::string aliases = property("Device", "Aliases");
+        std::string domain = property("Device", "Domain");
+        std::string lan_address = property("LANDevice_1_IPInterface_1", "IPAddress");
+        std::string lan_mask = property("LANDevice_1_IPInterface_1", "SubnetMask");
+        std::string ipv6 = property("LANDevice_1_IPv6Status", "CurrentIPAddress");
+        std::string host_with_domain = hostname + "." + domain;
 
-    if (!host.empty() && host[0] == '[') {
-        host.erase(0, 1);
-    } else {
-        std::size_t colon = host.find(':');
-        if (colon != std::string::npos) host.resize(colon);
-    }
+        if (!host.empty() && host[0] == '[') {
+            host.erase(0, 1);
+        } else {
+            std::size_t colon = host.find(':');
+            if (colon != std::string::npos) host.resize(colon);
+        }
 
-    const char *request_realm = std::getenv("QUELM_REALM");
-    if (request_realm != nullptr && std::strcmp(request_realm, "rmt") == 0) {
-        unsigned mask = checkLocalIP(lan_mask.c_str());
-        if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(host.c_str()) & mask)) return 1;
-    }
-    if (iequals(host, hostname) || iequals(host, aliases) || starts_with_address(host, lan_address, true)) return 1;
-    if (host == host_with_domain) return 1;
-    if (starts_with_address(host, ipv6, false)) return 1;
-    if (!aliases.empty() && aliases.find(',') != std::string::npos && in_alias_list(aliases, host)) return 1;
-    return 0;
+        const char *request_realm = std::getenv("QUELM_REALM");
+        if (request_realm != nullptr && std::strcmp(request_realm, "rmt") == 0) {
+            unsigned mask = checkLocalIP(lan_mask.c_str());
+            if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(host.c_str()) & mask)) return 1;
+        }
+        if (iequals(host, hostname) || iequals(host, aliases) || starts_with_address(host, lan_address, true)) return 1;
+        if (host == host_with_domain) return 1;
+        if (starts_with_address(host, ipv6, false)) return 1;
+        if (!aliases.empty() && aliases.find(',') != std::string::npos && in_alias_list(aliases, host)) return 1;
+        return 0;
+    });
 }
 
 int srv_skip_session(void) {
-    const char *index = std::getenv("QUELM_SRV_IDX");
-    if (index == nullptr) return 0;
-    std::snprintf(QM_HttpServerId, sizeof QM_HttpServerId, "%s", index);
-    char object[QM_HTTP_SERVER_ID_SIZE + 16];
-    std::snprintf(object, sizeof object, "HttpServer_%s", QM_HttpServerId);
-    char *use = QM_DAT_getobjproperty(object, "UseSession");
-    int skip = use != nullptr && use[0] == '0' ? 1 : 0;
-    std::free(use);
-    return skip;
+    return quelm::guarded(0, __func__, [&]() -> int {
+        const char *index = std::getenv("QUELM_SRV_IDX");
+        if (index == nullptr) return 0;
+        std::snprintf(QM_HttpServerId, sizeof QM_HttpServerId, "%s", index);
+        char object[QM_HTTP_SERVER_ID_SIZE + 16];
+        std::snprintf(object, sizeof object, "HttpServer_%s", QM_HttpServerId);
+        char *use = QM_DAT_getobjproperty(object, "UseSession");
+        int skip = use != nullptr && use[0] == '0' ? 1 : 0;
+        std::free(use);
+        return skip;
+    });
 }
 
 int get_server_type(void) {

@@ -9,4 +9,10 @@ namespace cgissi::session {
 // belongs to the request that presented it.
 void begin_request();
 
+// Makes the session directory the responder's alone (0700): session files
+// hold the logged-in users' passwords. Created when missing; a directory
+// of another owner, or a link, is left alone and reported. Called once at
+// process start.
+void secure_store_directory();
+
 }  // namespace cgissi::session

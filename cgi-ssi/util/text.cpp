@@ -8,6 +8,9 @@
 
 #include "qm_config.h"
 #include "qm_util.h"
+#include "quelm_chars.h"
+#include "quelm_owned.h"
+#include "quelm_text.h"
 #include "util/text_scan.h"
 
 namespace {
@@ -20,7 +23,7 @@ constexpr char kFieldSep = QM_LIST_FIELD_SEP;
 // get_list_int_component reads the component into a buffer of this size.
 constexpr std::size_t kIntComponentSize = 32;
 
-constexpr bool is_blank(char c) { return c == ' ' || c == '\t'; }
+constexpr bool is_blank(char c) { return quelm::is_space_or_tab(c); }
 
 // Positions come in as const (strchr convention); the caller owns the text.
 char *mutable_pos(const char *p) { return const_cast<char *>(p); }
@@ -69,20 +72,13 @@ char *change_each(char *text, Change change) {
     return text;
 }
 
-struct FreeDeleter {
-    void operator()(char *p) const { std::free(p); }
-};
-
 }  // namespace
 
 namespace quelm::util {
 
 int next_list_index(std::string_view indices) {
     int largest = 0;
-    while (!indices.empty()) {
-        std::size_t comma = indices.find(',');
-        std::string_view field = indices.substr(0, comma);
-        indices.remove_prefix(comma == std::string_view::npos ? indices.size() : comma + 1);
+    quelm::split(indices, ',', [&](std::string_view field) {
         // Indices are plain decimal numbers; anything else counts as 0.
         while (!field.empty() && field.front() == ' ') field.remove_prefix(1);
         int value = 0;
@@ -91,7 +87,7 @@ int next_list_index(std::string_view indices) {
             value = value > (INT_MAX - (c - '0')) / 10 ? INT_MAX : value * 10 + (c - '0');
         }
         largest = std::max(largest, value);
-    }
+    });
     if (largest == INT_MAX) return -1;
     // Instances created through the web are numbered from 1001 on, clear of
     // those the platform numbers from 1; existing configurations depend on it.
@@ -222,6 +218,6 @@ extern "C" char *get_list_int_component(const char *pos, int *out, int fallback)
 }
 
 extern "C" int new_list_index(const char *object) {
-    std::unique_ptr<char, FreeDeleter> indices(QM_DAT_getobjcount(object));
+    quelm::MallocString indices(QM_DAT_getobjcount(object));
     return quelm::util::next_list_index(indices ? std::string_view(indices.get()) : std::string_view());
 }

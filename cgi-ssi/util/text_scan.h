@@ -11,18 +11,15 @@
 #include <cstdint>
 #include <string_view>
 
+#include "quelm_chars.h"
+
 namespace quelm::util {
 
-// Bytes are classified as signed characters, like the rest of the
-// validators: nothing from 128 up is a digit, a letter or white space.
-constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
-constexpr bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-constexpr int hex_value(char c) {
-    if (is_digit(c)) return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
+// The character classes are the shared ones: nothing from 128 up is a
+// digit, a letter or white space, and white space is C's isspace set.
+using quelm::hex_value;
+using quelm::is_digit;
+constexpr bool is_space(char c) { return quelm::is_c_space(c); }
 
 // %d. On success advances p past the number and returns true; on failure
 // p is unspecified.

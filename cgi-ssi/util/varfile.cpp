@@ -3,21 +3,28 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <memory>
+
+#include <fcntl.h>
 
 #include "qm_util.h"
+#include "quelm_owned.h"
 
 // C linkage and export come from the declaration in qm_util.h.
 char Line[QM_LINE_SIZE];
 
 namespace {
 
-struct FileCloser {
-    void operator()(std::FILE *f) const noexcept { std::fclose(f); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
+using quelm::UniqueFile;
 
-File open_read(const char *path) { return File(std::fopen(path, "re")); }
+// State files lie in directories every user may write (/var/tmp): they are
+// never read through a link, which could show another file's first line.
+UniqueFile open_read(const char *path) {
+    quelm::UniqueFd fd(::open(path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return nullptr;
+    UniqueFile file(::fdopen(fd.get(), "r"));
+    if (file) fd.release();
+    return file;
+}
 
 // Reads the next line (newline kept) into Line; false at the end.
 bool read_line(std::FILE *f) { return std::fgets(Line, sizeof Line, f) != nullptr; }
@@ -30,7 +37,7 @@ void copy_cut(char *out, const char *value, std::size_t n) {
 }  // namespace
 
 extern "C" int get_filevar(const char *path, char *out, size_t size) {
-    File f = open_read(path);
+    UniqueFile f = open_read(path);
     if (!f) {
         if (size > 0) out[0] = '\0';
         return QM_VAR_MISSING;
@@ -46,7 +53,7 @@ extern "C" int get_filevar(const char *path, char *out, size_t size) {
 
 extern "C" int get_logvar(const char *path, const char *key, char *out, size_t size) {
     if (size > 0) out[0] = '\0';
-    File f = open_read(path);
+    UniqueFile f = open_read(path);
     if (!f) return QM_VAR_MISSING;
     const std::size_t key_len = std::strlen(key);
     while (read_line(f.get())) {

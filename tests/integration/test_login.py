@@ -230,3 +230,13 @@ def test_vendor_extension_and_line_breaks(browser, root, log_file):
     for password in ("x\nUSER=root", "x\rUSER=root"):
         assert browser.plain("admin", password, redirect="no") == JSON_FAILED
         assert browser.entries() == []
+
+
+def test_referer_cannot_leave_the_script_string(browser):
+    """The referring page lands in a script string: a quote, a backslash, a
+    line break or "</script>" in it must not end the string or the element."""
+    referer = "http://x/\");alert(1)//'\\\n</script><script>alert(2)</script>\u2028"
+    answer = browser.post(referer=referer)
+    line = answer.split(b"\r\n")[3]
+    assert line == (b'document.location.replace("http://x/\\");alert(1)//\\\'\\\\\\u000A\\u003C/script\\u003E'
+                    b'\\u003Cscript\\u003Ealert(2)\\u003C/script\\u003E\\u2028?pwd=ko");')

@@ -9,6 +9,7 @@ import pytest
 
 COOKIE_LINE = re.compile(rb"^Set-Cookie: QM_web_ID=([A-Za-z0-9]{6});  Path=/; \r\n")
 AGENT = "Mozilla/5.0 (test)"
+SESSION_LIMIT = b"Status: 503 Service Unavailable\r\nContent-type: text/html\r\n\r\n<HTML>"
 
 
 @pytest.fixture
@@ -108,7 +109,7 @@ def test_limit_counts_only_this_realm(visit, root):
     first, second = token_of(visit()), token_of(visit(addr="192.168.1.20"))
     assert first != second
     third = visit(addr="192.168.1.30")
-    assert third.raw == b"" and third.returncode == 0
+    assert third.raw.startswith(SESSION_LIMIT) and third.returncode == 0
     # A known visitor still gets in.
     assert token_of(visit(cookie=f"QM_web_ID={first}")) == first
 
@@ -180,3 +181,18 @@ def test_line_breaks_never_reach_session_files(visit, root):
     visit(agent="evil\r\nUSER=admin")
     for name in sessions(root):
         assert "USER=admin" not in (root / "var/quelm/session" / name).read_text().splitlines()
+
+
+def test_private_files_and_directories(cgi, root):
+    """The session directory is the responder's alone, and the fixed-name
+    error file in the shared /var/tmp is never read through a link."""
+    session_dir = root / "var/quelm/session"
+    session_dir.chmod(0o755)
+    secret = root / "secret"
+    secret.write_text("4242\n")
+    (root / "var/tmp").mkdir(parents=True, exist_ok=True)
+    (root / "var/tmp/cgierror").symlink_to(secret)
+    (cgi.docroot / "e.htm").write_text("[<!--#echo var=iCgiError -->]")
+    assert cgi(page="e.htm").body == b"[0]"
+    assert secret.read_text() == "4242\n"
+    assert session_dir.stat().st_mode & 0o777 == 0o700

@@ -29,13 +29,8 @@ namespace {
 namespace fs = std::filesystem;
 constexpr const char *kIad = "Services_IADConfigurator";
 
-std::string slurp(const fs::path &path) {
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
-}
-
 using test_support::captured_output;
+using test_support::slurp;
 
 // Sends the current destination; returns what went into Line after
 // checking that the redirect carries exactly that and the error code
@@ -93,11 +88,7 @@ protected:
     }
 
     static void use_root(const char *name) { setenv("QUELM_ROOT", (root_ / name).c_str(), 1); }
-    static int get(const char *query) {
-        setenv("REQUEST_METHOD", "GET", 1);
-        setenv("QUERY_STRING", query, 1);
-        return cgiInitResources(nullptr);
-    }
+    static int get(const char *query) { return test_support::get_request(query); }
     static std::string log_text() { return slurp(root_ / "log"); }
 
     static inline fs::path root_;
@@ -129,6 +120,24 @@ TEST_F(CgiState, ErrorIsStoredAsDecimalAndShownOnce) {
         get_cgierror();
         EXPECT_STREQ(Ssi, "0") << c.desc << ": second read";
     }
+}
+
+// The error file lies in the shared /var/tmp: a link planted there is
+// neither written through nor read through, and the file is private.
+TEST_F(CgiState, ErrorFileIsPrivateAndNoLinkIsFollowed) {
+    const fs::path file = root_ / "gw/var/tmp/cgierror";
+    set_cgierror(3);
+    EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+    set_cgierror(0);
+    const fs::path target = root_ / "gw/target";
+    std::ofstream(target) << "77\n";
+    fs::create_symlink(target, file);
+    set_cgierror(9);
+    EXPECT_EQ(slurp(target), "77\n");
+    get_cgierror();
+    EXPECT_STREQ(Ssi, "0");
+    fs::remove(file);
+    fs::remove(target);
 }
 
 TEST_F(CgiState, RefererTreeAndFixedForms) {

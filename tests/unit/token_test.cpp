@@ -27,13 +27,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string slurp(const fs::path &path) {
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
-}
-
 using test_support::captured_output;
+using test_support::slurp;
 
 std::time_t mtime(const fs::path &path) {
     struct stat st {};
