@@ -65,6 +65,10 @@ QM_EXPORT const char *get_sha_signature(const void *data, size_t length);
  * compared in constant time; else 0. */
 QM_EXPORT int check_sha_sig(const char *user, const char *password, const char *key, const char *signature);
 
+/* The "login.cgi" handler: signs the session in (plain or signed password)
+ * or changes a password, and answers with a redirect or JSON. 0 on success. */
+QM_EXPORT int login_cgi(int argc, char **argv);
+
 #ifdef __cplusplus
 }
 #endif

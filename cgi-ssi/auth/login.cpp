@@ -22,7 +22,6 @@
 
 #include "cgi_output.h"
 #include "cgic.h"
-#include "core/handlers.h"
 #include "json/json_writer.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
