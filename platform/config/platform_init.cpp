@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include <fcntl.h>
@@ -58,7 +59,8 @@ bool write_all(int fd, std::string_view data) {
 
 // Copies source over target through a temporary file and a rename, so a
 // reader sees the old or the new file, never a part.
-bool install_file(const std::string &source, const std::string &target, std::string &message) {
+bool install_file(const std::string &source, const std::string &target, std::string &message,
+                  mode_t mode = 0644) {
     std::string data;
     if (!read_file(source, data)) {
         message = "cannot read " + source;
@@ -70,12 +72,32 @@ bool install_file(const std::string &source, const std::string &target, std::str
         message = "cannot create a file beside " + target + ": " + errno_text();
         return false;
     }
-    bool ok = ::fchmod(fd.get(), 0644) == 0 && write_all(fd.get(), data) && ::fsync(fd.get()) == 0;
+    bool ok = ::fchmod(fd.get(), mode) == 0 && write_all(fd.get(), data) && ::fsync(fd.get()) == 0;
     fd.reset();
     if (!ok || ::rename(temp.c_str(), target.c_str()) != 0) {
         message = "cannot write " + target + ": " + errno_text();
         ::unlink(temp.c_str());
         return false;
+    }
+    return true;
+}
+
+// The host simulators of the gateway's tools (platform/sim/root/<gateway path>)
+// go to the same paths under the root, executables staying executable. Only
+// into a root: on a real gateway the real tools are there.
+bool install_simulators(std::string &message) {
+    namespace fs = std::filesystem;
+    if (quelm::root_prefix().empty()) return true;
+    const fs::path sim_dir = fs::path(std::string(kDataDir)).parent_path() / "sim" / "root";
+    std::error_code ec;
+    for (auto it = fs::recursive_directory_iterator(sim_dir, ec); !ec && it != fs::recursive_directory_iterator();
+         it.increment(ec)) {
+        if (!it->is_regular_file()) continue;
+        const std::string gateway_path = "/" + fs::relative(it->path(), sim_dir).string();
+        const std::string target = quelm::root_path(gateway_path);
+        if (!make_directories(fs::path(target).parent_path().string(), message)) return false;
+        const bool executable = (it->status().permissions() & fs::perms::owner_exec) != fs::perms::none;
+        if (!install_file(it->path().string(), target, message, executable ? 0755 : 0644)) return false;
     }
     return true;
 }
@@ -120,6 +142,7 @@ int init_root(std::string &message) {
             if (!install_file(std::string(kDataDir) + std::string(base), quelm::root_path(file), message))
                 return QM_ERR_STORAGE;
         }
+        if (!install_simulators(message)) return QM_ERR_STORAGE;
         std::unique_ptr<Schema> schema;
         std::unique_ptr<FactoryDefaults> factory;
         if (int code = detail::load_definitions(schema, factory, message)) return code;
