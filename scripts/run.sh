@@ -52,7 +52,7 @@ fi
 aliases=$("$bin/qmcfg" get Device Aliases)
 case ",$aliases," in
   *,localhost,*) ;;
-  *) "$bin/qmcfg" set Device Aliases "${aliases:+$aliases,}$names" ;;
+  *) "$bin/qmcfg" set Device Aliases "${aliases:+$aliases,}$names" >/dev/null ;;
 esac
 
 scripts/lighttpd-conf.sh "$root" "$port" "$bin" "$top/www" "$run" > "$run/lighttpd.conf"

@@ -17,6 +17,7 @@
 #include "qm_token.h"
 #include "quelm_child.h"
 #include "quelm_guard.h"
+#include "quelm_log.h"
 #include "quelm_root.h"
 #include "ssi.h"
 #include "ssi_buffer.h"
@@ -84,8 +85,13 @@ void apply_field(const cgiFormEntry &entry, GenericRequest &request) {
 void finish_changes(const GenericRequest &request) {
     if (request.error_code == 0 && request.modified) {
         QM_FILE_commit(0);
+        quelm::log::print(LOG_INFO, "changes committed");
     } else if (request.error_code != 0 && request.modified) {
         QM_FILE_revert();
+    }
+    if (request.error_code != 0) {
+        quelm::log::print(LOG_WARNING, "answered with error %u%s: %s", request.error_code,
+                          request.modified ? ", changes reverted" : "", request.token.error_text);
     }
     if (is_lock != 0) {
         is_lock = 0;

@@ -5,6 +5,7 @@
 #include "explain.h"
 #include "platform.h"
 #include "qm_config.h"
+#include "quelm_config_errors.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
 
@@ -83,19 +84,11 @@ std::string_view type_demand(std::string_view name) {
 
 }  // namespace
 
-const char *error_text(int code) {
-    switch (code) {
-    case QM_ERR_UNKNOWN_OBJECT: return "unknown name, or not the kind of name this command takes";
-    case QM_ERR_BAD_VALUE: return "value does not fit the property's type";
-    case QM_ERR_STORAGE: return "the configuration database failed";
-    case QM_ERR_EXISTS: return "instance already exists";
-    case QM_ERR_NOT_INSTANCE: return "not an instance of a List or Array (Arrays change at their end only)";
-    case QM_ERR_NOTHING: return "nothing stored under that name";
-    case QM_ERR_LOCKED: return "the configuration is locked by another process";
-    case QM_ERR_NOT_INIT: return "the root is not initialised (run qmcfg init)";
-    default: return "failed";
-    }
-}
+// The texts are keyed by number in the shared table; these are the numbers.
+static_assert(QM_ERR_UNKNOWN_OBJECT == 2 && QM_ERR_BAD_VALUE == 3 && QM_ERR_STORAGE == 4 && QM_ERR_EXISTS == 5 &&
+              QM_ERR_NOT_INSTANCE == 6 && QM_ERR_NOTHING == 7 && QM_ERR_LOCKED == 8 && QM_ERR_NOT_INIT == 9);
+
+const char *error_text(int code) { return quelm::config_error_text(code); }
 
 std::string explain(std::string_view name, int code, std::string_view value) {
     std::string out(name);
