@@ -15,12 +15,12 @@ deps:
 first-deps = $(if $(wildcard $(1)/CMakeCache.txt),,deps)
 
 # A checkout that was copied or moved keeps build folders whose CMake cache
-# names the old tree, which CMake refuses: such a cache is dropped (the
-# objects are rebuilt) before configuring.
+# names the old tree, which CMake refuses: such a build folder is removed
+# and built afresh.
 forget-moved-cache = @if [ -f $(1)/CMakeCache.txt ] && \
 	  ! grep -qxF 'CMAKE_HOME_DIRECTORY:INTERNAL=$(CURDIR)' $(1)/CMakeCache.txt; then \
-	  echo "$(1)/ was configured for another folder (a copied checkout): configuring it afresh"; \
-	  rm -rf $(1)/CMakeCache.txt $(1)/CMakeFiles; fi
+	  echo "$(1)/ was configured for another folder (a copied checkout): building it afresh"; \
+	  rm -rf $(1); fi
 
 build: $(call first-deps,build)
 	$(call forget-moved-cache,build)
