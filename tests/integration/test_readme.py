@@ -110,6 +110,13 @@ def test_walkthrough_runs_as_printed(checkout, tmp_path):
                               timeout=60)
         assert done.returncode == 0, done.stderr + done.stdout
         assert_no_sanitizer_report(done.stderr)
+
+        # The names make run serves under survive the factory defaults.
+        qmcfg = [BUILD / "bin" / "qmcfg"]
+        root_env = dict(env, QUELM_ROOT=str(run_dir / "root"))
+        subprocess.run(qmcfg + ["factory"], env=root_env, check=True)
+        aliases = subprocess.run(qmcfg + ["get", "Device_Aliases"], env=root_env, capture_output=True, text=True)
+        assert set(aliases.stdout.strip().split(",")) >= {"localhost", "127.0.0.1"}, aliases
     finally:
         os.killpg(server.pid, signal.SIGTERM)
         server.wait(timeout=10)
