@@ -70,12 +70,18 @@ const char *level_name(int priority) {
     }
 }
 
-// Local time as ISO 8601 with the offset, e.g. 2026-11-23T15:14:25+0000.
+// Local time as ISO 8601 with the offset, e.g. 2026-11-23T15:14:25+00:00.
 void iso_time(char (&out)[kTimeSize]) {
     std::time_t now = std::time(nullptr);
     struct tm local {};
-    if (::localtime_r(&now, &local) == nullptr || std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%S%z", &local) == 0)
-        out[0] = '\0';
+    std::size_t n = 0;
+    if (::localtime_r(&now, &local) != nullptr) n = std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%S%z", &local);
+    out[n] = '\0';
+    // strftime's offset is "+hhmm"; the extended form has "+hh:mm".
+    if (n >= 5 && n + 1 < sizeof out) {
+        std::memmove(out + n - 1, out + n - 2, 3);
+        out[n - 2] = ':';
+    }
 }
 
 void append_to_file(int priority, const char *message) {

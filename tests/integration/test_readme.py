@@ -123,9 +123,10 @@ def test_walkthrough_runs_as_printed(checkout, tmp_path):
     log = (run_dir / "cgi-ssi.log").read_text()
     assert_no_sanitizer_report((run_dir / "lighttpd-error.log").read_text())
     # The log lines the walkthrough leads to: time and level first.
-    line = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d{4} (error|warning|notice|info|debug) \S+\[\d+\]: ")
+    line = re.compile(r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d (error|warning|notice|info|debug) \S+\[\d+\]: ")
     assert all(line.match(entry) for entry in log.splitlines()), log
     for message in ("info login.cgi", "login of user 'admin' from 127.0.0.1 accepted",
                     "login of user 'admin' from 127.0.0.1 refused", "wrote Device_Hostname", "changes committed",
-                    "Warning: trying to delete an void object : PortMapping_10"):
+                    "Warning: trying to delete an void object : PortMapping_10",
+                    "warning generic.cgi", "request refused by its token from 127.0.0.1: You must provide a token"):
         assert message in log, log
