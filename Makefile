@@ -14,11 +14,21 @@ deps:
 
 first-deps = $(if $(wildcard $(1)/CMakeCache.txt),,deps)
 
+# A checkout that was copied or moved keeps build folders whose CMake cache
+# names the old tree, which CMake refuses: such a build folder is removed
+# and built afresh.
+forget-moved-cache = @if [ -f $(1)/CMakeCache.txt ] && \
+	  ! grep -qxF 'CMAKE_HOME_DIRECTORY:INTERNAL=$(CURDIR)' $(1)/CMakeCache.txt; then \
+	  echo "$(1)/ was configured for another folder (a copied checkout): building it afresh"; \
+	  rm -rf $(1); fi
+
 build: $(call first-deps,build)
+	$(call forget-moved-cache,build)
 	@cmake -S . -B build -DCMAKE_BUILD_TYPE=Release >/dev/null
 	@cmake --build build -j$(JOBS)
 
 asan: $(call first-deps,build-asan)
+	$(call forget-moved-cache,build-asan)
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DQUELM_SANITIZE=ON >/dev/null
 	@cmake --build build-asan -j$(JOBS)
 
@@ -28,11 +38,14 @@ test: deps
 	@scripts/test.sh build build-asan
 
 run: deps
+	@scripts/run.sh --check-port $(PORT)
 	@$(MAKE) --no-print-directory build
 	@scripts/run.sh $(PORT)
 
 bench: build
 	@scripts/bench.sh
 
+# Removes both builds and ./run (the gateway root of `make run`: its data
+# model, sessions and logs).
 clean:
 	rm -rf build build-asan run

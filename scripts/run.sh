@@ -1,24 +1,59 @@
 #!/usr/bin/env bash
 # Starts the gateway back end behind lighttpd on http://127.0.0.1:PORT with
-# the host platform rooted in ./run/root and the reference pages of ./www.
+# the host platform rooted in RUN_DIR/root and the reference pages of ./www.
+#   run.sh PORT                 serve (what `make run` does after building)
+#   run.sh --check-port PORT    only check that PORT and RUN_DIR are free
+# RUN_DIR is $QUELM_RUN_DIR, else ./run; the programs are taken from
+# $CGISSI_BUILD/bin, else ./build/bin.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+check_only=0
+if [ "${1:-}" = --check-port ]; then
+  check_only=1
+  shift
+fi
 port=${1:-8080}
 top=$PWD
-run=$top/run
+run=${QUELM_RUN_DIR:-$top/run}
 root=$run/root
-bin=$top/build/bin
+bin=${CGISSI_BUILD:-$top/build}/bin
+
+# Nothing is written into the run directory before these checks: a server
+# that already runs there keeps its configuration, log and pid file.
+refuse() {
+  echo "make run: $*" >&2
+  exit 1
+}
+case $port in
+  '' | *[!0-9]*) refuse "port '$port' is not a number (make run PORT=9000)" ;;
+esac
+if [ -s "$run/lighttpd.pid" ] && kill -0 "$(cat "$run/lighttpd.pid")" 2>/dev/null; then
+  refuse "a server already runs from $run (pid $(cat "$run/lighttpd.pid")); stop it with Ctrl-C or use QUELM_RUN_DIR=/another/folder"
+fi
+if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+  refuse "port $port on 127.0.0.1 is already in use; stop what serves it or pick another: make run PORT=9000"
+fi
+[ $check_only = 1 ] && exit 0
 
 export QUELM_ROOT=$root
 export QUELM_LOG_FILE=$run/cgi-ssi.log
-fresh=0
-[ -e "$root/var/quelm/config" ] || fresh=1
+mkdir -p "$run"
 "$bin/qmcfg" init
-if [ $fresh = 1 ]; then
-  # Sessions are only handed to requests that name the gateway; on a PC the
-  # gateway is reached as localhost.
-  "$bin/qmcfg" set Device Aliases "localhost,127.0.0.1"
+
+# Sessions are only handed to requests whose Host names the gateway; on a PC
+# it is reached as localhost or 127.0.0.1. Both names go into this root's
+# factory defaults too, so that `qmcfg factory` keeps them.
+names="localhost,127.0.0.1"
+factory=$root/etc/quelm/config.default/factory.conf
+if ! grep -q "^Device_Aliases=.*localhost" "$factory"; then
+  sed -i "s/^Device_Aliases=\(..*\)\$/Device_Aliases=\1,$names/; s/^Device_Aliases=\$/Device_Aliases=$names/" "$factory"
 fi
+aliases=$("$bin/qmcfg" get Device Aliases)
+case ",$aliases," in
+  *,localhost,*) ;;
+  *) "$bin/qmcfg" set Device Aliases "${aliases:+$aliases,}$names" >/dev/null ;;
+esac
 
 scripts/lighttpd-conf.sh "$root" "$port" "$bin" "$top/www" "$run" > "$run/lighttpd.conf"
 lighttpd -tt -f "$run/lighttpd.conf"

@@ -380,6 +380,8 @@ void signed_login(const std::string &referrer) {
     if (form_value("seed", seed, sizeof seed) && form_value("level", level, sizeof level)) {
         result = parse_config_auth_signature(seed, level, kModeLogin);
     }
+    quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "signed login from %s %s", cgiRemoteAddr,
+                      result == 1 ? "accepted" : "refused: no user's signature matched, or a field is missing");
     redirect(result, referrer.c_str());
 }
 
@@ -392,6 +394,9 @@ void plain_login(const std::string &referrer) {
         form_value("level", level, sizeof level) && QM_HasSession() != 0) {
         result = retrieve_password(login, password, level, kModeLogin);
     }
+    quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "login of user '%s' from %s %s",
+                      form_value("login", login, sizeof login) ? login : "", cgiRemoteAddr,
+                      result == 1 ? "accepted" : "refused (unknown user, wrong password or level, or missing field)");
     redirect(result, referrer.c_str());
 }
 

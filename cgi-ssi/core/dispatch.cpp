@@ -157,8 +157,10 @@ bool set_up_session(std::string_view ext) {
         }
     } else if (want_session) {
         const char *host = std::getenv("HTTP_HOST");
-        QM_LOG_print("no session for this request: host '%s' is not a name of the gateway",
-                     host != nullptr ? host : "");
+        quelm::log::print(LOG_WARNING,
+                          "no session for this request: host '%s' is not a name of the gateway (Device_Hostname, "
+                          "Device_Aliases, the LAN address)",
+                          host != nullptr ? host : "");
     }
     return true;
 }

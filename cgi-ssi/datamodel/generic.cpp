@@ -17,6 +17,7 @@
 #include "qm_token.h"
 #include "quelm_child.h"
 #include "quelm_guard.h"
+#include "quelm_log.h"
 #include "quelm_root.h"
 #include "ssi.h"
 #include "ssi_buffer.h"
@@ -84,8 +85,14 @@ void apply_field(const cgiFormEntry &entry, GenericRequest &request) {
 void finish_changes(const GenericRequest &request) {
     if (request.error_code == 0 && request.modified) {
         QM_FILE_commit(0);
+        quelm::log::print(LOG_INFO, "changes committed");
     } else if (request.error_code != 0 && request.modified) {
         QM_FILE_revert();
+    }
+    if (request.error_code != 0) {
+        // The causes were logged where they arose; the error text may quote them.
+        quelm::log::print(LOG_WARNING, "answered with error %u%s", request.error_code,
+                          request.modified ? ", changes reverted" : "");
     }
     if (is_lock != 0) {
         is_lock = 0;
@@ -106,6 +113,7 @@ void serve(GenericRequest &request) {
     if (token != QM_TOKEN_VALID) {
         // The reason is already in the error text; any code makes it shown.
         request.error_code = static_cast<std::uint32_t>(token);
+        quelm::log::print(LOG_WARNING, "request refused by its token from %s: %s", cgiRemoteAddr, request.token.message);
     } else {
         for (const cgiFormEntry *e = getFormEntries(); e != nullptr; e = e->next) apply_field(*e, request);
     }

@@ -19,6 +19,8 @@
 #include "qm_login.h"
 #include "qm_token.h"
 #include "quelm_chars.h"
+#include "quelm_config_errors.h"
+#include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
 
@@ -101,6 +103,8 @@ std::optional<std::string> decrypted_secret(const std::string &value, GenericReq
 void create_for_write(const std::string &object, GenericRequest &request) {
     const int rc = QM_DAT_createobject(object.c_str(), 0);
     if (rc != 0) {
+        quelm::log::print(LOG_WARNING, "write: cannot create %s: %s (data-model error %d)",
+                          object.c_str(), quelm::config_error_text(rc), rc);
         append_error_text(request, formatted(kUnableToCreate, object.c_str(), rc));
         set_cgi_error(request, kErrorCreate, kUnableToCreate, object.c_str(), rc);
     }
@@ -111,7 +115,10 @@ void create_for_write(const std::string &object, GenericRequest &request) {
 void set_property(const std::string &object, const std::string &property, const std::string &value,
                   bool store_only, bool known_secret, GenericRequest &request) {
     const int rc = QM_DAT_setobjproperty(object.c_str(), property.c_str(), value.c_str(), store_only ? 1 : 0);
+    if (rc == 0) quelm::log::print(LOG_INFO, "wrote %s_%s", object.c_str(), property.c_str());
     if (rc != 0) {
+        quelm::log::print(LOG_WARNING, "write %s_%s refused: %s (data-model error %d)", object.c_str(),
+                          property.c_str(), quelm::config_error_text(rc), rc);
         const bool secret = known_secret || is_secret_name(object + "_" + property);
         const std::string shown = secret ? std::string(json::kMask) : value;
         set_cgi_error(request, kErrorWrite, kUnableToWriteValue, shown.c_str(), object.c_str(), property.c_str(), rc);

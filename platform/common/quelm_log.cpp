@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -16,6 +17,8 @@ constexpr std::size_t kIdentSize = 64;
 // A message is formatted into kMessageSize bytes, and its escaped form (what
 // is logged) is cut at the same size.
 constexpr std::size_t kMessageSize = 4096;
+// "2026-11-23T15:14:25+0000" and its terminator, with room to spare.
+constexpr std::size_t kTimeSize = 32;
 // Created readable by the group only: messages name users and objects.
 constexpr mode_t kLogFileMode = 0640;
 
@@ -53,11 +56,42 @@ void escape_controls(const char *message, char (&out)[kMessageSize]) {
     out[used] = '\0';
 }
 
-void append_to_file(const char *message) {
+// The syslog level as the file spells it.
+const char *level_name(int priority) {
+    switch (LOG_PRI(priority)) {
+    case LOG_EMERG:
+    case LOG_ALERT:
+    case LOG_CRIT: return "crit";
+    case LOG_ERR: return "error";
+    case LOG_WARNING: return "warning";
+    case LOG_NOTICE: return "notice";
+    case LOG_INFO: return "info";
+    default: return "debug";
+    }
+}
+
+// Local time as ISO 8601 with the offset, e.g. 2026-11-23T15:14:25+00:00.
+void iso_time(char (&out)[kTimeSize]) {
+    std::time_t now = std::time(nullptr);
+    struct tm local {};
+    std::size_t n = 0;
+    if (::localtime_r(&now, &local) != nullptr) n = std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%S%z", &local);
+    out[n] = '\0';
+    // strftime's offset is "+hhmm"; the extended form has "+hh:mm".
+    if (n >= 5 && n + 1 < sizeof out) {
+        std::memmove(out + n - 1, out + n - 2, 3);
+        out[n - 2] = ':';
+    }
+}
+
+void append_to_file(int priority, const char *message) {
     const char *path = quelm::process_env("QUELM_LOG_FILE");
     if (path == nullptr || *path == '\0') return;
-    char line[kMessageSize + kIdentSize + 32];
-    int n = std::snprintf(line, sizeof line, "%s[%d]: %s\n", ident_buf, static_cast<int>(getpid()), message);
+    char when[kTimeSize];
+    iso_time(when);
+    char line[kMessageSize + kIdentSize + kTimeSize + 32];
+    int n = std::snprintf(line, sizeof line, "%s %s %s[%d]: %s\n", when, level_name(priority), ident_buf,
+                          static_cast<int>(getpid()), message);
     if (n <= 0) return;
     std::size_t total = static_cast<std::size_t>(n) < sizeof line ? static_cast<std::size_t>(n) : sizeof line - 1;
     // A link planted at the log's name is not followed.
@@ -84,7 +118,7 @@ void vprint(int priority, const char *format, va_list args) {
     char escaped[kMessageSize];
     escape_controls(message, escaped);
     ::syslog(priority, "%s", escaped);
-    append_to_file(escaped);
+    append_to_file(priority, escaped);
 }
 
 void print(int priority, const char *format, ...) {

@@ -2,7 +2,9 @@
 //
 // Every message goes to the system log under the identity last opened with
 // open(); with QUELM_LOG_FILE set it is also appended to that file, one line
-// per message ("<ident>[<pid>]: <message>"), so that tests can read it.
+// per message ("<ISO-8601 local time> <level> <ident>[<pid>]: <message>",
+// level one of crit, error, warning, notice, info, debug), so that people
+// and tests can read it.
 // Control bytes and DEL in a message are written escaped ("\n", "\xHH"),
 // so no text a message quotes can start a log line of its own. The file is
 // created 0640 and a link at its name is not followed.

@@ -162,3 +162,59 @@ def test_uninitialised_root_is_reported(bin_dir, env, tmp_path):
     assert done.returncode == 1
     assert "qmcfg init" in done.stderr
     assert not (empty / "var").exists()
+
+
+@pytest.mark.parametrize("args, status, message", [
+    (("set", "User_1_Enable", "7"), 1, "qmcfg: set: User_1_Enable: 7 is not a boolean (0 or 1)"),
+    (("set", "Services_IADConfigurator", "SessionDelay", "-1"), 1, "SessionDelay: -1 is not an unsigned integer"),
+    (("get", "Device", "Nme"), 1, "qmcfg: get: Device_Nme: unknown name: no such property; did you mean Device_Name?"),
+    (("get", "Nope_Name"), 1, "Nope_Name: unknown name, or not the kind"),
+    (("count", "Nope"), 1, "Nope: unknown name: no such object"),
+    (("create", "User", "1"), 1, "User_1: instance already exists"),
+    (("help", "nope"), 2, "no command 'nope'"),
+    (("bogus",), 2, "qmcfg --help lists them"),
+])
+def test_messages_name_what_is_wrong(qmcfg, args, status, message):
+    done = qmcfg(*args, check=False)
+    assert (done.returncode, done.stdout) == (status, "")
+    assert message in done.stderr, done.stderr
+    assert done.stderr.count("\n") == 1 or "usage:" in done.stderr, done.stderr
+
+
+def test_help_and_both_naming_styles(qmcfg):
+    overview = qmcfg("--help").stdout
+    assert "usage: qmcfg" in overview and "changes" in overview and "--system" in overview
+    assert qmcfg("help", "load").stdout.startswith("usage: qmcfg [-n] [--system] load FILE\n")
+    assert qmcfg("set", "Device_Hostname", "one").stdout == "Device_Hostname set and committed\n"
+    assert qmcfg("get", "Device", "Hostname").stdout == "one\n"
+    qmcfg("create", "User", "7")
+    assert qmcfg("count", "User").stdout == "1,2,3,7\n"
+    assert qmcfg("type", "User", "7").stdout == qmcfg("type", "User_7").stdout
+
+
+def test_load_names_the_line_and_only_the_cause(qmcfg, tmp_path):
+    bad = tmp_path / "bad.conf"
+    bad.write_text("Device_Hostname=x\nUser_1_Enable=5\n")
+    done = qmcfg("load", bad, check=False)
+    assert done.returncode == 1
+    assert done.stderr == f"qmcfg: load: {bad} line 2: value does not fit User_1_Enable\n"
+
+
+def test_changes_lists_what_the_next_commit_saves(qmcfg):
+    assert qmcfg("changes").stdout == ""
+    assert "not saved" in qmcfg("-n", "set", "Device", "Hostname", "draft").stdout
+    qmcfg("-n", "create", "User_9")
+    qmcfg("-n", "delete", "PortMapping_2")
+    lines = qmcfg("changes").stdout.splitlines()
+    assert "Device_Hostname=draft" in lines and "+User_9" in lines and "User_9_Username=" in lines
+    assert "-PortMapping_2" in lines and "-PortMapping_2_Name" in lines
+    qmcfg("commit")
+    assert qmcfg("changes").stdout == ""
+
+
+def test_without_root_changes_need_system(bin_dir, env):
+    bare = {k: v for k, v in env.items() if k != "QUELM_ROOT"}
+    for args in (["set", "Device", "Hostname", "x"], ["init"], ["factory"], ["-n", "load", "-"]):
+        done = subprocess.run([bin_dir / "qmcfg", *args], env=bare, capture_output=True, text=True, input="")
+        assert done.returncode == 1, args
+        assert "QUELM_ROOT is not set" in done.stderr and "--system" in done.stderr
