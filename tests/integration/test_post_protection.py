@@ -50,8 +50,6 @@ def guarded(cgi, qmcfg, root):
     ("http://127.0.0.1?x", HOST, "GET", "Referer URL is empty"),
     ("http://127.0.0.1/missing.htm", HOST, "POST", "Cannot extract existing file name from URL "
                                                    "http://127.0.0.1/missing.htm"),
-    # Three tries: /www/a/b/c/index.htm, /www/b/c/index.htm, /www/c/index.htm.
-    ("http://127.0.0.1/a/b/c/index.htm", HOST, "GET", "Cannot extract existing file name from URL"),
 ])
 def test_refusals_are_logged_and_answered_with_the_404_page(guarded, log_file, referer, host, method, message):
     assert guarded(referer, host, method) == REFUSAL
