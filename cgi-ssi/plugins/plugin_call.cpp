@@ -85,9 +85,13 @@ std::optional<LibraryCall> split_library_call(std::string_view call, const char 
     return LibraryCall{std::string(symbol), std::string(kLibraryDir).append(library)};
 }
 
-// Opens the entry's library and finds its symbol; logs and returns nullopt
-// when either fails. Plugin and function calls word their messages apart.
-std::optional<LoadedSymbol> load_symbol(const LibraryCall &call, const char *name, bool plugin) {
+// Opens the library of "library!symbol" and finds its symbol; logs and
+// returns nullopt when the name is refused or either fails. Plugin and
+// function calls word their messages apart.
+std::optional<LoadedSymbol> load_symbol(std::string_view call_text, const char *name, bool plugin) {
+    const std::optional<LibraryCall> parts = split_library_call(call_text, name);
+    if (!parts) return std::nullopt;
+    const LibraryCall &call = *parts;
     const std::string mapped = quelm::root_path(call.path);
     struct stat status {};
     if (::lstat(mapped.c_str(), &status) != 0) {
@@ -167,9 +171,7 @@ int run_command(const char *name, const char *method, const char *param, std::st
 int call_plugin(const char *name, int argc, char **argv, const char *call) {
     // compat: a plugin entry without "!" yields 1 without a message.
     if (call == nullptr || std::strchr(call, '!') == nullptr) return kNotUsable;
-    const std::optional<LibraryCall> parts = split_library_call(call, name);
-    if (!parts) return kNotUsable;
-    const std::optional<LoadedSymbol> loaded = load_symbol(*parts, name, true);
+    const std::optional<LoadedSymbol> loaded = load_symbol(call, name, true);
     if (!loaded) return kNotUsable;
     return reinterpret_cast<qm_plugin_cgi_entry>(loaded->symbol)(argc, argv);
 }
@@ -180,9 +182,7 @@ int call_function(const char *name, const char *method, const char *param, const
         return kNotUsable;
     }
     if (std::strchr(call, '!') == nullptr) return run_command(name, method, param, call);
-    const std::optional<LibraryCall> parts = split_library_call(call, name);
-    if (!parts) return kNotUsable;
-    const std::optional<LoadedSymbol> loaded = load_symbol(*parts, name, false);
+    const std::optional<LoadedSymbol> loaded = load_symbol(call, name, false);
     if (!loaded) return kNotUsable;
     return reinterpret_cast<qm_plugin_function_entry>(loaded->symbol)(name, method, param);
 }
@@ -193,13 +193,13 @@ int call_function(const char *name, const char *method, const char *param, const
 extern "C" {
 
 int call_external_plugin(const char *name, const char *, int argc, char **argv, const char *call) {
-    return quelm::guarded(-1, __func__, [&] {
+    return quelm::guarded(cgissi::plugins::kNotUsable, __func__, [&] {
         return cgissi::plugins::call_plugin(name != nullptr ? name : "", argc, argv, call);
     });
 }
 
 int call_external_function(const char *name, const char *method, const char *param, const char *call) {
-    return quelm::guarded(-1, __func__, [&] {
+    return quelm::guarded(cgissi::plugins::kNotUsable, __func__, [&] {
         return cgissi::plugins::call_function(name != nullptr ? name : "", method != nullptr ? method : "", param,
                                               call);
     });

@@ -7,7 +7,6 @@
 // failed stays failed.
 #include "plugins/registry.h"
 
-#include <cstring>
 #include <iksemel.h>
 #include <memory>
 #include <syslog.h>
