@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t kReadChunk = 4096;
 
 // In the child after fork: only async-signal-safe calls.
-[[noreturn]] void exec_child(const std::vector<char *> &args, int out_fd, bool merge_stderr) {
+[[noreturn]] void exec_child(const std::vector<char *> &args, char *const *envp, int out_fd, bool merge_stderr) {
     const int null_fd = ::open("/dev/null", O_RDWR);
     if (null_fd >= 0) ::dup2(null_fd, STDIN_FILENO);
     ::dup2(out_fd, STDOUT_FILENO);
@@ -27,19 +27,52 @@ constexpr std::size_t kReadChunk = 4096;
     }
     ::close_range(STDERR_FILENO + 1, ~0U, 0);
     ::signal(SIGPIPE, SIG_DFL);
-    ::execv(args[0], args.data());
+    if (envp != nullptr) {
+        ::execve(args[0], args.data(), envp);
+    } else {
+        ::execv(args[0], args.data());
+    }
     ::_exit(127);
 }
 
-int wait_status(pid_t pid) {
+void wait_child(pid_t pid, ChildResult &result) {
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) return -1;
+        if (errno != EINTR) return;
     }
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-    return -1;
+    result.wait_status = status;
+    if (WIFEXITED(status)) {
+        result.status = WEXITSTATUS(status);
+    } else if (WIFSIGNALED(status)) {
+        result.status = 128 + WTERMSIG(status);
+    }
 }
+
+// The child's environment: the parent's with `extra` added, built before
+// fork (the child may only make async-signal-safe calls). A later entry
+// replaces an earlier one of the same name. Without extra entries the child
+// simply inherits the parent's environment (envp() is null).
+class ChildEnvironment {
+public:
+    explicit ChildEnvironment(const std::vector<std::string> &extra) {
+        if (extra.empty()) return;
+        for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry) entries_.emplace_back(*entry);
+        for (const std::string &added : extra) {
+            const std::size_t equals = added.find('=');
+            if (equals == std::string::npos) continue;  // not an entry
+            const std::string_view name = std::string_view(added).substr(0, equals + 1);
+            std::erase_if(entries_, [&](const std::string &e) { return std::string_view(e).starts_with(name); });
+            entries_.push_back(added);
+        }
+        for (std::string &e : entries_) pointers_.push_back(e.data());
+        pointers_.push_back(nullptr);
+    }
+    char *const *envp() const { return pointers_.empty() ? nullptr : pointers_.data(); }
+
+private:
+    std::vector<std::string> entries_;
+    std::vector<char *> pointers_;
+};
 
 }  // namespace
 
@@ -52,6 +85,8 @@ ChildResult run_child(const std::vector<std::string> &argv, const std::function<
     for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
 
+    const ChildEnvironment env(options.extra_env);
+
     int ends[2];
     if (::pipe2(ends, O_CLOEXEC) != 0) return result;
     UniqueFd read_end(ends[0]);
@@ -59,7 +94,7 @@ ChildResult run_child(const std::vector<std::string> &argv, const std::function<
 
     const pid_t pid = ::fork();
     if (pid < 0) return result;
-    if (pid == 0) exec_child(args, write_end.get(), options.merge_stderr);
+    if (pid == 0) exec_child(args, env.envp(), write_end.get(), options.merge_stderr);
     write_end.reset();
 
     using Clock = std::chrono::steady_clock;
@@ -90,7 +125,7 @@ ChildResult run_child(const std::vector<std::string> &argv, const std::function<
         delivered += take;
     }
     read_end.reset();
-    result.status = wait_status(pid);
+    wait_child(pid, result);
     return result;
 }
 

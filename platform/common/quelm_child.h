@@ -25,6 +25,9 @@ struct ChildOptions {
     bool merge_stderr = false;
     // Milliseconds before the child is killed; 0 waits for ever.
     int timeout_ms = 0;
+    // "NAME=value" entries added to the child's environment (replacing a
+    // variable of the same name); the parent's own environment is untouched.
+    std::vector<std::string> extra_env;
 };
 
 struct ChildResult {
@@ -34,6 +37,9 @@ struct ChildResult {
     int status = -1;
     bool truncated = false;  // output beyond output_limit was dropped
     bool timed_out = false;  // killed after timeout_ms
+    // The status as waitpid() gave it (what system() returns); -1 when the
+    // program could not be started.
+    int wait_status = -1;
 };
 
 // Starts argv[0] (a path; not searched in PATH) with argv and waits for it.

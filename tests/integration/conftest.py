@@ -191,3 +191,28 @@ def lighttpd(bin_dir, root, log_file, tmp_path):
         proc.kill()
         proc.wait()
     assert_no_sanitizer_report(server.error_log())
+
+
+import shutil  # noqa: E402  (the plugin fixtures below are appended)
+
+PLUGIN_SOURCES = REPO / "tests" / "plugins"
+
+
+@pytest.fixture
+def install_plugins(root):
+    """Installs the sample plugin and its command into the root's /lib and
+    writes the registry: install(entries) with entries as XML attribute
+    texts, one element each. "{lib}" and "{record}" in them stand for the
+    sample library's name and the command's record file."""
+    lib = root / "lib"
+    lib.mkdir(exist_ok=True)
+    shutil.copy(BUILD / "plugins" / "libsample_plugin.so", lib)
+    shutil.copy(PLUGIN_SOURCES / "sample_command.sh", lib)
+    record = root / "var/tmp/command-record"
+
+    def install(*entries):
+        registry = root / "etc/quelm/config.default/web.xml"
+        items = "".join(f"  <entry {e.format(lib='libsample_plugin.so', record=record)}/>\n" for e in entries)
+        registry.write_text(f"<web>\n{items}</web>\n")
+        return record
+    return install
