@@ -55,6 +55,10 @@ case ",$aliases," in
   *) "$bin/qmcfg" set Device Aliases "${aliases:+$aliases,}$names" >/dev/null ;;
 esac
 
+# The gateway's web tree (WebConfigurator_RootDir, "/www") is the checkout's
+# pages: POST protection looks for the referring page there.
+ln -sfn "$top/www" "$root/www"
+
 scripts/lighttpd-conf.sh "$root" "$port" "$bin" "$top/www" "$run" > "$run/lighttpd.conf"
 lighttpd -tt -f "$run/lighttpd.conf"
 
