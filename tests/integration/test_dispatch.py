@@ -128,8 +128,7 @@ def test_through_lighttpd(lighttpd):
 
 
 def test_many_fastcgi_requests_leak_nothing(bin_dir, env, tmp_path):
-    responder = Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock")
-    try:
+    with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as responder:
         for i in range(300):
             params = {
                 "SCRIPT_FILENAME": "/www/export.cgi" if i % 2 else "/www/index.htm",
@@ -143,9 +142,6 @@ def test_many_fastcgi_requests_leak_nothing(bin_dir, env, tmp_path):
             }
             out, _ = responder.request(params, b"a=1&b=2&c=3" if i % 3 == 0 else b"")
             assert out == BUILTIN_ANSWER if i % 2 else out.startswith(PAGE_MISSING)
-    finally:
-        err = responder.stop()
-    assert_no_sanitizer_report(err)
     assert responder.proc.returncode == 0
 
 
