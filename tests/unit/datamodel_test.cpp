@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -245,18 +244,11 @@ TEST(DatamodelOutput, TfprintfAccumulatesNewestFirst) {
 
 // ---- Paths against the factory data model ---------------------------------
 
-class DatamodelModel : public ::testing::Test {
+class DatamodelModel : public test_support::GatewayRoot {
 protected:
     static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
     void SetUp() override {
-        char dir[] = "/tmp/datamodel_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        root_ = dir;
-        setenv("QUELM_ROOT", root_.c_str(), 1);
-        setenv("QUELM_LOG_FILE", (root_ / "log").c_str(), 1);
-        std::string message;
-        ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
-        ASSERT_EQ(QM_Cfg_Init(1), 0);
+        GatewayRoot::SetUp();
         fs::create_directories(root_ / "var/tmp");
         QM_LOG_set(1);
         saved_created_ = last_created_indice;
@@ -264,11 +256,7 @@ protected:
     void TearDown() override {
         last_created_indice = saved_created_;
         remove_last_token_name();
-        QM_LOG_set(0);
-        QM_Cfg_Free();
-        unsetenv("QUELM_ROOT");
-        unsetenv("QUELM_LOG_FILE");
-        fs::remove_all(root_);
+        GatewayRoot::TearDown();
     }
 
     // The printed payload of a read, or "(null)" when the path fails.
@@ -280,13 +268,7 @@ protected:
         Text name(compute_name(path));
         return name ? name.get() : "(null)";
     }
-    std::string text_of(const char *file) const {
-        std::ostringstream s;
-        s << std::ifstream(root_ / file).rdbuf();
-        return s.str();
-    }
-    std::string logged() const { return text_of("log"); }
-    std::string token_file() const { return text_of("var/tmp/CGI_Token_abc123"); }
+    std::string token_file() const { return test_support::slurp(root_ / "var/tmp/CGI_Token_abc123"); }
     void set(const char *object, const char *property, const char *value) {
         ASSERT_EQ(QM_DAT_setobjproperty(object, property, value, 0), 0) << object << "_" << property;
     }
@@ -301,7 +283,6 @@ protected:
         last_token_lifetime = 600;
     }
 
-    fs::path root_;
     int saved_created_ = -1;
 };
 
@@ -433,7 +414,7 @@ TEST_F(DatamodelModel, RebootRequestsOfEarlierRequestsAreDropped) {
                    "{\"error\" : \"You must provide a token to access the values of CLI get or post.\"}\n");
     EXPECT_EQ(need_reboot, 0);
     EXPECT_EQ(need_factory, 0);
-    EXPECT_EQ(text_of("var/quelm/platform/events.log").find("reboot"), std::string::npos);
+    EXPECT_EQ(test_support::slurp(root_ / "var/quelm/platform/events.log").find("reboot"), std::string::npos);
 }
 
 }  // namespace

@@ -24,6 +24,7 @@
 #include "qm_util.h"
 #include "qm_webauth.h"
 #include "quelm_owned.h"
+#include "test_support.h"
 
 namespace {
 
@@ -50,36 +51,18 @@ std::vector<std::string> record_names(const char *object) {
     return names;
 }
 
-std::string read_text(const fs::path &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using test_support::slurp;
 
-class PlatformTest : public ::testing::Test {
+class PlatformTest : public test_support::GatewayRoot {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/platform_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        root_ = dir;
-        setenv("QUELM_ROOT", root_.c_str(), 1);
-        setenv("QUELM_LOG_FILE", (root_ / "test.log").c_str(), 1);
         setenv("QUELM_LOCK_WAIT_MS", "200", 1);
-        std::string message;
-        ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
-        ASSERT_EQ(QM_Cfg_Init(1), 0);
-        QM_err_set(0);
+        GatewayRoot::SetUp();
     }
-
     void TearDown() override {
-        QM_LOG_set(0);
-        QM_Cfg_Free();
-        for (const char *name : {"QUELM_ROOT", "QUELM_LOG_FILE", "QUELM_LOCK_WAIT_MS"}) unsetenv(name);
-        fs::remove_all(root_);
+        GatewayRoot::TearDown();
+        unsetenv("QUELM_LOCK_WAIT_MS");
     }
-
-    fs::path root_;
 };
 
 // Takes the configuration lock through an open file description of its own
@@ -363,7 +346,7 @@ TEST_F(PlatformTest, FactoryDropsNewInstancesAndEventsAreStamped) {
 
     EXPECT_EQ(QM_SYS_reboot(5), 0);
     EXPECT_EQ(QM_STATUS_set(1), 0);
-    std::istringstream log(read_text(root_ / "var/quelm/platform/events.log"));
+    std::istringstream log(slurp(root_ / "var/quelm/platform/events.log"));
     std::vector<std::string> events;
     for (std::string line; std::getline(log, line);) {
         ASSERT_GT(line.size(), 21u) << line;
@@ -486,7 +469,7 @@ TEST_F(PlatformTest, LogPrintsOnlyWhenSwitchedOn) {
     QM_LOG_print("during %d", 2);
     QM_LOG_set(0);
     QM_LOG_print("after %d", 3);
-    std::string log = read_text(root_ / "test.log");
+    std::string log = logged();
     EXPECT_EQ(log.find("before"), std::string::npos) << log;
     EXPECT_NE(log.find("during 2"), std::string::npos) << log;
     EXPECT_EQ(log.find("after"), std::string::npos) << log;

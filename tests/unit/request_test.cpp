@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,13 +43,6 @@ std::vector<std::string> strings(char **array) {
     for (char **p = array; *p != nullptr; ++p) out.emplace_back(*p);
     cgiStringArrayFree(array);
     return out;
-}
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 using test_support::captured_output;
@@ -295,7 +287,7 @@ TEST_F(RequestForm, StringCopies) {
         cgiFreeResources();
     }
     QM_LOG_set(0);
-    EXPECT_NE(read_file(log).find("name [a] not found"), std::string::npos) << "a missing name is logged";
+    EXPECT_NE(test_support::slurp(log).find("name [a] not found"), std::string::npos) << "a missing name is logged";
 }
 
 TEST_F(RequestForm, Numbers) {

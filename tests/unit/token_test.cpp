@@ -47,30 +47,23 @@ std::time_t fresh_second() {
     return now;
 }
 
-class Token : public ::testing::Test {
+class Token : public test_support::GatewayRoot {
   protected:
     static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
     void SetUp() override {
-        char dir[] = "/tmp/token_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        root_ = dir;
+        GatewayRoot::SetUp();
         fs::create_directories(tmp());
-        setenv("QUELM_ROOT", root_.c_str(), 1);
-        setenv("QUELM_LOG_FILE", (root_ / "log").c_str(), 1);
-        QM_LOG_set(1);
         remove_last_token_name();
     }
     void TearDown() override {
         remove_last_token_name();
         cgiFreeResources();
-        QM_LOG_set(0);
-        for (const char *name : {"QUELM_ROOT", "QUELM_LOG_FILE", "REQUEST_METHOD", "QUERY_STRING"}) unsetenv(name);
-        fs::remove_all(root_);
+        for (const char *name : {"REQUEST_METHOD", "QUERY_STRING"}) unsetenv(name);
+        GatewayRoot::TearDown();
     }
 
     fs::path tmp() const { return root_ / "var/tmp"; }
     fs::path file_of(const std::string &token) const { return tmp() / ("CGI_Token_" + token); }
-    std::string logged() const { return slurp(root_ / "log"); }
 
     void plant(const fs::path &path, const std::string &content, std::time_t expiry) {
         std::ofstream(path, std::ios::binary) << content;
@@ -85,8 +78,6 @@ class Token : public ::testing::Test {
         EXPECT_EQ(cgiInitResources(nullptr), 0);
         return get_token_rights(&context);
     }
-
-    fs::path root_;
 };
 
 TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
