@@ -125,7 +125,7 @@ def cgi(bin_dir, env, tmp_path):
     docroot.mkdir(exist_ok=True)
 
     def run(page="index.htm", argv0="ssi", method="GET", query="", body=b"",
-            content_type=None, content_length=None, realm="web", extra=None, timeout=30):
+            content_type=None, content_length=None, realm="web", extra=None, unset=(), timeout=30):
         request_env = dict(env)
         request_env.update(
             REQUEST_METHOD=method,
@@ -149,6 +149,8 @@ def cgi(bin_dir, env, tmp_path):
         if content_length is not None:
             request_env["CONTENT_LENGTH"] = str(content_length)
         request_env.update(extra or {})
+        for name in unset:
+            request_env.pop(name, None)
         done = subprocess.run([argv0], executable=bin_dir / "cgi-ssi", env=request_env,
                               input=body, capture_output=True, timeout=timeout)
         stderr = done.stderr.decode(errors="replace")

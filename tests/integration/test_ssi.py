@@ -5,7 +5,6 @@ a data-model value."""
 
 import os
 import re
-import subprocess
 
 import pytest
 
@@ -30,31 +29,19 @@ COOKIE = re.compile(r"QM_web_ID=([A-Za-z0-9]{6})")
 
 
 @pytest.fixture
-def site(bin_dir, env, tmp_path):
-    """A document root and a runner that serves one page from it."""
-    docroot = tmp_path / "site"
-    docroot.mkdir()
-
+def site(cgi):
+    """Writes a page (and the files it uses) and serves it: the raw answer."""
     def render(page="index.htm", text=None, extra=None, unset=(), files=None, timeout=60):
-        for name, content in (files or {}).items():
-            path = docroot / name
+        for name, content in dict(files or {}, **({page: text} if text is not None else {})).items():
+            path = cgi.docroot / name
             path.parent.mkdir(parents=True, exist_ok=True)
             path.write_bytes(content.encode() if isinstance(content, str) else content)
-        if text is not None:
-            (docroot / page).write_bytes(text.encode() if isinstance(text, str) else text)
-        request_env = dict(env, REQUEST_METHOD="GET", QUERY_STRING="", QUELM_REALM="web",
-                           DOCUMENT_ROOT=f"{docroot}/", SCRIPT_NAME=f"/{page}",
-                           SCRIPT_FILENAME=f"{docroot}/{page}", REMOTE_ADDR="127.0.0.1",
-                           HTTP_HOST="127.0.0.1", HTTP_USER_AGENT="pytest")
-        request_env.update(extra or {})
-        for name in unset:
-            request_env.pop(name, None)
-        done = subprocess.run(["ssi"], executable=bin_dir / "cgi-ssi", env=request_env,
-                              capture_output=True, timeout=timeout)
-        assert_no_sanitizer_report(done.stderr.decode(errors="replace"))
-        return done.stdout.decode("latin-1")
+        # The web server hands the document root over with its closing "/".
+        base = {"HTTP_USER_AGENT": "pytest", "DOCUMENT_ROOT": f"{cgi.docroot}/"}
+        answer = cgi(page=page, extra=dict(base, **(extra or {})), unset=unset, timeout=timeout)
+        return answer.raw.decode("latin-1")
 
-    render.docroot = docroot
+    render.docroot = cgi.docroot
     return render
 
 
