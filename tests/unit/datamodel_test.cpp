@@ -39,10 +39,7 @@ using Text = quelm::MallocString;
 // ---- Pure parsers ---------------------------------------------------------
 
 TEST(DatamodelParse, InstanceListWalk) {
-    const struct {
-        const char *list;
-        std::vector<int> visited;
-    } cases[] = {
+    const struct { const char *list; std::vector<int> visited; } cases[] = {
         {"1,3,4", {1, 3, 4}}, {"", {}},    {"5", {5}},  {"1,2,", {1, 2, 2}},  // a bad item repeats the last
         {"1,x,3", {1, 1}},    {"0,3", {}}, {"x,3", {}}, {" 7, 8", {7, 8}},   {"2,0,5", {2}},
     };
@@ -51,12 +48,8 @@ TEST(DatamodelParse, InstanceListWalk) {
 
 TEST(DatamodelParse, WildcardFilters) {
     // Flags of a List holding 2 and 5 (end mark after 5) or of an empty one.
-    const struct {
-        std::vector<int> instances;
-        const char *filter;
-        int result;  // length of the text after the filters, or -1
-        std::vector<int> selected;
-    } cases[] = {
+    // result: length of the text after the filters, or -1
+    const struct { std::vector<int> instances; const char *filter; int result; std::vector<int> selected; } cases[] = {
         {{2, 5}, "", 0, {2, 5}},  {{2, 5}, ">2", 0, {5}},       {{2, 5}, "=3", 0, {}},      {{2, 5}, "!=2", 0, {5}},
         {{2, 5}, "<5", 0, {2}},   {{2, 5}, "<=5", 0, {2, 5}},   {{2, 5}, ">=5_Name", 5, {5}},
         {{2, 5}, ">1<5[Enable=1]_Name", 15, {2}},               {{2, 5}, "_Name", 5, {2, 5}},
@@ -79,10 +72,8 @@ TEST(DatamodelParse, WildcardFilters) {
 
 // Selectors and the where clauses of whole paths are in EveryPathForm.
 TEST(DatamodelParse, WhereClauses) {
-    const struct {
-        const char *clause, *property;
-        int holds;  // -1: unknown operator, -2: does not parse
-    } wheres[] = {
+    // holds: -1: unknown operator, -2: does not parse
+    const struct { const char *clause, *property; int holds; } wheres[] = {
         {"Count<10", "abc", 1},  // not a number counts as 0
         {"Count<10", "10", 0},        {"Count<=10", "10", 1},     {"Count>2", "3", 1},   {"Count>=4", "3", 0},
         {"Name=box", "box", 1},       {"Name=box", "box ", 0},    {"Name!=box", "boxes", 1},
@@ -122,9 +113,7 @@ TEST(DatamodelParse, IndirectForms) {
 }
 
 TEST(DatamodelParse, RightsAndOptions) {
-    const struct {
-        const char *path, *checked;
-    } rights[] = {
+    const struct { const char *path, *checked; } rights[] = {
         {"Device_Name", "Device_Name"},
         {"User_*[Username=admin]_Password", "User_*[]_Password"},
         {"User_{WLANInterface_1_Config_Channel}_Name", "User_{}_Name"},
@@ -135,11 +124,7 @@ TEST(DatamodelParse, RightsAndOptions) {
     };
     for (const auto &r : rights) EXPECT_EQ(rights_path(r.path), r.checked) << r.path;
 
-    const struct {
-        const char *argument, *path;
-        bool autolearn;
-        int shadow;
-    } options[] = {
+    const struct { const char *argument, *path; bool autolearn; int shadow; } options[] = {
         {"Device_Name:show:write", "Device_Name", true, 0},
         {"Device_Name:write:show", "Device_Name", true, 0},
         {"Device_Name:show:shadow", "Device_Name", false, 0},  // stripped from the end
@@ -246,10 +231,8 @@ TEST(DatamodelOutput, TfprintfAccumulatesNewestFirst) {
 
 class DatamodelModel : public test_support::GatewayRoot {
 protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
     void SetUp() override {
         GatewayRoot::SetUp();
-        fs::create_directories(root_ / "var/tmp");
         QM_LOG_set(1);
         saved_created_ = last_created_indice;
     }
@@ -290,9 +273,7 @@ protected:
 // executable (test_generic.py, cli= in test_page_symbols_read_the_data_model).
 TEST_F(DatamodelModel, EveryPathForm) {
     set("Services_IADConfigurator", "Languages", "3,1");
-    const struct {
-        const char *path, *json;
-    } cases[] = {
+    const struct { const char *path, *json; } cases[] = {
         {"User_Count", R"("1,2,3")"},
         {"HttpServer_List", R"("3")"},
         {"User_*_Username",
@@ -354,9 +335,7 @@ TEST_F(DatamodelModel, IndirectNames) {
     set("Services_IADConfigurator", "MaxTry", "2");
     set("User_1", "Password", "3");
     last_created_indice = -1;
-    const struct {
-        const char *path, *name;
-    } before[] = {
+    const struct { const char *path, *name; } before[] = {
         {"User_[Username=guest]_Enable", "User_2_Enable"},
         {"User_[Username=support]", "User_3"},
         {"User[Username=support]", "User_3"},

@@ -85,10 +85,8 @@ bool lock_is_free(const fs::path &root) {
 
 // The type codes of valid names are checked through qmcfg (test_qmcfg.py).
 TEST_F(PlatformTest, NamesMapToSchemaPaths) {
-    struct Case {
-        const char *name;
-        const char *xml_path;  // null: unknown name
-    } cases[] = {
+    // xml_path: null: unknown name
+    struct Case { const char *name; const char *xml_path; } cases[] = {
         {"Device", "Device"},
         {"Device_Hostname", "Device.Hostname"},
         {"User_3", "User.{i}"},
@@ -135,9 +133,7 @@ TEST_F(PlatformTest, ComponentNamesMayHoldUnderscores) {
         <object name="Services_IAD" type="31"><param name="Delay" type="3" default="5"/></object>
         <object name="A_B" type="33"><param name="C" type="1"/><param name="C_D" type="2"/></object>)"),
               0);
-    struct Case {
-        const char *name, *xml_path;
-    } cases[] = {
+    struct Case { const char *name, *xml_path; } cases[] = {
         {"Services_IAD", "Services_IAD"},  // the longer component wins
         {"Services_Name", "Services.Name"}, {"Services_IAD_Delay", "Services_IAD.Delay"}, {"A_B_2", "A_B.{i}"},
         {"A_B_2_C", "A_B.{i}.C"},           {"A_B_2_C_D", "A_B.{i}.C_D"},                 {"A_B_2_C_E", nullptr},
@@ -204,10 +200,8 @@ TEST_F(PlatformTest, RecordsOfAnInstanceLeaveOutLongerNumbers) {
 }
 
 TEST_F(PlatformTest, WhereClausesSelectInstances) {
-    struct Case {
-        const char *query;
-        std::vector<std::string> first_of_each;  // empty: null expected
-    } cases[] = {
+    // first_of_each: empty: null expected
+    struct Case { const char *query; std::vector<std::string> first_of_each; } cases[] = {
         {"User_*", {"User_1_Enable", "User_2_Enable", "User_3_Enable"}},
         {"User_*[Enable=1]", {"User_1_Enable", "User_3_Enable"}},
         {"User_*[Enable=1][User=1][Services?=web_web_admin]", {"User_1_Enable"}},
@@ -283,10 +277,7 @@ TEST_F(PlatformTest, NewListIndexFollowsTheDataModel) {
 
 TEST_F(PlatformTest, SetValidatesAgainstTheType) {
     constexpr int kBad = QM_ERR_BAD_VALUE;
-    struct Case {
-        const char *object, *property;
-        std::vector<std::pair<const char *, int>> values;
-    } cases[] = {
+    struct Case { const char *object, *property; std::vector<std::pair<const char *, int>> values; } cases[] = {
         {"Services_IADConfigurator", "SessionDelay", {{"600", 0}, {"59", kBad}, {"86401", kBad}, {"", kBad}}},
         {"Services_IADConfigurator", "NumberTry",
          {{"-1", kBad}, {"+1", kBad}, {"4294967295", 0}, {"4294967296", kBad}}},
@@ -480,11 +471,7 @@ std::string embedded(const std::string &user, const std::string &password) {
 }
 
 TEST_F(PlatformTest, WebauthChecksEnabledUsers) {
-    struct Case {
-        std::string authorization;
-        const char *realm;
-        int result;
-    } cases[] = {
+    struct Case { std::string authorization; const char *realm; int result; } cases[] = {
         {embedded("admin", "admin"), "web", 0},   {embedded("admin", "admin"), nullptr, 0},
         {embedded("admin", "admin"), "nas", -1},  // realm not granted
         {embedded("admin", "admin2"), "web", -1}, {embedded("admin", "admi"), "web", -1},

@@ -119,10 +119,7 @@ constexpr const char *kUrlencoded = "application/x-www-form-urlencoded";
 // Also: a GET is parsed over the whole query, whatever CONTENT_LENGTH says.
 TEST_F(RequestInit, UrlencodedQueries) {
     setenv("CONTENT_LENGTH", "3", 1);
-    struct Case {
-        const char *query;
-        Fields fields;
-    } cases[] = {
+    struct Case { const char *query; Fields fields; } cases[] = {
         {"a=1&b=2&c", {{"a", "1"}, {"b", "2"}}}, {"=x", {{"", "x"}}},         {"a=x%00y", {{"a", "x"}}},
         {"a=%zz", {{"a", ""}}},  // one zero byte: the value reads as empty
         {"a+b=c+d%20e", {{"a b", "c d e"}}},    {"%3D=%26&x=%41%62%2", {{"=", "&"}, {"x", "Ab"}}},
@@ -226,11 +223,7 @@ TEST_F(RequestInit, FilterRoleTakesDataLength) {
 }
 
 TEST_F(RequestInit, ContentTypeAndBoundary) {
-    struct Case {
-        std::string header;
-        std::string type;
-        std::string boundary;
-    } cases[] = {
+    struct Case { std::string header; std::string type; std::string boundary; } cases[] = {
         {"multipart/form-data; boundary=XyZ", "multipart/form-data", "XyZ"},
         {"multipart/form-data;charset=utf-8;  BOUNDARY=a-b end", "multipart/form-data", "a-b"},
         {"multipart/form-data; xboundary=no; boundary=yes", "multipart/form-data", "yes"},
@@ -259,13 +252,7 @@ TEST_F(RequestInit, UnsetVariablesReadEmpty) {
 }
 
 TEST_F(RequestForm, StringCopies) {
-    struct Case {
-        const char *query;
-        bool newlines;
-        int max;
-        const char *text;
-        cgiFormResultType code;
-    } cases[] = {
+    struct Case { const char *query; bool newlines; int max; const char *text; cgiFormResultType code; } cases[] = {
         {"a=x%0D%0Ay", true, 64, "x\ny", cgiFormSuccess},  {"a=x%0D%0Ay", false, 64, "xy", cgiFormSuccess},
         {"a=%0D%0A", false, 64, "", cgiFormEmpty},         {"a=abcdef", true, 4, "abc", cgiFormTruncated},
         {"a=x%0D%0D%0Ay%0A%0A%0Dz", true, 64, "x\n\ny\n\nz", cgiFormSuccess},
@@ -291,12 +278,8 @@ TEST_F(RequestForm, StringCopies) {
 }
 
 TEST_F(RequestForm, Numbers) {
-    struct Case {
-        const char *query;
-        bool bounded;  // cgiFormIntegerBounded to 0..10 with default 99, else cgiFormInteger with default 7
-        int value;
-        cgiFormResultType code;
-    } integers[] = {
+    // bounded: cgiFormIntegerBounded to 0..10 with default 99, else cgiFormInteger with default 7
+    struct Case { const char *query; bool bounded; int value; cgiFormResultType code; } integers[] = {
         {"n=%2012abc", false, 12, cgiFormSuccess}, {"n=abc", false, 7, cgiFormBadType},
         {"n=", false, 7, cgiFormEmpty},            {"m=1", false, 7, cgiFormNotFound},
         {"n=%2B3", false, 3, cgiFormSuccess},      {"n=%20", false, 7, cgiFormBadType},
@@ -363,13 +346,7 @@ TEST_F(RequestForm, ChoicesAndMultipleValues) {
 }
 
 TEST_F(RequestCookie, Lookup) {
-    struct Case {
-        const char *header;
-        const char *name;
-        int max;
-        const char *text;
-        cgiFormResultType code;
-    } cases[] = {
+    struct Case { const char *header; const char *name; int max; const char *text; cgiFormResultType code; } cases[] = {
         {"a=1; ab=2", "ab", 16, "2", cgiFormSuccess},    {"a=1; ab=2", "a", 16, "1", cgiFormSuccess},
         {"a=1; ab=2", "b", 16, "", cgiFormNotFound},     {"ab=2", "a", 16, "", cgiFormNotFound},
         {"x=1;  \t y=2", "y", 16, "2", cgiFormSuccess},  {"x; y=2", "x", 16, "", cgiFormNotFound},
@@ -422,12 +399,7 @@ TEST_F(RequestCookie, HugeHeaderFromEnvironment) {
 }
 
 TEST_F(RequestHeader, ExactBytes) {
-    struct Case {
-        const char *desc;
-        int first_cookie;
-        std::function<void()> write;
-        std::string bytes;
-    } cases[] = {
+    struct Case { const char *desc; int first_cookie; std::function<void()> write; std::string bytes; } cases[] = {
         {"content type", 1, [] { cgiHeaderContentType("text/html"); }, "Content-type: text/html\r\n\r\n"},
         {"content type, no request yet", 0, [] { cgiHeaderContentType("text/xml"); },
          "\r\nContent-type: text/xml\r\n\r\n"},

@@ -65,6 +65,7 @@ inline int get_request(const char *query) {
 // with the configuration library open on it and the log file at <root>/log.
 class GatewayRoot : public ::testing::Test {
 protected:
+    static void SetUpTestSuite() { bind_fcgi_streams(); }
     void SetUp() override {
         char dir[] = "/tmp/gateway_root.XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);

@@ -49,10 +49,8 @@ std::time_t fresh_second() {
 
 class Token : public test_support::GatewayRoot {
   protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
     void SetUp() override {
         GatewayRoot::SetUp();
-        fs::create_directories(tmp());
         remove_last_token_name();
     }
     void TearDown() override {
@@ -95,11 +93,7 @@ TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
 
     const std::string invalid = "Token is invalid or your session has expired. Please refresh the page.";
     const std::string expired = "Your session has expired. Please refresh the page.";
-    struct Case {
-        const char *query;
-        int result;
-        std::string message, rights;
-    } cases[] = {
+    struct Case { const char *query; int result; std::string message, rights; } cases[] = {
         {"other=1", QM_TOKEN_MISSING, "You must provide a token to access the values of CLI get or post.", ""},
         {"token=abc12", QM_TOKEN_UNKNOWN, invalid, ""},
         {"token=%2F..%2Fx1", QM_TOKEN_UNKNOWN, invalid, ""},
@@ -132,10 +126,7 @@ TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
 }
 
 TEST_F(Token, RightsAreSubstringsOfThePath) {
-    struct Case {
-        const char *rights, *object;
-        int allowed;
-    } cases[] = {
+    struct Case { const char *rights, *object; int allowed; } cases[] = {
         {"all", "Device_Hostname", 1},
         {"Wifi,Hosts", "LANDevice_1_Hosts_3_Name", 1},
         {"Wifi,Hosts", "Device_Hostname", 0},

@@ -17,11 +17,7 @@ namespace {
 uint32_t ip(unsigned a, unsigned b, unsigned c, unsigned d) { return a << 24 | b << 16 | c << 8 | d; }
 
 TEST(UtilValidate, CharacterClassesRejectHighBytes) {
-    struct Case {
-        int (*check)(const char *);
-        const char *text;
-        int valid;
-    } cases[] = {
+    struct Case { int (*check)(const char *); const char *text; int valid; } cases[] = {
         {check_name, "", 1},
         {check_name, "Az09-_", 1},
         {check_name, "a.b", 0},
@@ -42,10 +38,7 @@ TEST(UtilValidate, CharacterClassesRejectHighBytes) {
 }
 
 TEST(UtilValidate, IpaddrPort) {
-    struct Case {
-        const char *text;
-        int valid;
-    } cases[] = {
+    struct Case { const char *text; int valid; } cases[] = {
         {"1.2.3.4", 1},     {"1.2.3.4:0", 1},       {"1.2.3.4:65535", 1}, {"1.2.3.4:65536", 0}, {"1.2.3.4:-1", 0},
         {"1.2.3.4:abc", 1},  // an unreadable port leaves the plain address form
         {"0.0.0.0", 1},     {"255.255.255.255", 1}, {"256.1.1.1", 0},     {"1.2.3.-1", 0},      {"1.2.3.", 0},
@@ -69,19 +62,12 @@ TEST(UtilValidate, IpwordAndIpstrRoundTrip) {
 }
 
 TEST(UtilValidate, MaskAndHost) {
-    struct Mask {
-        uint32_t mask;
-        int bits;
-    } masks[] = {{ip(255, 255, 255, 0), 24}, {ip(255, 0, 255, 0), 0}, {0, 0},
+    struct Mask { uint32_t mask; int bits; } masks[] = {{ip(255, 255, 255, 0), 24}, {ip(255, 0, 255, 0), 0}, {0, 0},
                  {0xFFFFFFFFu, 32},          {0x80000000u, 1},        {0xFFFFFFFEu, 31},
                  {0x7FFFFFFFu, 0},           {1, 0}};
     for (const Mask &m : masks) EXPECT_EQ(ipmask(m.mask), m.bits) << std::hex << m.mask;
 
-    struct Host {
-        const char *desc;
-        uint32_t address, mask;
-        int valid;
-    } hosts[] = {
+    struct Host { const char *desc; uint32_t address, mask; int valid; } hosts[] = {
         {"broadcast", ip(192, 168, 1, 255), ip(255, 255, 255, 0), 0},
         {"network", ip(192, 168, 1, 0), ip(255, 255, 255, 0), 0},
         {"multicast", ip(224, 0, 0, 1), ip(255, 0, 0, 0), 0},
@@ -96,11 +82,8 @@ TEST(UtilValidate, MaskAndHost) {
 }
 
 TEST(UtilValidate, MacwordStoresGroupAddressesButRejectsThem) {
-    struct Case {
-        const char *text;
-        int unicast;
-        std::vector<unsigned char> bytes;  // empty: nothing stored
-    } cases[] = {
+    // bytes: empty: nothing stored
+    struct Case { const char *text; int unicast; std::vector<unsigned char> bytes; } cases[] = {
         {"01:00:5E:00:00:01", 0, {0x01, 0x00, 0x5E, 0x00, 0x00, 0x01}},
         {"00:11:22:aa:BB:ff", 1, {0x00, 0x11, 0x22, 0xAA, 0xBB, 0xFF}},
         {"0:1:2:3:4:5", 1, {0, 1, 2, 3, 4, 5}},
@@ -214,10 +197,7 @@ TEST(UtilList, WalkItemsAndComponents) {
     item = "ab\vcd";
     EXPECT_EQ(get_list_str_component(item, out, 3), item + 2) << "item separator not consumed";
 
-    struct Int {
-        const char *in;
-        int value;
-    } ints[] = {{" -7\tx", -7}, {"\tx", 99}, {"abc", 99}, {"12abc", 12},
+    struct Int { const char *in; int value; } ints[] = {{" -7\tx", -7}, {"\tx", 99}, {"abc", 99}, {"12abc", 12},
                 {"0000000000000000000000000000000" "5", 0}};  // only 31 characters are read
     for (const Int &c : ints) {
         int v = 0;
@@ -256,13 +236,7 @@ protected:
 };
 
 TEST_F(UtilVarFile, FilevarTruncation) {
-    struct Case {
-        const char *desc;
-        std::string content;
-        size_t size;
-        std::string out;
-        int code;
-    } cases[] = {
+    struct Case { const char *desc; std::string content; size_t size; std::string out; int code; } cases[] = {
         {"fits", "abc\n", 4, "abc", QM_VAR_OK},
         {"exactly size is cut but ok", "abcd\n", 4, "abc", QM_VAR_OK},
         {"longer than size", "abcde\n", 4, "abc", QM_VAR_TRUNCATED},
