@@ -231,11 +231,7 @@ TEST_F(PlatformTest, CountsFollowCreateAndDelete) {
     EXPECT_EQ(count_of("User_1"), "(null)");
 
     struct Step {
-        int (*op)(const char *, int);
-        const char *name;
-        int result;
-        const char *count_of;
-        const char *count;
+        int (*op)(const char *, int); const char *name; int result; const char *count_of; const char *count;
     } steps[] = {
         {QM_DAT_createobject, "User_1001", 0, "User", "1,2,3,1001"},
         {QM_DAT_deleteobject, "User_2", 0, "User", "1,3,1001"},
@@ -379,11 +375,8 @@ TEST_F(PlatformTest, LoadSkipsCommentsGrowsArraysAndNamesTheBadLine) {
     EXPECT_EQ(value_of("Storage_Item_2_Status", "State"), "ConnectedMounted");
     EXPECT_EQ(count_of("LANEthernetInterface"), "6");  // an Array grows up to the instance named
 
-    struct Case {
-        const char *text;
-        int result;
-        const char *line;
-    } bad[] = {  // a value that does not fit is driven through qmcfg
+    // A value that does not fit is driven through qmcfg.
+    struct Case { const char *text; int result; const char *line; } bad[] = {
         {"Device_Hostname=x\nno equals sign\n", QM_ERR_BAD_VALUE, "line 2"},
         {"User_22=x\n", QM_ERR_UNKNOWN_OBJECT, "line 1"},
     };

@@ -147,13 +147,9 @@ TEST_F(RequestInit, ParserReadsExactlyTheGivenLength) {
 }
 
 TEST_F(RequestInit, PostBodyLengths) {
+    // length: null: unset
     struct Case {
-        const char *desc;
-        const char *length;  // null: unset
-        const char *body;
-        int result;
-        Fields fields;
-        const char *unread;
+        const char *desc; const char *length; const char *body; int result; Fields fields; const char *unread;
     } cases[] = {
         {"exact", "7", "a=1&b=2", 0, {{"a", "1"}, {"b", "2"}}, ""},
         {"shorter than body", "3", "a=1&b=2", 0, {{"a", "1"}}, "&b=2"},

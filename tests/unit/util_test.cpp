@@ -121,13 +121,9 @@ char *three_words(const char *p, char *o, size_t n) { return text_extract_date(p
 char *two_words(const char *p, char *o, size_t n) { return text_extract_date(p, o, n, 2); }
 
 TEST(UtilExtract, FieldsAtBufferBoundaries) {
+    // consumed: the whole field, however small the buffer
     struct Case {
-        const char *desc;
-        Extractor fn;
-        const char *in;
-        size_t size;
-        const char *out;
-        size_t consumed;  // the whole field, however small the buffer
+        const char *desc; Extractor fn; const char *in; size_t size; const char *out; size_t consumed;
     } cases[] = {
         {"ip fits", text_extract_ip, "192.168.1.1 x", 12, "192.168.1.1", 11},
         {"ip one short", text_extract_ip, "192.168.1.1 x", 11, "192.168.1.", 11},
@@ -259,12 +255,7 @@ TEST_F(UtilVarFile, FilevarTruncation) {
 
 TEST_F(UtilVarFile, LogvarKeyMatching) {
     struct Case {
-        const char *desc;
-        const char *content;
-        const char *key;
-        size_t size;
-        const char *out;
-        int code;
+        const char *desc; const char *content; const char *key; size_t size; const char *out; int code;
     } cases[] = {
         {"= must follow the key", "ipv6=::1\nip=1.2.3.4\n", "ip", 32, "1.2.3.4", QM_VAR_OK},
         {"longer key only", "ipv6=::1\n", "ip", 32, "", QM_VAR_MISSING},
