@@ -57,13 +57,6 @@ def test_cgi_name_without_slash_is_refused(cgi, log_file):
     assert "Mistmatch plugin_name: login.cgi" in log_text(log_file)
 
 
-@pytest.mark.parametrize("length, warned", [(249, False), (250, True)])
-def test_realm_length_boundary(cgi, log_file, length, warned):
-    answer = cgi(realm="r" * length)
-    assert answer.raw.startswith(PAGE_MISSING)
-    assert ("Warnig: sizeof realm" in log_text(log_file)) == warned
-
-
 def test_no_realm_still_dispatches(cgi):
     assert cgi(realm=None).raw.startswith(PAGE_MISSING)
 

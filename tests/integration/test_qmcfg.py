@@ -20,8 +20,7 @@ def test_init_creates_the_root_and_keeps_values(qmcfg, root):
         assert (root / path).is_file(), path
     assert (root / "var/quelm/config/config.db").stat().st_mode & 0o077 == 0  # holds passwords
 
-    qmcfg("set", "Device", "Hostname", "kept")
-    qmcfg("create", "User_1001")
+    qmcfg("load", "-", input="Device_Hostname=kept\nUser_1001_Username=x\n")
     qmcfg("init")
     assert qmcfg("get", "Device", "Hostname").stdout == "kept\n"
     assert qmcfg("count", "User").stdout == "1,2,3,1001\n"

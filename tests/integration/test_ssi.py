@@ -65,11 +65,6 @@ def test_content_type_from_table(site, page, header):
     assert site(page, "x") == header + "x"
 
 
-def test_content_language_comes_first(site):
-    raw = site(text="x", extra={"HTTP_ACCEPT_LANGUAGE": "fr-FR,fr"})
-    assert raw == "CONTENT-LANGUAGE: fr-FR,fr\r\n" + HTML + "x"
-
-
 def test_missing_page_exact_bytes(site):
     raw = site("missing.htm")
     path = f"{site.docroot}/missing.htm"

@@ -166,10 +166,7 @@ std::string printed(qm_node *root, int shadow, int mode = SSI_MODE_PLAIN) {
     return out;
 }
 
-class DatamodelTree : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
-};
+using DatamodelTree = test_support::PageOutput;
 
 TEST_F(DatamodelTree, RecordsPrintAsNestedMembers) {
     struct {

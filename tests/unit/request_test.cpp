@@ -96,12 +96,16 @@ protected:
 
     static int get(const char *query) { return test_support::get_request(query); }
 
-    static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
-        setenv("REQUEST_METHOD", "POST", 1);
+    static int send(const char *method, const char *type, const char *length, const std::string &body,
+                    FCGI_FILE *sink = nullptr) {
+        setenv("REQUEST_METHOD", method, 1);
         setenv("CONTENT_TYPE", type, 1);
         if (length != nullptr) setenv("CONTENT_LENGTH", length, 1);
         set_body(body);
         return cgiInitResources(sink);
+    }
+    static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
+        return send("POST", type, length, body, sink);
     }
 
     int saved_stdin_ = -1;
@@ -189,32 +193,19 @@ TEST_F(RequestInit, BodiesOfOtherTypesAndMethodsAreLeftUnread) {
     EXPECT_EQ(getFormEntries(), nullptr);
     EXPECT_EQ(unread_body(), "a=1");
 
-    setenv("REQUEST_METHOD", "PUT", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(send("PUT", kUrlencoded, "3", "a=1"), 0);
     EXPECT_EQ(unread_body(), "a=1");
-
     // Method and urlencoded type compare ignoring case.
-    setenv("REQUEST_METHOD", "post", 1);
-    setenv("CONTENT_TYPE", "Application/X-WWW-Form-Urlencoded; charset=utf-8", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(send("post", "Application/X-WWW-Form-Urlencoded; charset=utf-8", "3", "a=1"), 0);
     EXPECT_EQ(form_fields(), (Fields{{"a", "1"}}));
 }
 
 TEST_F(RequestInit, FilterRoleTakesDataLength) {
-    setenv("REQUEST_METHOD", "POST", 1);
-    setenv("CONTENT_TYPE", kUrlencoded, 1);
     setenv("FCGI_ROLE", "FILTER", 1);
-    setenv("CONTENT_LENGTH", "3", 1);
     setenv("FCGI_DATA_LENGTH", "-5", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), -1) << "the data length is the one used";
-
+    EXPECT_EQ(post(kUrlencoded, "3", "a=1"), -1) << "the data length is the one used";
     setenv("FCGI_DATA_LENGTH", "0", 1);
-    setenv("CONTENT_LENGTH", "-1", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(post(kUrlencoded, "-1", "a=1"), 0);
     EXPECT_EQ(unread_body(), "") << "standard input of a filter is drained";
 }
 

@@ -67,11 +67,8 @@ TEST(SsiMatch, ManyDeepRunsOnLongPathFinishQuickly) {
 
 // ---- Escaped output ------------------------------------------------------------
 
-class SsiOutput : public ::testing::Test {
+class SsiOutput : public test_support::PageOutput {
 protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
-    void TearDown() override { SSI_Set_Mode(SSI_MODE_PLAIN); }
-
     static std::string print(int mode, const std::string &text) {
         SSI_Set_Mode(mode);
         return captured_output([&] { ssiprintf("%s", text.c_str()); });

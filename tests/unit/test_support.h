@@ -19,6 +19,7 @@
 #include "cgic.h"
 #include "platform.h"
 #include "qm_config.h"
+#include "ssi.h"
 
 namespace test_support {
 
@@ -60,6 +61,14 @@ inline int get_request(const char *query) {
     setenv("QUERY_STRING", query, 1);
     return cgiInitResources(nullptr);
 }
+
+// Tests that print through the page output: the streams bound, and the
+// plain output mode back after each test.
+class PageOutput : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { bind_fcgi_streams(); }
+    void TearDown() override { SSI_Set_Mode(SSI_MODE_PLAIN); }
+};
 
 // Each test in a gateway root of its own, made as "qmcfg init" makes it,
 // with the configuration library open on it and the log file at <root>/log.

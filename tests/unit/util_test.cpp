@@ -18,20 +18,11 @@ uint32_t ip(unsigned a, unsigned b, unsigned c, unsigned d) { return a << 24 | b
 
 TEST(UtilValidate, CharacterClassesRejectHighBytes) {
     struct Case { int (*check)(const char *); const char *text; int valid; } cases[] = {
-        {check_name, "", 1},
-        {check_name, "Az09-_", 1},
-        {check_name, "a.b", 0},
-        {check_name, "caf\xC3\xA9", 0},
-        {check_name, nullptr, 0},
-        {check_internetname, "a-1.b,c_2", 1},
-        {check_internetname, "a b", 0},
-        {check_ascii, "!~", 1},
-        {check_ascii, "a b", 0},
-        {check_ascii, "\x7F", 0},
-        {check_ascii, "a\x80", 0},
-        {check_ascii_with_spaces, " a ~", 1},
-        {check_ascii_with_spaces, "a\tb", 0},
-        {check_ascii_with_spaces, "\xA0", 0},
+        {check_name, "", 1},           {check_name, "Az09-_", 1},         {check_name, "a.b", 0},
+        {check_name, "caf\xC3\xA9", 0}, {check_name, nullptr, 0},          {check_internetname, "a-1.b,c_2", 1},
+        {check_internetname, "a b", 0}, {check_ascii, "!~", 1},            {check_ascii, "a b", 0},
+        {check_ascii, "\x7F", 0},        {check_ascii, "a\x80", 0},          {check_ascii_with_spaces, " a ~", 1},
+        {check_ascii_with_spaces, "a\tb", 0}, {check_ascii_with_spaces, "\xA0", 0},
     };
     for (const Case &c : cases) EXPECT_EQ(c.check(c.text), c.valid) << (c.text ? c.text : "(null)");
     for (int b = 128; b < 256; ++b) EXPECT_EQ(check_alphanum(static_cast<char>(b)), 0) << b;
