@@ -32,6 +32,14 @@ def write_token(root, name="abc123", rights="all", more=""):
     return path
 
 
+def make_user(qmcfg, index, name, password, services="web_admin"):
+    """Creates User_<index>, enabled, with the given name, password and services."""
+    qmcfg("create", f"User_{index}")
+    for prop, value in [("Enable", "1"), ("User", "1"), ("Username", name), ("Password", password),
+                        ("Services", services)]:
+        qmcfg("set", f"User_{index}", prop, value)
+
+
 def plugin_symbols(source, bin_dir, tmp_path, *cflags):
     """Compiles a plugin's source as strict C99 against include/; returns the
     symbols it needs and those the executable exports."""

@@ -3,7 +3,6 @@ bodies at and around their limits, and the FastCGI path behind lighttpd."""
 
 import pytest
 
-from conftest import assert_no_sanitizer_report
 from fcgi import Responder
 
 # "export.cgi" answers 404 while its feature is not in the build: it is the

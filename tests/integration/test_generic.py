@@ -10,6 +10,7 @@ from urllib.parse import urlencode
 
 import pytest
 
+from cipher import page_encrypt
 from conftest import plugin_symbols, write_token
 from fcgi import Responder
 
@@ -134,21 +135,12 @@ def test_create_delete_reset_and_store_only(generic, token, qmcfg, root):
     assert qmcfg("get", "Device", "Name").stdout == "quiet\n"  # reverted by the error
 
 
-def encrypt(key, plain):
-    """Hex text that the server's value cipher decrypts into plain."""
-    out = []
-    for i, c in enumerate(plain.encode()):
-        k = key.encode()[i % len(key)]
-        out.append(next(p for p in range(256) if (p - k + 94 if p - k + 94 >= 33 else p - k + 188) == c))
-    return base64.b64encode("".join(f"{p:02X}" for p in out).encode()).decode()
-
-
 def test_encrypted_secrets(generic, qmcfg):
     path = "WLANInterface_1_Config_KeyPassphrase"
-    assert generic(("write", f"{path}:{encrypt(TOKEN, 'newpassphrase')}")) == b"{}\n"
+    assert generic(("write", f"{path}:{page_encrypt(TOKEN, 'newpassphrase')}")) == b"{}\n"
     assert qmcfg("get", "WLANInterface_1_Config", "KeyPassphrase").stdout == "newpassphrase\n"
     too_long = "p" * 70
-    body = generic(("write", f"{path}:{encrypt(TOKEN, too_long)}"), ("write", f"{path}:%%%"),
+    body = generic(("write", f"{path}:{page_encrypt(TOKEN, too_long)}"), ("write", f"{path}:%%%"),
                    ("write", f"{path}:{base64.b64encode(b'XYZ').decode()}"))
     assert too_long.encode() not in body
     assert body.decode() == "{" + error_member(

@@ -49,20 +49,19 @@ def token_of(answer):
     return match.group(1).decode()
 
 
-def test_cookie_issued_with_exact_file(visit, root):
+def test_cookie_issued_reused_refreshed_and_expired(visit, root):
     token = token_of(visit())
     path = root / "var/quelm/session" / f"web_{token}"
     assert path.read_text() == f"REMOTE_ADDR=192.168.1.10\nHTTP_USER_AGENT={AGENT}\nREALM=web\n"
-
-
-def test_cookie_reused_and_refreshed(visit, root):
-    token = token_of(visit())
-    path = root / "var/quelm/session" / f"web_{token}"
     old = time.time() - 300  # idle, but within the 600 s lifetime
     os.utime(path, (old, old))
     assert token_of(visit(cookie=f"other=1; QM_web_ID={token}")) == token
     assert path.stat().st_mtime > old + 200
     assert sessions(root) == [f"web_{token}"]
+    old = time.time() - 601
+    os.utime(path, (old, old))
+    fresh = token_of(visit(cookie=f"QM_web_ID={token}"))
+    assert fresh != token and not path.exists()
 
 
 @pytest.mark.parametrize("change", [{"addr": "192.168.1.11"}, {"agent": "curl/8"}])
@@ -71,15 +70,6 @@ def test_changed_client_is_refused_and_replaced(visit, root, change):
     fresh = token_of(visit(cookie=f"QM_web_ID={token}", **change))
     assert fresh != token
     assert sessions(root) == [f"web_{fresh}"]
-
-
-def test_idle_session_expires(visit, root):
-    token = token_of(visit())
-    path = root / "var/quelm/session" / f"web_{token}"
-    old = time.time() - 601
-    os.utime(path, (old, old))
-    fresh = token_of(visit(cookie=f"QM_web_ID={token}"))
-    assert fresh != token and not path.exists()
 
 
 @pytest.mark.parametrize("value", ["abcde", "abcdefg", "../abc", "ab/cde", "", "x" * 200])

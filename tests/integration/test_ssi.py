@@ -8,7 +8,7 @@ import re
 
 import pytest
 
-from conftest import assert_no_sanitizer_report
+from conftest import make_user
 from fcgi import Responder
 
 HTML = "Content-type: text/html\r\n\r\n"
@@ -337,13 +337,6 @@ def visitor(site, gateway, root):
 
     visit.state = state
     return visit
-
-
-def make_user(qmcfg, index, name, password, services="web_admin"):
-    qmcfg("create", f"User_{index}")
-    for prop, value in [("Enable", "1"), ("User", "1"), ("Username", name), ("Password", password),
-                        ("Services", services)]:
-        qmcfg("set", f"User_{index}", prop, value)
 
 
 SECTION = "[<!--#isAuth {} -->in<!--#endAuth -->]"

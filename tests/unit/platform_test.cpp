@@ -32,15 +32,15 @@ namespace fs = std::filesystem;
 
 using Text = quelm::MallocString;
 
+// A text the library allocated, freed here; "(null)" for none.
+std::string owned_text(char *text) {
+    Text v(text);
+    return v ? std::string(v.get()) : std::string("(null)");
+}
 std::string value_of(const char *object, const char *property) {
-    Text v(QM_DAT_getobjproperty(object, property));
-    return v ? std::string(v.get()) : std::string("(null)");
+    return owned_text(QM_DAT_getobjproperty(object, property));
 }
-
-std::string count_of(const char *object) {
-    Text v(QM_DAT_getobjcount(object));
-    return v ? std::string(v.get()) : std::string("(null)");
-}
+std::string count_of(const char *object) { return owned_text(QM_DAT_getobjcount(object)); }
 
 std::vector<std::string> record_names(const char *object) {
     QM_DAT_record *records = QM_DAT_getobjdata(object, 0);
