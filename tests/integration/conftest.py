@@ -2,6 +2,7 @@
 (one request), and cgi-ssi as a FastCGI responder behind lighttpd."""
 
 import os
+import shutil
 import socket
 import subprocess
 import time
@@ -11,15 +12,49 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 import pytest
+from fcgi import SANITIZER_MARKS
 
 REPO = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("CGISSI_BUILD", REPO / "build"))
-SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
 
 def assert_no_sanitizer_report(text):
     for mark in SANITIZER_MARKS:
         assert mark not in text, text
+
+
+def write_token(root, name="abc123", rights="all", more=""):
+    """A token file valid for ten minutes: lifetime, rights, further lines."""
+    path = root / "var/tmp" / f"CGI_Token_{name}"
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(f"600\n{rights}\n{more}")
+    os.utime(path, (time.time() + 600, time.time() + 600))
+    return path
+
+
+def make_user(qmcfg, index, name, password, services="web_admin"):
+    """Creates User_<index>, enabled, with the given name, password and services."""
+    qmcfg("create", f"User_{index}")
+    for prop, value in [("Enable", "1"), ("User", "1"), ("Username", name), ("Password", password),
+                        ("Services", services)]:
+        qmcfg("set", f"User_{index}", prop, value)
+
+
+def plugin_symbols(source, bin_dir, tmp_path, *cflags):
+    """Compiles a plugin's source as strict C99 against include/; returns the
+    symbols it needs and those the executable exports."""
+    cc, nm = shutil.which("cc"), shutil.which("nm")
+    if cc is None or nm is None:
+        pytest.skip("no C toolchain")
+    (tmp_path / "plugin.c").write_text(source)
+    done = subprocess.run([cc, "-std=c99", "-Wall", "-Wextra", "-Werror", "-pedantic", "-c", "-I", REPO / "include",
+                           *cflags, "-o", tmp_path / "plugin.o", tmp_path / "plugin.c"], capture_output=True, text=True)
+    assert done.returncode == 0, done.stderr
+
+    def symbols(*args):
+        return subprocess.run([nm, *args], capture_output=True, text=True, check=True).stdout.split()
+    return set(symbols("--undefined-only", tmp_path / "plugin.o")[1::2]), \
+        set(symbols("--dynamic", "--defined-only", bin_dir / "cgi-ssi")[2::3])
 
 
 @pytest.fixture(scope="session")
@@ -98,7 +133,7 @@ def cgi(bin_dir, env, tmp_path):
     docroot.mkdir(exist_ok=True)
 
     def run(page="index.htm", argv0="ssi", method="GET", query="", body=b"",
-            content_type=None, content_length=None, realm="web", extra=None, timeout=30):
+            content_type=None, content_length=None, realm="web", extra=None, unset=(), timeout=30):
         request_env = dict(env)
         request_env.update(
             REQUEST_METHOD=method,
@@ -122,6 +157,8 @@ def cgi(bin_dir, env, tmp_path):
         if content_length is not None:
             request_env["CONTENT_LENGTH"] = str(content_length)
         request_env.update(extra or {})
+        for name in unset:
+            request_env.pop(name, None)
         done = subprocess.run([argv0], executable=bin_dir / "cgi-ssi", env=request_env,
                               input=body, capture_output=True, timeout=timeout)
         stderr = done.stderr.decode(errors="replace")

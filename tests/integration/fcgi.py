@@ -68,8 +68,13 @@ def request(address, params, body=b"", timeout=30):
                 return stdout, stderr
 
 
+SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
+
+
 class Responder:
-    """cgi-ssi started as a FastCGI responder on a listening Unix socket."""
+    """cgi-ssi started as a FastCGI responder on a listening Unix socket. As a
+    context manager it stops the responder on leaving and asserts that the
+    sanitizers reported nothing."""
 
     def __init__(self, binary, argv0, env, socket_path):
         self.address = str(socket_path)
@@ -82,6 +87,14 @@ class Responder:
 
     def request(self, params, body=b""):
         return request(self.address, params, body)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *failure):
+        err = self.stop()
+        for mark in SANITIZER_MARKS:
+            assert mark not in err, err
 
     def stop(self):
         """Asks the responder to leave its accept loop; returns its stderr."""

@@ -1,20 +1,17 @@
 """The log: request text cannot forge lines, and the log file is created
 0640 without following a link planted at its name."""
 
-import os
 import stat
-import time
 from urllib.parse import urlencode
+
+from conftest import write_token
 
 FORM = "application/x-www-form-urlencoded"
 TOKEN = "abc123"
 
 
 def generic_request(cgi, root, *fields):
-    path = root / "var/tmp" / f"CGI_Token_{TOKEN}"
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text("600\nall\n")
-    os.utime(path, (time.time() + 600, time.time() + 600))
+    write_token(root, TOKEN)
     body = urlencode([("token", TOKEN), *fields]).encode()
     return cgi(page="generic.cgi", method="POST", body=body, content_type=FORM)
 

@@ -1,5 +1,5 @@
 """login.cgi through the real executable. Signatures and encrypted passwords
-are made here with hashlib, base64 and a Python version of the value cipher,
+are made here with hashlib, base64 and the Python value cipher of cipher.py,
 independently of the gateway's code."""
 
 import base64
@@ -11,6 +11,9 @@ import time
 from urllib.parse import urlencode
 
 import pytest
+
+from cipher import decrypt, encrypt, page_encrypt
+from conftest import make_user
 
 HOST = "192.168.1.1"
 PAGE = f"http://{HOST}/basic/password.htm"
@@ -24,35 +27,6 @@ USERS = {"admin": 1, "guest": 2, "support": 3, "ops": 4}
 def html(url):
     return b"text/html\r\n\r\n<HTML>\n<script>\r\ndocument.location.replace(\"%s\");\r\n</script>\r\n</HTML>\n" \
         % url.encode()
-
-
-def signed_byte(b):
-    return b - 256 if b >= 128 else b
-
-
-def encrypt(key, plain):
-    out = []
-    for i, p in enumerate(plain.encode()):
-        v = signed_byte(p) + signed_byte(key.encode()[i % len(key)])
-        v = v - 94 if v >= 94 else v
-        v = v - 94 if v >= 127 else v
-        out.append("%02X" % (v & 0xFF))
-    return "".join(out)
-
-
-def decrypt(key, hex_text):
-    out = bytearray()
-    for i in range(0, len(hex_text), 2):
-        v = int(hex_text[i:i + 2], 16) - signed_byte(key.encode()[(i // 2) % len(key)]) + 94
-        out.append((v + 94 if v < 33 else v) & 0xFF)
-    return bytes(out)
-
-
-def page_encrypt(key, text):
-    """What a page posts so that the gateway's decrypt gives text back."""
-    pairs = "".join("%02X" % (t + ord(key[i % len(key)]) - 94) for i, t in enumerate(text.encode()))
-    assert decrypt(key, pairs) == text.encode()
-    return base64.b64encode(pairs.encode()).decode()
 
 
 def signature(token, user, password):
@@ -69,10 +43,7 @@ def gateway(qmcfg):
         ("User_3", "Password", "support-pw"),
     ]:
         qmcfg("set", obj, prop, value)
-    qmcfg("create", "User_4")  # of the realm, but without the word web_web
-    for prop, value in [("Enable", "1"), ("Username", "ops"), ("Password", "ops-pw"),
-                        ("Services", "web_rmt,web_web_ops")]:
-        qmcfg("set", "User_4", prop, value)
+    make_user(qmcfg, 4, "ops", "ops-pw", "web_rmt,web_web_ops")  # of the realm, but without the word web_web
 
 
 class Browser:

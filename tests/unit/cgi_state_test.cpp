@@ -97,12 +97,8 @@ protected:
 
 TEST_F(CgiState, ErrorIsStoredAsDecimalAndShownOnce) {
     const fs::path file = root_ / "gw/var/tmp/cgierror";
-    struct Case {
-        const char *desc;
-        std::function<void()> store;
-        const char *stored;  // file contents; null: no file
-        const char *first;   // Ssi after the first read
-    } cases[] = {
+    // stored: the file's contents (null: no file); first: Ssi after the first read.
+    struct Case { const char *desc; std::function<void()> store; const char *stored; const char *first; } cases[] = {
         {"code", [] { EXPECT_EQ(set_cgierror(42), 42); }, "42", "42"},
         {"negative code", [] { set_cgierror(-7); }, "-7", "-7"},
         {"cleared by 0", [] { set_cgierror(5); set_cgierror(0); }, nullptr, "0"},
@@ -142,11 +138,8 @@ TEST_F(CgiState, ErrorFileIsPrivateAndNoLinkIsFollowed) {
 
 TEST_F(CgiState, RefererTreeAndFixedForms) {
     const std::string d39(39, 'd'), d40(40, 'd'), d60(60, 'd');
-    struct Case {
-        int mode;
-        std::string referer;  // "": unset
-        std::string want;
-    } cases[] = {
+    // referer: "": unset
+    struct Case { int mode; std::string referer; std::string want; } cases[] = {
         {-1, "", "../P.htm"},
         {-2, "", "P.htm"},
         {3, "", "../index.htm"},
@@ -170,13 +163,7 @@ TEST_F(CgiState, RefererTreeAndFixedForms) {
 }
 
 TEST_F(CgiState, LanguageTrees) {
-    struct Case {
-        const char *root;
-        int enable;
-        const char *language;
-        int mode;
-        const char *want;
-    } cases[] = {
+    struct Case { const char *root; int enable; const char *language; int mode; const char *want; } cases[] = {
         {"gw", 1, "en", 0, "../basic/en/P.htm"},
         {"gw", 1, "en", 2, "../expert/en/P.htm"},
         {"gw", 1, "en_GB", 0, "../en_GB/basic/P.htm"},
@@ -197,12 +184,7 @@ TEST_F(CgiState, LanguageTrees) {
 }
 
 TEST_F(CgiState, FormFieldsChooseThePage) {
-    struct Case {
-        bool success;
-        const char *query;
-        const char *want_page;
-        int want_mode;
-    } cases[] = {
+    struct Case { bool success; const char *query; const char *want_page; int want_mode; } cases[] = {
         {true, "", "index.htm", 0},
         {true, "sSuccessPage=index.htm&iExpert=1", "index.htm", 0},  // the home page is basic
         {true, "sSuccessPage=index.htm&iExpert=3", "index.htm", 3},

@@ -6,8 +6,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -17,6 +15,7 @@
 #include "quelm_guard.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
+#include "test_support.h"
 
 namespace {
 
@@ -94,8 +93,7 @@ TEST(Guard, TurnsAnExceptionIntoTheFallbackAndOneLogLine) {
     });
     EXPECT_TRUE(ran);
     unsetenv("QUELM_LOG_FILE");
-    std::ifstream in(log);
-    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    const std::string text = test_support::slurp(log);
     std::filesystem::remove(log);
     EXPECT_NE(text.find("]: entry_point: std::bad_alloc\n"), std::string::npos) << text;
     EXPECT_NE(text.find("]: no_result: refused\n"), std::string::npos) << text;

@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,10 +39,7 @@ using Text = quelm::MallocString;
 // ---- Pure parsers ---------------------------------------------------------
 
 TEST(DatamodelParse, InstanceListWalk) {
-    const struct {
-        const char *list;
-        std::vector<int> visited;
-    } cases[] = {
+    const struct { const char *list; std::vector<int> visited; } cases[] = {
         {"1,3,4", {1, 3, 4}}, {"", {}},    {"5", {5}},  {"1,2,", {1, 2, 2}},  // a bad item repeats the last
         {"1,x,3", {1, 1}},    {"0,3", {}}, {"x,3", {}}, {" 7, 8", {7, 8}},   {"2,0,5", {2}},
     };
@@ -52,12 +48,8 @@ TEST(DatamodelParse, InstanceListWalk) {
 
 TEST(DatamodelParse, WildcardFilters) {
     // Flags of a List holding 2 and 5 (end mark after 5) or of an empty one.
-    const struct {
-        std::vector<int> instances;
-        const char *filter;
-        int result;  // length of the text after the filters, or -1
-        std::vector<int> selected;
-    } cases[] = {
+    // result: length of the text after the filters, or -1
+    const struct { std::vector<int> instances; const char *filter; int result; std::vector<int> selected; } cases[] = {
         {{2, 5}, "", 0, {2, 5}},  {{2, 5}, ">2", 0, {5}},       {{2, 5}, "=3", 0, {}},      {{2, 5}, "!=2", 0, {5}},
         {{2, 5}, "<5", 0, {2}},   {{2, 5}, "<=5", 0, {2, 5}},   {{2, 5}, ">=5_Name", 5, {5}},
         {{2, 5}, ">1<5[Enable=1]_Name", 15, {2}},               {{2, 5}, "_Name", 5, {2, 5}},
@@ -80,10 +72,8 @@ TEST(DatamodelParse, WildcardFilters) {
 
 // Selectors and the where clauses of whole paths are in EveryPathForm.
 TEST(DatamodelParse, WhereClauses) {
-    const struct {
-        const char *clause, *property;
-        int holds;  // -1: unknown operator, -2: does not parse
-    } wheres[] = {
+    // holds: -1: unknown operator, -2: does not parse
+    const struct { const char *clause, *property; int holds; } wheres[] = {
         {"Count<10", "abc", 1},  // not a number counts as 0
         {"Count<10", "10", 0},        {"Count<=10", "10", 1},     {"Count>2", "3", 1},   {"Count>=4", "3", 0},
         {"Name=box", "box", 1},       {"Name=box", "box ", 0},    {"Name!=box", "boxes", 1},
@@ -123,9 +113,7 @@ TEST(DatamodelParse, IndirectForms) {
 }
 
 TEST(DatamodelParse, RightsAndOptions) {
-    const struct {
-        const char *path, *checked;
-    } rights[] = {
+    const struct { const char *path, *checked; } rights[] = {
         {"Device_Name", "Device_Name"},
         {"User_*[Username=admin]_Password", "User_*[]_Password"},
         {"User_{WLANInterface_1_Config_Channel}_Name", "User_{}_Name"},
@@ -136,11 +124,7 @@ TEST(DatamodelParse, RightsAndOptions) {
     };
     for (const auto &r : rights) EXPECT_EQ(rights_path(r.path), r.checked) << r.path;
 
-    const struct {
-        const char *argument, *path;
-        bool autolearn;
-        int shadow;
-    } options[] = {
+    const struct { const char *argument, *path; bool autolearn; int shadow; } options[] = {
         {"Device_Name:show:write", "Device_Name", true, 0},
         {"Device_Name:write:show", "Device_Name", true, 0},
         {"Device_Name:show:shadow", "Device_Name", false, 0},  // stripped from the end
@@ -182,10 +166,7 @@ std::string printed(qm_node *root, int shadow, int mode = SSI_MODE_PLAIN) {
     return out;
 }
 
-class DatamodelTree : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
-};
+using DatamodelTree = test_support::PageOutput;
 
 TEST_F(DatamodelTree, RecordsPrintAsNestedMembers) {
     struct {
@@ -245,30 +226,17 @@ TEST(DatamodelOutput, TfprintfAccumulatesNewestFirst) {
 
 // ---- Paths against the factory data model ---------------------------------
 
-class DatamodelModel : public ::testing::Test {
+class DatamodelModel : public test_support::GatewayRoot {
 protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
     void SetUp() override {
-        char dir[] = "/tmp/datamodel_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        root_ = dir;
-        setenv("QUELM_ROOT", root_.c_str(), 1);
-        setenv("QUELM_LOG_FILE", (root_ / "log").c_str(), 1);
-        std::string message;
-        ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
-        ASSERT_EQ(QM_Cfg_Init(1), 0);
-        fs::create_directories(root_ / "var/tmp");
+        GatewayRoot::SetUp();
         QM_LOG_set(1);
         saved_created_ = last_created_indice;
     }
     void TearDown() override {
         last_created_indice = saved_created_;
         remove_last_token_name();
-        QM_LOG_set(0);
-        QM_Cfg_Free();
-        unsetenv("QUELM_ROOT");
-        unsetenv("QUELM_LOG_FILE");
-        fs::remove_all(root_);
+        GatewayRoot::TearDown();
     }
 
     // The printed payload of a read, or "(null)" when the path fails.
@@ -280,13 +248,7 @@ protected:
         Text name(compute_name(path));
         return name ? name.get() : "(null)";
     }
-    std::string text_of(const char *file) const {
-        std::ostringstream s;
-        s << std::ifstream(root_ / file).rdbuf();
-        return s.str();
-    }
-    std::string logged() const { return text_of("log"); }
-    std::string token_file() const { return text_of("var/tmp/CGI_Token_abc123"); }
+    std::string token_file() const { return test_support::slurp(root_ / "var/tmp/CGI_Token_abc123"); }
     void set(const char *object, const char *property, const char *value) {
         ASSERT_EQ(QM_DAT_setobjproperty(object, property, value, 0), 0) << object << "_" << property;
     }
@@ -301,7 +263,6 @@ protected:
         last_token_lifetime = 600;
     }
 
-    fs::path root_;
     int saved_created_ = -1;
 };
 
@@ -309,9 +270,7 @@ protected:
 // executable (test_generic.py, cli= in test_page_symbols_read_the_data_model).
 TEST_F(DatamodelModel, EveryPathForm) {
     set("Services_IADConfigurator", "Languages", "3,1");
-    const struct {
-        const char *path, *json;
-    } cases[] = {
+    const struct { const char *path, *json; } cases[] = {
         {"User_Count", R"("1,2,3")"},
         {"HttpServer_List", R"("3")"},
         {"User_*_Username",
@@ -373,9 +332,7 @@ TEST_F(DatamodelModel, IndirectNames) {
     set("Services_IADConfigurator", "MaxTry", "2");
     set("User_1", "Password", "3");
     last_created_indice = -1;
-    const struct {
-        const char *path, *name;
-    } before[] = {
+    const struct { const char *path, *name; } before[] = {
         {"User_[Username=guest]_Enable", "User_2_Enable"},
         {"User_[Username=support]", "User_3"},
         {"User[Username=support]", "User_3"},
@@ -433,7 +390,7 @@ TEST_F(DatamodelModel, RebootRequestsOfEarlierRequestsAreDropped) {
                    "{\"error\" : \"You must provide a token to access the values of CLI get or post.\"}\n");
     EXPECT_EQ(need_reboot, 0);
     EXPECT_EQ(need_factory, 0);
-    EXPECT_EQ(text_of("var/quelm/platform/events.log").find("reboot"), std::string::npos);
+    EXPECT_EQ(test_support::slurp(root_ / "var/quelm/platform/events.log").find("reboot"), std::string::npos);
 }
 
 }  // namespace

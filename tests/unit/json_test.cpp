@@ -14,11 +14,7 @@ namespace {
 using namespace cgissi::json;
 using test_support::captured_output;
 
-class JsonWriter : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
-    void TearDown() override { SSI_Set_Mode(SSI_MODE_PLAIN); }
-};
+using JsonWriter = test_support::PageOutput;
 
 TEST_F(JsonWriter, LayoutsKeepTheirSeparators) {
     // Nested objects: the separator state of the outer object survives the

@@ -6,8 +6,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +13,7 @@
 
 #include "qm_config.h"
 #include "qm_login.h"
+#include "test_support.h"
 
 namespace {
 
@@ -38,18 +37,12 @@ class LoginCrypt : public ::testing::Test {
         unsetenv("QUELM_LOG_FILE");
         std::filesystem::remove(log_);
     }
-    std::string logged() const {
-        std::ostringstream s;
-        s << std::ifstream(log_).rdbuf();
-        return s.str();
-    }
+    std::string logged() const { return test_support::slurp(log_); }
     std::string log_ = "/tmp/login_test." + std::to_string(getpid()) + ".log";
 };
 
 TEST_F(LoginCrypt, EncryptFillsExactlyItsRoom) {
-    struct Case {
-        std::string key, plain;
-    } cases[] = {
+    struct Case { std::string key, plain; } cases[] = {
         {"A", "A"},                         // 65 + 65 - 94 = 36: "24"
         {"k3", "admin:secret"},             // key shorter than the text
         {"Zx81Qp0mN7", "pw"},               // key longer than the text
@@ -97,11 +90,7 @@ TEST_F(LoginCrypt, DecryptIsNotTheInverseBelow94) {
 }
 
 TEST_F(LoginCrypt, DecryptRefusesMalformedTextAndStaysInItsOutput) {
-    struct Case {
-        const char *hex;
-        std::size_t size;
-        const char *logged;
-    } cases[] = {
+    struct Case { const char *hex; std::size_t size; const char *logged; } cases[] = {
         {"241", 64, "web_crypt:98 Bad signature"},
         {"244G", 64, "web_crypt:118 Error on 4G '71'"},
         {"G4", 64, "web_crypt:118 Error on G4 '71'"},

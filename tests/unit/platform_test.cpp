@@ -24,6 +24,7 @@
 #include "qm_util.h"
 #include "qm_webauth.h"
 #include "quelm_owned.h"
+#include "test_support.h"
 
 namespace {
 
@@ -31,15 +32,15 @@ namespace fs = std::filesystem;
 
 using Text = quelm::MallocString;
 
+// A text the library allocated, freed here; "(null)" for none.
+std::string owned_text(char *text) {
+    Text v(text);
+    return v ? std::string(v.get()) : std::string("(null)");
+}
 std::string value_of(const char *object, const char *property) {
-    Text v(QM_DAT_getobjproperty(object, property));
-    return v ? std::string(v.get()) : std::string("(null)");
+    return owned_text(QM_DAT_getobjproperty(object, property));
 }
-
-std::string count_of(const char *object) {
-    Text v(QM_DAT_getobjcount(object));
-    return v ? std::string(v.get()) : std::string("(null)");
-}
+std::string count_of(const char *object) { return owned_text(QM_DAT_getobjcount(object)); }
 
 std::vector<std::string> record_names(const char *object) {
     QM_DAT_record *records = QM_DAT_getobjdata(object, 0);
@@ -50,36 +51,18 @@ std::vector<std::string> record_names(const char *object) {
     return names;
 }
 
-std::string read_text(const fs::path &path) {
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+using test_support::slurp;
 
-class PlatformTest : public ::testing::Test {
+class PlatformTest : public test_support::GatewayRoot {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/platform_test.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        root_ = dir;
-        setenv("QUELM_ROOT", root_.c_str(), 1);
-        setenv("QUELM_LOG_FILE", (root_ / "test.log").c_str(), 1);
         setenv("QUELM_LOCK_WAIT_MS", "200", 1);
-        std::string message;
-        ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
-        ASSERT_EQ(QM_Cfg_Init(1), 0);
-        QM_err_set(0);
+        GatewayRoot::SetUp();
     }
-
     void TearDown() override {
-        QM_LOG_set(0);
-        QM_Cfg_Free();
-        for (const char *name : {"QUELM_ROOT", "QUELM_LOG_FILE", "QUELM_LOCK_WAIT_MS"}) unsetenv(name);
-        fs::remove_all(root_);
+        GatewayRoot::TearDown();
+        unsetenv("QUELM_LOCK_WAIT_MS");
     }
-
-    fs::path root_;
 };
 
 // Takes the configuration lock through an open file description of its own
@@ -102,10 +85,8 @@ bool lock_is_free(const fs::path &root) {
 
 // The type codes of valid names are checked through qmcfg (test_qmcfg.py).
 TEST_F(PlatformTest, NamesMapToSchemaPaths) {
-    struct Case {
-        const char *name;
-        const char *xml_path;  // null: unknown name
-    } cases[] = {
+    // xml_path: null: unknown name
+    struct Case { const char *name; const char *xml_path; } cases[] = {
         {"Device", "Device"},
         {"Device_Hostname", "Device.Hostname"},
         {"User_3", "User.{i}"},
@@ -152,9 +133,7 @@ TEST_F(PlatformTest, ComponentNamesMayHoldUnderscores) {
         <object name="Services_IAD" type="31"><param name="Delay" type="3" default="5"/></object>
         <object name="A_B" type="33"><param name="C" type="1"/><param name="C_D" type="2"/></object>)"),
               0);
-    struct Case {
-        const char *name, *xml_path;
-    } cases[] = {
+    struct Case { const char *name, *xml_path; } cases[] = {
         {"Services_IAD", "Services_IAD"},  // the longer component wins
         {"Services_Name", "Services.Name"}, {"Services_IAD_Delay", "Services_IAD.Delay"}, {"A_B_2", "A_B.{i}"},
         {"A_B_2_C", "A_B.{i}.C"},           {"A_B_2_C_D", "A_B.{i}.C_D"},                 {"A_B_2_C_E", nullptr},
@@ -221,10 +200,8 @@ TEST_F(PlatformTest, RecordsOfAnInstanceLeaveOutLongerNumbers) {
 }
 
 TEST_F(PlatformTest, WhereClausesSelectInstances) {
-    struct Case {
-        const char *query;
-        std::vector<std::string> first_of_each;  // empty: null expected
-    } cases[] = {
+    // first_of_each: empty: null expected
+    struct Case { const char *query; std::vector<std::string> first_of_each; } cases[] = {
         {"User_*", {"User_1_Enable", "User_2_Enable", "User_3_Enable"}},
         {"User_*[Enable=1]", {"User_1_Enable", "User_3_Enable"}},
         {"User_*[Enable=1][User=1][Services?=web_web_admin]", {"User_1_Enable"}},
@@ -254,11 +231,7 @@ TEST_F(PlatformTest, CountsFollowCreateAndDelete) {
     EXPECT_EQ(count_of("User_1"), "(null)");
 
     struct Step {
-        int (*op)(const char *, int);
-        const char *name;
-        int result;
-        const char *count_of;
-        const char *count;
+        int (*op)(const char *, int); const char *name; int result; const char *count_of; const char *count;
     } steps[] = {
         {QM_DAT_createobject, "User_1001", 0, "User", "1,2,3,1001"},
         {QM_DAT_deleteobject, "User_2", 0, "User", "1,3,1001"},
@@ -300,10 +273,7 @@ TEST_F(PlatformTest, NewListIndexFollowsTheDataModel) {
 
 TEST_F(PlatformTest, SetValidatesAgainstTheType) {
     constexpr int kBad = QM_ERR_BAD_VALUE;
-    struct Case {
-        const char *object, *property;
-        std::vector<std::pair<const char *, int>> values;
-    } cases[] = {
+    struct Case { const char *object, *property; std::vector<std::pair<const char *, int>> values; } cases[] = {
         {"Services_IADConfigurator", "SessionDelay", {{"600", 0}, {"59", kBad}, {"86401", kBad}, {"", kBad}}},
         {"Services_IADConfigurator", "NumberTry",
          {{"-1", kBad}, {"+1", kBad}, {"4294967295", 0}, {"4294967296", kBad}}},
@@ -363,7 +333,7 @@ TEST_F(PlatformTest, FactoryDropsNewInstancesAndEventsAreStamped) {
 
     EXPECT_EQ(QM_SYS_reboot(5), 0);
     EXPECT_EQ(QM_STATUS_set(1), 0);
-    std::istringstream log(read_text(root_ / "var/quelm/platform/events.log"));
+    std::istringstream log(slurp(root_ / "var/quelm/platform/events.log"));
     std::vector<std::string> events;
     for (std::string line; std::getline(log, line);) {
         ASSERT_GT(line.size(), 21u) << line;
@@ -405,11 +375,8 @@ TEST_F(PlatformTest, LoadSkipsCommentsGrowsArraysAndNamesTheBadLine) {
     EXPECT_EQ(value_of("Storage_Item_2_Status", "State"), "ConnectedMounted");
     EXPECT_EQ(count_of("LANEthernetInterface"), "6");  // an Array grows up to the instance named
 
-    struct Case {
-        const char *text;
-        int result;
-        const char *line;
-    } bad[] = {  // a value that does not fit is driven through qmcfg
+    // A value that does not fit is driven through qmcfg.
+    struct Case { const char *text; int result; const char *line; } bad[] = {
         {"Device_Hostname=x\nno equals sign\n", QM_ERR_BAD_VALUE, "line 2"},
         {"User_22=x\n", QM_ERR_UNKNOWN_OBJECT, "line 1"},
     };
@@ -486,7 +453,7 @@ TEST_F(PlatformTest, LogPrintsOnlyWhenSwitchedOn) {
     QM_LOG_print("during %d", 2);
     QM_LOG_set(0);
     QM_LOG_print("after %d", 3);
-    std::string log = read_text(root_ / "test.log");
+    std::string log = logged();
     EXPECT_EQ(log.find("before"), std::string::npos) << log;
     EXPECT_NE(log.find("during 2"), std::string::npos) << log;
     EXPECT_EQ(log.find("after"), std::string::npos) << log;
@@ -497,11 +464,7 @@ std::string embedded(const std::string &user, const std::string &password) {
 }
 
 TEST_F(PlatformTest, WebauthChecksEnabledUsers) {
-    struct Case {
-        std::string authorization;
-        const char *realm;
-        int result;
-    } cases[] = {
+    struct Case { std::string authorization; const char *realm; int result; } cases[] = {
         {embedded("admin", "admin"), "web", 0},   {embedded("admin", "admin"), nullptr, 0},
         {embedded("admin", "admin"), "nas", -1},  // realm not granted
         {embedded("admin", "admin2"), "web", -1}, {embedded("admin", "admi"), "web", -1},

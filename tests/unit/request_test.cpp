@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,13 +43,6 @@ std::vector<std::string> strings(char **array) {
     for (char **p = array; *p != nullptr; ++p) out.emplace_back(*p);
     cgiStringArrayFree(array);
     return out;
-}
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 using test_support::captured_output;
@@ -104,12 +96,16 @@ protected:
 
     static int get(const char *query) { return test_support::get_request(query); }
 
-    static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
-        setenv("REQUEST_METHOD", "POST", 1);
+    static int send(const char *method, const char *type, const char *length, const std::string &body,
+                    FCGI_FILE *sink = nullptr) {
+        setenv("REQUEST_METHOD", method, 1);
         setenv("CONTENT_TYPE", type, 1);
         if (length != nullptr) setenv("CONTENT_LENGTH", length, 1);
         set_body(body);
         return cgiInitResources(sink);
+    }
+    static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
+        return send("POST", type, length, body, sink);
     }
 
     int saved_stdin_ = -1;
@@ -127,10 +123,7 @@ constexpr const char *kUrlencoded = "application/x-www-form-urlencoded";
 // Also: a GET is parsed over the whole query, whatever CONTENT_LENGTH says.
 TEST_F(RequestInit, UrlencodedQueries) {
     setenv("CONTENT_LENGTH", "3", 1);
-    struct Case {
-        const char *query;
-        Fields fields;
-    } cases[] = {
+    struct Case { const char *query; Fields fields; } cases[] = {
         {"a=1&b=2&c", {{"a", "1"}, {"b", "2"}}}, {"=x", {{"", "x"}}},         {"a=x%00y", {{"a", "x"}}},
         {"a=%zz", {{"a", ""}}},  // one zero byte: the value reads as empty
         {"a+b=c+d%20e", {{"a b", "c d e"}}},    {"%3D=%26&x=%41%62%2", {{"=", "&"}, {"x", "Ab"}}},
@@ -158,13 +151,9 @@ TEST_F(RequestInit, ParserReadsExactlyTheGivenLength) {
 }
 
 TEST_F(RequestInit, PostBodyLengths) {
+    // length: null: unset
     struct Case {
-        const char *desc;
-        const char *length;  // null: unset
-        const char *body;
-        int result;
-        Fields fields;
-        const char *unread;
+        const char *desc; const char *length; const char *body; int result; Fields fields; const char *unread;
     } cases[] = {
         {"exact", "7", "a=1&b=2", 0, {{"a", "1"}, {"b", "2"}}, ""},
         {"shorter than body", "3", "a=1&b=2", 0, {{"a", "1"}}, "&b=2"},
@@ -204,41 +193,24 @@ TEST_F(RequestInit, BodiesOfOtherTypesAndMethodsAreLeftUnread) {
     EXPECT_EQ(getFormEntries(), nullptr);
     EXPECT_EQ(unread_body(), "a=1");
 
-    setenv("REQUEST_METHOD", "PUT", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(send("PUT", kUrlencoded, "3", "a=1"), 0);
     EXPECT_EQ(unread_body(), "a=1");
-
     // Method and urlencoded type compare ignoring case.
-    setenv("REQUEST_METHOD", "post", 1);
-    setenv("CONTENT_TYPE", "Application/X-WWW-Form-Urlencoded; charset=utf-8", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(send("post", "Application/X-WWW-Form-Urlencoded; charset=utf-8", "3", "a=1"), 0);
     EXPECT_EQ(form_fields(), (Fields{{"a", "1"}}));
 }
 
 TEST_F(RequestInit, FilterRoleTakesDataLength) {
-    setenv("REQUEST_METHOD", "POST", 1);
-    setenv("CONTENT_TYPE", kUrlencoded, 1);
     setenv("FCGI_ROLE", "FILTER", 1);
-    setenv("CONTENT_LENGTH", "3", 1);
     setenv("FCGI_DATA_LENGTH", "-5", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), -1) << "the data length is the one used";
-
+    EXPECT_EQ(post(kUrlencoded, "3", "a=1"), -1) << "the data length is the one used";
     setenv("FCGI_DATA_LENGTH", "0", 1);
-    setenv("CONTENT_LENGTH", "-1", 1);
-    set_body("a=1");
-    EXPECT_EQ(cgiInitResources(nullptr), 0);
+    EXPECT_EQ(post(kUrlencoded, "-1", "a=1"), 0);
     EXPECT_EQ(unread_body(), "") << "standard input of a filter is drained";
 }
 
 TEST_F(RequestInit, ContentTypeAndBoundary) {
-    struct Case {
-        std::string header;
-        std::string type;
-        std::string boundary;
-    } cases[] = {
+    struct Case { std::string header; std::string type; std::string boundary; } cases[] = {
         {"multipart/form-data; boundary=XyZ", "multipart/form-data", "XyZ"},
         {"multipart/form-data;charset=utf-8;  BOUNDARY=a-b end", "multipart/form-data", "a-b"},
         {"multipart/form-data; xboundary=no; boundary=yes", "multipart/form-data", "yes"},
@@ -267,13 +239,7 @@ TEST_F(RequestInit, UnsetVariablesReadEmpty) {
 }
 
 TEST_F(RequestForm, StringCopies) {
-    struct Case {
-        const char *query;
-        bool newlines;
-        int max;
-        const char *text;
-        cgiFormResultType code;
-    } cases[] = {
+    struct Case { const char *query; bool newlines; int max; const char *text; cgiFormResultType code; } cases[] = {
         {"a=x%0D%0Ay", true, 64, "x\ny", cgiFormSuccess},  {"a=x%0D%0Ay", false, 64, "xy", cgiFormSuccess},
         {"a=%0D%0A", false, 64, "", cgiFormEmpty},         {"a=abcdef", true, 4, "abc", cgiFormTruncated},
         {"a=x%0D%0D%0Ay%0A%0A%0Dz", true, 64, "x\n\ny\n\nz", cgiFormSuccess},
@@ -295,16 +261,12 @@ TEST_F(RequestForm, StringCopies) {
         cgiFreeResources();
     }
     QM_LOG_set(0);
-    EXPECT_NE(read_file(log).find("name [a] not found"), std::string::npos) << "a missing name is logged";
+    EXPECT_NE(test_support::slurp(log).find("name [a] not found"), std::string::npos) << "a missing name is logged";
 }
 
 TEST_F(RequestForm, Numbers) {
-    struct Case {
-        const char *query;
-        bool bounded;  // cgiFormIntegerBounded to 0..10 with default 99, else cgiFormInteger with default 7
-        int value;
-        cgiFormResultType code;
-    } integers[] = {
+    // bounded: cgiFormIntegerBounded to 0..10 with default 99, else cgiFormInteger with default 7
+    struct Case { const char *query; bool bounded; int value; cgiFormResultType code; } integers[] = {
         {"n=%2012abc", false, 12, cgiFormSuccess}, {"n=abc", false, 7, cgiFormBadType},
         {"n=", false, 7, cgiFormEmpty},            {"m=1", false, 7, cgiFormNotFound},
         {"n=%2B3", false, 3, cgiFormSuccess},      {"n=%20", false, 7, cgiFormBadType},
@@ -371,13 +333,7 @@ TEST_F(RequestForm, ChoicesAndMultipleValues) {
 }
 
 TEST_F(RequestCookie, Lookup) {
-    struct Case {
-        const char *header;
-        const char *name;
-        int max;
-        const char *text;
-        cgiFormResultType code;
-    } cases[] = {
+    struct Case { const char *header; const char *name; int max; const char *text; cgiFormResultType code; } cases[] = {
         {"a=1; ab=2", "ab", 16, "2", cgiFormSuccess},    {"a=1; ab=2", "a", 16, "1", cgiFormSuccess},
         {"a=1; ab=2", "b", 16, "", cgiFormNotFound},     {"ab=2", "a", 16, "", cgiFormNotFound},
         {"x=1;  \t y=2", "y", 16, "2", cgiFormSuccess},  {"x; y=2", "x", 16, "", cgiFormNotFound},
@@ -430,12 +386,7 @@ TEST_F(RequestCookie, HugeHeaderFromEnvironment) {
 }
 
 TEST_F(RequestHeader, ExactBytes) {
-    struct Case {
-        const char *desc;
-        int first_cookie;
-        std::function<void()> write;
-        std::string bytes;
-    } cases[] = {
+    struct Case { const char *desc; int first_cookie; std::function<void()> write; std::string bytes; } cases[] = {
         {"content type", 1, [] { cgiHeaderContentType("text/html"); }, "Content-type: text/html\r\n\r\n"},
         {"content type, no request yet", 0, [] { cgiHeaderContentType("text/xml"); },
          "\r\nContent-type: text/xml\r\n\r\n"},

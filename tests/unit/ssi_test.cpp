@@ -23,12 +23,7 @@ using test_support::captured_output;
 
 // ---- CGI pattern ------------------------------------------------------------
 
-struct MatchCase {
-    const char *pattern;
-    const char *text;
-    bool matches;
-    const char *what;
-};
+struct MatchCase { const char *pattern; const char *text; bool matches; const char *what; };
 
 TEST(SsiMatch, PatternTable) {
     const MatchCase cases[] = {
@@ -72,22 +67,15 @@ TEST(SsiMatch, ManyDeepRunsOnLongPathFinishQuickly) {
 
 // ---- Escaped output ------------------------------------------------------------
 
-class SsiOutput : public ::testing::Test {
+class SsiOutput : public test_support::PageOutput {
 protected:
-    static void SetUpTestSuite() { test_support::bind_fcgi_streams(); }
-    void TearDown() override { SSI_Set_Mode(SSI_MODE_PLAIN); }
-
     static std::string print(int mode, const std::string &text) {
         SSI_Set_Mode(mode);
         return captured_output([&] { ssiprintf("%s", text.c_str()); });
     }
 };
 
-struct EscapeCase {
-    char byte;
-    const char *js;
-    const char *json;
-};
+struct EscapeCase { char byte; const char *js; const char *json; };
 
 TEST_F(SsiOutput, EverySpecialByteInBothModes) {
     const EscapeCase cases[] = {
@@ -156,11 +144,7 @@ std::string split(std::string_view text) {
 }
 
 TEST(SsiParse, DirectiveTable) {
-    const struct {
-        std::string_view text;
-        const char *expected;
-        const char *what;
-    } cases[] = {
+    const struct { std::string_view text; const char *expected; const char *what; } cases[] = {
         {"echo var=\"DOCUMENT_URI\" ", "echo|var=DOCUMENT_URI", "quoted value, trailing blank"},
         {" \t\r\necho var=x", "echo|var=x", "leading white space"},
         {"echo var=\"a b\"  jsvar=c\n", "echo|var=a b|jsvar=c", "blank inside quotes"},
@@ -230,11 +214,7 @@ std::string scan(std::string_view page) {
 
 TEST(SsiScan, MalformedPagesComeOutAsText) {
     using namespace std::string_view_literals;
-    const struct {
-        std::string_view page;
-        std::string_view expected;
-        const char *what;
-    } cases[] = {
+    const struct { std::string_view page; std::string_view expected; const char *what; } cases[] = {
         {"<!--#a -->", "D(a )", "directive at the very start"},
         {"#<!--#a -->#", "T(#)D(a )T(#)", "# among the first bytes"},
         {"x<!--#a", "T(x<!--#a)", "no closing -->"},
@@ -260,11 +240,7 @@ TEST(SsiScan, DirectiveLengthLimit) {
 }
 
 TEST(SsiScan, SectionTagsNeedTheirBlank) {
-    const struct {
-        std::string_view text;
-        bool found;
-        int section;
-    } cases[] = {
+    const struct { std::string_view text; bool found; int section; } cases[] = {
         {"<!--#isNotAuth -->", true, 0}, {"<!--#isAuth level=x -->", true, 1}, {"<!--#endAuth -->", true, -1},
         {"<!--#isAuth-->", false, 0},    {"<!--#isAuth\nx -->", false, 0},     {"<!--#isAuth", false, 0},
     };
@@ -280,10 +256,7 @@ TEST(SsiScan, SectionTagsNeedTheirBlank) {
 // ---- Content types (the served types are checked by test_ssi.py) ----------------
 
 TEST(SsiMime, LookupByLastExtension) {
-    const struct {
-        const char *name;
-        const char *type;
-    } cases[] = {
+    const struct { const char *name; const char *type; } cases[] = {
         {"/www/index.html", "text/html"},
         {"/www/f.a", "application/octet-stream"}, {"/www/INDEX.HTM", "text/plain"},
         {"/www/noext", "text/plain"},             {"/www.d/page", "text/plain"},

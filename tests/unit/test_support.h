@@ -10,11 +10,16 @@
 #include <string>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #define NO_FCGI_DEFINES
 #include <fcgi_stdio.h>
 
 #include "cgi_output.h"
 #include "cgic.h"
+#include "platform.h"
+#include "qm_config.h"
+#include "ssi.h"
 
 namespace test_support {
 
@@ -56,5 +61,40 @@ inline int get_request(const char *query) {
     setenv("QUERY_STRING", query, 1);
     return cgiInitResources(nullptr);
 }
+
+// Tests that print through the page output: the streams bound, and the
+// plain output mode back after each test.
+class PageOutput : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { bind_fcgi_streams(); }
+    void TearDown() override { SSI_Set_Mode(SSI_MODE_PLAIN); }
+};
+
+// Each test in a gateway root of its own, made as "qmcfg init" makes it,
+// with the configuration library open on it and the log file at <root>/log.
+class GatewayRoot : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { bind_fcgi_streams(); }
+    void SetUp() override {
+        char dir[] = "/tmp/gateway_root.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        root_ = dir;
+        setenv("QUELM_ROOT", root_.c_str(), 1);
+        setenv("QUELM_LOG_FILE", (root_ / "log").c_str(), 1);
+        std::string message;
+        ASSERT_EQ(quelm::platform::init_root(message), 0) << message;
+        ASSERT_EQ(QM_Cfg_Init(1), 0);
+        QM_err_set(0);
+    }
+    void TearDown() override {
+        QM_LOG_set(0);
+        QM_Cfg_Free();
+        for (const char *name : {"QUELM_ROOT", "QUELM_LOG_FILE"}) unsetenv(name);
+        std::filesystem::remove_all(root_);
+    }
+    std::string logged() const { return slurp(root_ / "log"); }
+
+    std::filesystem::path root_;
+};
 
 }  // namespace test_support

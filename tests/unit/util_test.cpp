@@ -17,35 +17,19 @@ namespace {
 uint32_t ip(unsigned a, unsigned b, unsigned c, unsigned d) { return a << 24 | b << 16 | c << 8 | d; }
 
 TEST(UtilValidate, CharacterClassesRejectHighBytes) {
-    struct Case {
-        int (*check)(const char *);
-        const char *text;
-        int valid;
-    } cases[] = {
-        {check_name, "", 1},
-        {check_name, "Az09-_", 1},
-        {check_name, "a.b", 0},
-        {check_name, "caf\xC3\xA9", 0},
-        {check_name, nullptr, 0},
-        {check_internetname, "a-1.b,c_2", 1},
-        {check_internetname, "a b", 0},
-        {check_ascii, "!~", 1},
-        {check_ascii, "a b", 0},
-        {check_ascii, "\x7F", 0},
-        {check_ascii, "a\x80", 0},
-        {check_ascii_with_spaces, " a ~", 1},
-        {check_ascii_with_spaces, "a\tb", 0},
-        {check_ascii_with_spaces, "\xA0", 0},
+    struct Case { int (*check)(const char *); const char *text; int valid; } cases[] = {
+        {check_name, "", 1},           {check_name, "Az09-_", 1},         {check_name, "a.b", 0},
+        {check_name, "caf\xC3\xA9", 0}, {check_name, nullptr, 0},          {check_internetname, "a-1.b,c_2", 1},
+        {check_internetname, "a b", 0}, {check_ascii, "!~", 1},            {check_ascii, "a b", 0},
+        {check_ascii, "\x7F", 0},        {check_ascii, "a\x80", 0},          {check_ascii_with_spaces, " a ~", 1},
+        {check_ascii_with_spaces, "a\tb", 0}, {check_ascii_with_spaces, "\xA0", 0},
     };
     for (const Case &c : cases) EXPECT_EQ(c.check(c.text), c.valid) << (c.text ? c.text : "(null)");
     for (int b = 128; b < 256; ++b) EXPECT_EQ(check_alphanum(static_cast<char>(b)), 0) << b;
 }
 
 TEST(UtilValidate, IpaddrPort) {
-    struct Case {
-        const char *text;
-        int valid;
-    } cases[] = {
+    struct Case { const char *text; int valid; } cases[] = {
         {"1.2.3.4", 1},     {"1.2.3.4:0", 1},       {"1.2.3.4:65535", 1}, {"1.2.3.4:65536", 0}, {"1.2.3.4:-1", 0},
         {"1.2.3.4:abc", 1},  // an unreadable port leaves the plain address form
         {"0.0.0.0", 1},     {"255.255.255.255", 1}, {"256.1.1.1", 0},     {"1.2.3.-1", 0},      {"1.2.3.", 0},
@@ -69,19 +53,12 @@ TEST(UtilValidate, IpwordAndIpstrRoundTrip) {
 }
 
 TEST(UtilValidate, MaskAndHost) {
-    struct Mask {
-        uint32_t mask;
-        int bits;
-    } masks[] = {{ip(255, 255, 255, 0), 24}, {ip(255, 0, 255, 0), 0}, {0, 0},
+    struct Mask { uint32_t mask; int bits; } masks[] = {{ip(255, 255, 255, 0), 24}, {ip(255, 0, 255, 0), 0}, {0, 0},
                  {0xFFFFFFFFu, 32},          {0x80000000u, 1},        {0xFFFFFFFEu, 31},
                  {0x7FFFFFFFu, 0},           {1, 0}};
     for (const Mask &m : masks) EXPECT_EQ(ipmask(m.mask), m.bits) << std::hex << m.mask;
 
-    struct Host {
-        const char *desc;
-        uint32_t address, mask;
-        int valid;
-    } hosts[] = {
+    struct Host { const char *desc; uint32_t address, mask; int valid; } hosts[] = {
         {"broadcast", ip(192, 168, 1, 255), ip(255, 255, 255, 0), 0},
         {"network", ip(192, 168, 1, 0), ip(255, 255, 255, 0), 0},
         {"multicast", ip(224, 0, 0, 1), ip(255, 0, 0, 0), 0},
@@ -96,11 +73,8 @@ TEST(UtilValidate, MaskAndHost) {
 }
 
 TEST(UtilValidate, MacwordStoresGroupAddressesButRejectsThem) {
-    struct Case {
-        const char *text;
-        int unicast;
-        std::vector<unsigned char> bytes;  // empty: nothing stored
-    } cases[] = {
+    // bytes: empty: nothing stored
+    struct Case { const char *text; int unicast; std::vector<unsigned char> bytes; } cases[] = {
         {"01:00:5E:00:00:01", 0, {0x01, 0x00, 0x5E, 0x00, 0x00, 0x01}},
         {"00:11:22:aa:BB:ff", 1, {0x00, 0x11, 0x22, 0xAA, 0xBB, 0xFF}},
         {"0:1:2:3:4:5", 1, {0, 1, 2, 3, 4, 5}},
@@ -138,13 +112,9 @@ char *three_words(const char *p, char *o, size_t n) { return text_extract_date(p
 char *two_words(const char *p, char *o, size_t n) { return text_extract_date(p, o, n, 2); }
 
 TEST(UtilExtract, FieldsAtBufferBoundaries) {
+    // consumed: the whole field, however small the buffer
     struct Case {
-        const char *desc;
-        Extractor fn;
-        const char *in;
-        size_t size;
-        const char *out;
-        size_t consumed;  // the whole field, however small the buffer
+        const char *desc; Extractor fn; const char *in; size_t size; const char *out; size_t consumed;
     } cases[] = {
         {"ip fits", text_extract_ip, "192.168.1.1 x", 12, "192.168.1.1", 11},
         {"ip one short", text_extract_ip, "192.168.1.1 x", 11, "192.168.1.", 11},
@@ -214,10 +184,7 @@ TEST(UtilList, WalkItemsAndComponents) {
     item = "ab\vcd";
     EXPECT_EQ(get_list_str_component(item, out, 3), item + 2) << "item separator not consumed";
 
-    struct Int {
-        const char *in;
-        int value;
-    } ints[] = {{" -7\tx", -7}, {"\tx", 99}, {"abc", 99}, {"12abc", 12},
+    struct Int { const char *in; int value; } ints[] = {{" -7\tx", -7}, {"\tx", 99}, {"abc", 99}, {"12abc", 12},
                 {"0000000000000000000000000000000" "5", 0}};  // only 31 characters are read
     for (const Int &c : ints) {
         int v = 0;
@@ -256,13 +223,7 @@ protected:
 };
 
 TEST_F(UtilVarFile, FilevarTruncation) {
-    struct Case {
-        const char *desc;
-        std::string content;
-        size_t size;
-        std::string out;
-        int code;
-    } cases[] = {
+    struct Case { const char *desc; std::string content; size_t size; std::string out; int code; } cases[] = {
         {"fits", "abc\n", 4, "abc", QM_VAR_OK},
         {"exactly size is cut but ok", "abcd\n", 4, "abc", QM_VAR_OK},
         {"longer than size", "abcde\n", 4, "abc", QM_VAR_TRUNCATED},
@@ -285,12 +246,7 @@ TEST_F(UtilVarFile, FilevarTruncation) {
 
 TEST_F(UtilVarFile, LogvarKeyMatching) {
     struct Case {
-        const char *desc;
-        const char *content;
-        const char *key;
-        size_t size;
-        const char *out;
-        int code;
+        const char *desc; const char *content; const char *key; size_t size; const char *out; int code;
     } cases[] = {
         {"= must follow the key", "ipv6=::1\nip=1.2.3.4\n", "ip", 32, "1.2.3.4", QM_VAR_OK},
         {"longer key only", "ipv6=::1\n", "ip", 32, "", QM_VAR_MISSING},
