@@ -2,11 +2,14 @@
 // purpose: the gateway's pages and plugins depend on them.
 #include <algorithm>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
 #include "cgi_output.h"
 #include "cgic.h"
 #include "quelm_chars.h"
+#include "quelm_escape.h"
+#include "quelm_guard.h"
 
 namespace {
 
@@ -41,11 +44,16 @@ extern "C" void cgiHeaderStatus(int status, const char *statusMessage) {
 
 // The redirect is done by a script in the page, not by a Location header;
 // the content type header writes the leading blank line when one is due.
+// The target comes from the form or the referer: it is escaped so that it
+// stays inside the script's string (ordinary URLs keep their bytes).
 extern "C" void cgiHeaderLocation(const char *redirectUrl) {
-    cgiHeaderContentType("text/html");
-    cgi_out_printf("<HTML>\n");
-    cgi_out_printf("<script>\r\ndocument.location.replace(\"%s\");\r\n</script>\r\n", text_or_empty(redirectUrl));
-    cgi_out_printf("</HTML>\n");
+    quelm::guarded(__func__, [&] {
+        const std::string target = quelm::script_string(text_or_empty(redirectUrl));
+        cgiHeaderContentType("text/html");
+        cgi_out_printf("<HTML>\n");
+        cgi_out_printf("<script>\r\ndocument.location.replace(\"%s\");\r\n</script>\r\n", target.c_str());
+        cgi_out_printf("</HTML>\n");
+    });
 }
 
 // Cookie lines do not end the header block and ignore firstCookie.
