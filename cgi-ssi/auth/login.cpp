@@ -25,6 +25,7 @@
 #include "json/json_writer.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
+#include "qm_config_records.h"
 #include "qm_login.h"
 #include "qm_session.h"
 #include "qm_token.h"
@@ -73,8 +74,7 @@ constexpr int kNoSessionStatus = 403;
 
 using PlatformText = quelm::MallocString;
 
-void free_records(QM_DAT_record *records) { QM_DAT_freedata(&records); }
-using Records = std::unique_ptr<QM_DAT_record, quelm::CDeleter<free_records>>;
+using Records = quelm::ConfigRecords;
 
 class Library {
   public:

@@ -6,23 +6,13 @@
 #define NO_FCGI_DEFINES
 #include <fcgi_stdio.h>
 
+#include "quelm_http.h"
+
 namespace {
 
 // Most writes (headers, escaped values) fit here; longer ones get a heap
 // buffer of the exact size.
 constexpr std::size_t kStackFormat = 1024;
-
-const char *reason_phrase(int status) {
-    switch (status) {
-    case 400: return "Bad Request";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 413: return "Payload Too Large";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    default: return "Error";
-    }
-}
 
 }  // namespace
 
@@ -68,6 +58,6 @@ extern "C" int cgi_out_printf(const char *format, ...) {
 extern "C" int cgi_out_flush(void) { return FCGI_fflush(FCGI_stdout); }
 
 extern "C" int cgi_out_status_header(int status, const char *content_type) {
-    return cgi_out_printf("Status: %d %s\r\nContent-type: %s\r\n\r\n", status, reason_phrase(status),
+    return cgi_out_printf("Status: %d %s\r\nContent-type: %s\r\n\r\n", status, quelm::reason_phrase(status),
                           content_type != nullptr ? content_type : "text/html");
 }

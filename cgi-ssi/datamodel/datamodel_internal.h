@@ -12,6 +12,7 @@
 
 #include "json/json_writer.h"
 #include "qm_config.h"
+#include "qm_config_records.h"
 #include "qm_node.h"
 #include "qm_token.h"
 #include "quelm_owned.h"
@@ -168,10 +169,7 @@ struct TreeDeleter {
 };
 using Tree = std::unique_ptr<qm_node, TreeDeleter>;
 
-struct RecordsDeleter {
-    void operator()(QM_DAT_record *r) const { QM_DAT_freedata(&r); }
-};
-using Records = std::unique_ptr<QM_DAT_record, RecordsDeleter>;
+using Records = quelm::ConfigRecords;
 
 // Prints the chain that starts at node as a result tree.
 void write_tree(const qm_node *node, bool shadow);

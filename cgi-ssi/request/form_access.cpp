@@ -90,15 +90,31 @@ cgiFormResultType entry_string(const cgiFormEntry *entry, char *result, int max,
     return length != 0 ? cgiFormSuccess : cgiFormEmpty;
 }
 
-// Reads a number in the manner shared by cgiFormInteger and cgiFormDouble.
-template <typename T, typename Convert>
-cgiFormResultType form_number(const char *name, T *result, T defaultV, bool allow_point, Convert convert) {
+// The value of name's first entry; null, with defaultV stored, when the
+// form has no such entry.
+template <typename T>
+const char *value_or_default(const char *name, T *result, T defaultV) {
     const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
     if (entry == nullptr) {
         *result = defaultV;
-        return cgiFormNotFound;
+        return nullptr;
     }
-    const char *value = text_or_empty(entry->value);
+    return text_or_empty(entry->value);
+}
+
+// Index of the first choice equal to value; -1 when none is.
+int choice_index(const char *const *choices, int total, const char *value) {
+    for (int i = 0; i < total; ++i) {
+        if (choices[i] != nullptr && std::strcmp(choices[i], value) == 0) return i;
+    }
+    return -1;
+}
+
+// Reads a number in the manner shared by cgiFormInteger and cgiFormDouble.
+template <typename T, typename Convert>
+cgiFormResultType form_number(const char *name, T *result, T defaultV, bool allow_point, Convert convert) {
+    const char *value = value_or_default(name, result, defaultV);
+    if (value == nullptr) return cgiFormNotFound;
     if (value[0] == '\0') {
         *result = defaultV;
         return cgiFormEmpty;
@@ -279,20 +295,11 @@ extern "C" cgiFormResultType cgiFormDoubleBounded(const char *name, double *resu
 
 extern "C" cgiFormResultType cgiFormSelectSingle(const char *name, const char *const *choicesText,
                                                  int choicesTotal, int *result, int defaultV) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        *result = defaultV;
-        return cgiFormNotFound;
-    }
-    const char *value = text_or_empty(entry->value);
-    for (int i = 0; i < choicesTotal; ++i) {
-        if (choicesText[i] != nullptr && std::strcmp(choicesText[i], value) == 0) {
-            *result = i;
-            return cgiFormSuccess;
-        }
-    }
-    *result = defaultV;
-    return cgiFormNoSuchChoice;
+    const char *value = value_or_default(name, result, defaultV);
+    if (value == nullptr) return cgiFormNotFound;
+    const int choice = choice_index(choicesText, choicesTotal, value);
+    *result = choice >= 0 ? choice : defaultV;
+    return choice >= 0 ? cgiFormSuccess : cgiFormNoSuchChoice;
 }
 
 extern "C" cgiFormResultType cgiFormSelectMultiple(const char *name, const char *const *choicesText,
@@ -301,16 +308,9 @@ extern "C" cgiFormResultType cgiFormSelectMultiple(const char *name, const char 
     int hits = 0;
     int misses = 0;
     for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
-        const char *value = text_or_empty(e->value);
-        bool hit = false;
-        for (int i = 0; i < choicesTotal; ++i) {
-            if (choicesText[i] != nullptr && std::strcmp(choicesText[i], value) == 0) {
-                result[i] = 1;
-                hit = true;
-                break;
-            }
-        }
-        if (hit) {
+        const int choice = choice_index(choicesText, choicesTotal, text_or_empty(e->value));
+        if (choice >= 0) {
+            result[choice] = 1;
             ++hits;
         } else {
             ++misses;

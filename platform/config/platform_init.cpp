@@ -60,10 +60,7 @@ bool write_all(int fd, std::string_view data) {
 // reader sees the old or the new file, never a part.
 bool install_file(const std::string &source, const std::string &target, std::string &message) {
     std::string data;
-    if (!read_file(source, data)) {
-        message = "cannot read " + source;
-        return false;
-    }
+    if (!read_file(source, data, message)) return false;
     std::string temp = target + ".XXXXXX";
     UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
     if (!fd) {
