@@ -5,8 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "cgic.h"
@@ -244,29 +246,18 @@ extern "C" cgiFormResultType cgiFormStringSpaceNeeded(const char *name, int *len
 extern "C" cgiFormResultType cgiFormStringMultiple(const char *name, char ***ptrToStringArray) {
     return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
         *ptrToStringArray = nullptr;  // what a failure leaves
-        std::vector<const cgiFormEntry *> entries;
-        for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
-            entries.push_back(e);
-        }
-        char **array = static_cast<char **>(std::calloc(entries.size() + 1, sizeof(char *)));
-        if (array == nullptr) {
-            *ptrToStringArray = nullptr;
-            return cgiFormMemory;
-        }
         // Each value through the same line-end handling as cgiFormString; the
         // result is never longer than the value.
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            int size = static_cast<int>(std::strlen(text_or_empty(entries[i]->value))) + 1;
-            array[i] = static_cast<char *>(std::malloc(static_cast<std::size_t>(size)));
-            if (array[i] == nullptr) {
-                cgiStringArrayFree(array);
-                *ptrToStringArray = nullptr;
-                return cgiFormMemory;
-            }
-            entry_string(entries[i], array[i], size, true);
+        std::vector<std::string> values;
+        for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
+            std::string value(std::strlen(text_or_empty(e->value)) + 1, '\0');
+            entry_string(e, value.data(), static_cast<int>(value.size()), true);
+            value.resize(std::strlen(value.c_str()));
+            values.push_back(std::move(value));
         }
-        *ptrToStringArray = array;
-        return entries.empty() ? cgiFormNotFound : cgiFormSuccess;
+        const std::vector<std::string_view> views(values.begin(), values.end());
+        if (const cgiFormResultType made = string_array(views, ptrToStringArray); made != cgiFormSuccess) return made;
+        return values.empty() ? cgiFormNotFound : cgiFormSuccess;
     });
 }
 
