@@ -31,6 +31,9 @@
 #include "quelm_text.h"
 #include "session/token_name.h"
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" {
 char *last_token_name = nullptr;
 int last_token_lifetime = 0;

@@ -16,6 +16,9 @@ constexpr std::size_t kStackFormat = 1024;
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" int cgi_out_write(const void *data, size_t len) {
     if (len == 0) return 0;
     size_t n = FCGI_fwrite(const_cast<void *>(data), 1, len, FCGI_stdout);

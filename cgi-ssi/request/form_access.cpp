@@ -195,6 +195,9 @@ int leading_int(const char *text) {
 
 using namespace cgissi::request;
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" cgiFormEntry *cgiFormEntryFindFirst(const char *name) {
     cgiFindTarget = name;
     cgiFindPos = cgiFormEntryFirst;

@@ -23,6 +23,9 @@ void begin_header() {
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" void cgiHeaderContentLanguage(void) {
     const char *value = std::getenv("HTTP_ACCEPT_LANGUAGE");
     if (value == nullptr) return;

@@ -209,6 +209,9 @@ int QM_GetFullPath(const char *token, char *out, int size) {
     });
 }
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 int QM_clean_session(void) {
     QM_SessionFullPath[0] = '\0';
     return 0;
