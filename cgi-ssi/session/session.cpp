@@ -298,6 +298,7 @@ int QM_CheckSession(const char *token) {
         const SessionFile file = find_session(token);
         const std::string &path = file.path;
         if (!file.found) {
+            // compat: "doesn't exists" as log readers in the field match it.
             quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s",
                               path.c_str());
             return 0;
