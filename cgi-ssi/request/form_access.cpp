@@ -145,13 +145,18 @@ cgiFormResultType clamp(cgiFormResultType read, T *result, T min, T max) {
     return cgiFormSuccess;
 }
 
+// Name's first entry; null, with the caller's buffer cleared, when the form
+// has no such entry.
+const cgiFormEntry *entry_or_cleared(const char *name, char *result, int max) {
+    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
+    if (entry == nullptr) clear_result(result, max);
+    return entry;
+}
+
 cgiFormResultType file_text(const char *name, char *result, int max, char *cgiFormEntry::*field,
                             cgiFormResultType when_empty) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        clear_result(result, max);
-        return cgiFormNotFound;
-    }
+    const cgiFormEntry *entry = entry_or_cleared(name, result, max);
+    if (entry == nullptr) return cgiFormNotFound;
     const char *text = text_or_empty(entry->*field);
     if (!copy_bounded(text, result, max)) return cgiFormTruncated;
     return text[0] == '\0' ? when_empty : cgiFormSuccess;
@@ -218,19 +223,14 @@ extern "C" cgiFormEntry *cgiFormEntryFindNext(void) {
 }
 
 extern "C" cgiFormResultType cgiFormString(const char *name, char *result, int max) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        clear_result(result, max);
-        return cgiFormNotFound;
-    }
-    return entry_string(entry, result, max, true);
+    const cgiFormEntry *entry = entry_or_cleared(name, result, max);
+    return entry != nullptr ? entry_string(entry, result, max, true) : cgiFormNotFound;
 }
 
 extern "C" cgiFormResultType cgiFormStringNoNewlines(const char *name, char *result, int max) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
+    const cgiFormEntry *entry = entry_or_cleared(name, result, max);
     if (entry == nullptr) {
         QM_LOG_print("name [%s] not found", text_or_empty(name));
-        clear_result(result, max);
         return cgiFormNotFound;
     }
     return entry_string(entry, result, max, false);
