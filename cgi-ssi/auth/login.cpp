@@ -46,7 +46,7 @@ constexpr int kLevelSize = 128;
 constexpr int kRequestSize = 64;
 constexpr int kLoginSize = 64;
 constexpr int kPasswordSize = 64;
-constexpr int kTokenFieldSize = 200;
+constexpr int kTokenFieldSize = QM_TOKEN_FIELD_SIZE;
 constexpr int kRedirectSize = 4;
 
 // Copies of user records while the signatures are checked.

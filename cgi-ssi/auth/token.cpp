@@ -51,8 +51,8 @@ constexpr const char *kTokenTemplate = "/var/tmp/CGI_Token_XXXXXX";
 constexpr const char *kCopySuffix = "~";
 
 constexpr int kDefaultLifetime = 900;   // seconds
-constexpr std::size_t kTokenTextLimit = 401;  // text length + 1 must stay below
-constexpr int kTokenFieldSize = 200;
+constexpr std::size_t kTokenTextLimit = QM_TOKEN_LINE_SIZE;  // text length + 1 must stay below
+constexpr int kTokenFieldSize = QM_TOKEN_FIELD_SIZE;
 constexpr int kLifetimeLineSize = 64;   // line 1: at most 63 characters
 
 constexpr const char *kNoTokenMessage = "You must provide a token to access the values of CLI get or post.";
