@@ -94,9 +94,6 @@ using namespace cgissi::ssi;
 // that throws; ssiprintf's output path goes through the C-edge guard.
 extern "C" {
 
-// The C entry points here that do not run through quelm::guarded cannot
-// throw: they allocate nothing, or only with malloc, whose failure is
-// their error result.
 void SSI_Set_Mode(int mode) { Ssi_mode = mode; }
 
 int SSI_Get_Mode(void) { return Ssi_mode; }
