@@ -26,10 +26,12 @@ extern "C" {
 #endif
 
 enum {
-    QM_TOKEN_LENGTH = 6,             /* characters of a token */
-    QM_TOKEN_MESSAGE_SIZE = 1024,    /* latest message, with terminator */
-    QM_TOKEN_RIGHTS_SIZE = 400,      /* rights text, with terminator */
-    QM_TOKEN_ERROR_TEXT_SIZE = 20000 /* accumulated errors, with terminator */
+    QM_TOKEN_LENGTH = 6,              /* characters of a token */
+    QM_TOKEN_MESSAGE_SIZE = 1024,     /* latest message, with terminator */
+    QM_TOKEN_RIGHTS_SIZE = 400,       /* rights text, with terminator */
+    QM_TOKEN_ERROR_TEXT_SIZE = 20000, /* accumulated errors, with terminator */
+    QM_TOKEN_FIELD_SIZE = 200,        /* the form's "token" field as read, with terminator */
+    QM_TOKEN_LINE_SIZE = 401          /* a line of a token file (400 characters), with terminator */
 };
 
 /* Results of get_token_rights. */

@@ -142,9 +142,7 @@ private:
 // A page that cannot be served gets its error block with a proper status,
 // so that the web server and the browser see a 404 or 500 instead of a
 // malformed answer; the block itself is unchanged.
-void error_header(int status, const char *reason) {
-    cgi_out_printf("Status: %d %s\r\nContent-type: text/html\r\n\r\n", status, reason);
-}
+void error_header(int status) { cgi_out_status_header(status, "text/html"); }
 
 // The page's URI: PATH_INFO, or the page's path below the document root
 // keeping the root's last character (its "/").
@@ -160,25 +158,25 @@ std::string page_path_info(const std::string &file_name) {
 // The page file to serve, or an error answer and nothing.
 bool find_page(std::string &file_name, std::string &path_info) {
     if (std::getenv("SCRIPT_NAME") == nullptr) {
-        error_header(500, "Internal Server Error");
+        error_header(500);
         internal_error("Couldn't get SCRIPT_NAME environment variable.");
         return false;
     }
     const char *script_env = std::getenv("SCRIPT_FILENAME");
     if (script_env == nullptr) {
-        error_header(500, "Internal Server Error");
+        error_header(500);
         internal_error("Couldn't get SCRIPT_FILENAME environment variable.");
         return false;
     }
     file_name = script_env;
     if (!check_filename(file_name)) {
-        error_header(403, "Forbidden");
+        error_header(403);
         not_permitted("initial", "SCRIPT_FILENAME", file_name);
         return false;
     }
     path_info = page_path_info(file_name);
     if (!path_info.empty() && !check_filename(path_info)) {
-        error_header(403, "Forbidden");
+        error_header(403);
         not_permitted("initial", "PATH_INFO", path_info);
         return false;
     }
@@ -193,7 +191,7 @@ int serve_page() {
 
     quelm::UniqueFd fd = open_page(file_name);
     if (!fd) {
-        error_header(404, "Not Found");
+        error_header(404);
         page_not_found(file_name);
         return 1;
     }

@@ -94,6 +94,9 @@ ssi_symbol_callback symbol_callback() { return installed_callback; }
 
 extern "C" {
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 int get_nbplugins(void) { return static_cast<int>(std::size(plugins)); }
 
 void set_ssi_do_plugin(ssi_symbol_callback callback) { cgissi::ssi::installed_callback = callback; }

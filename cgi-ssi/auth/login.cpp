@@ -25,6 +25,7 @@
 #include "json/json_writer.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
+#include "qm_config_records.h"
 #include "qm_login.h"
 #include "qm_session.h"
 #include "qm_token.h"
@@ -45,7 +46,7 @@ constexpr int kLevelSize = 128;
 constexpr int kRequestSize = 64;
 constexpr int kLoginSize = 64;
 constexpr int kPasswordSize = 64;
-constexpr int kTokenFieldSize = 200;
+constexpr int kTokenFieldSize = QM_TOKEN_FIELD_SIZE;
 constexpr int kRedirectSize = 4;
 
 // Copies of user records while the signatures are checked.
@@ -73,8 +74,7 @@ constexpr int kNoSessionStatus = 403;
 
 using PlatformText = quelm::MallocString;
 
-void free_records(QM_DAT_record *records) { QM_DAT_freedata(&records); }
-using Records = std::unique_ptr<QM_DAT_record, quelm::CDeleter<free_records>>;
+using Records = quelm::ConfigRecords;
 
 class Library {
   public:

@@ -31,6 +31,9 @@
 #include "quelm_text.h"
 #include "session/token_name.h"
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" {
 char *last_token_name = nullptr;
 int last_token_lifetime = 0;
@@ -48,8 +51,8 @@ constexpr const char *kTokenTemplate = "/var/tmp/CGI_Token_XXXXXX";
 constexpr const char *kCopySuffix = "~";
 
 constexpr int kDefaultLifetime = 900;   // seconds
-constexpr std::size_t kTokenTextLimit = 401;  // text length + 1 must stay below
-constexpr int kTokenFieldSize = 200;
+constexpr std::size_t kTokenTextLimit = QM_TOKEN_LINE_SIZE;  // text length + 1 must stay below
+constexpr int kTokenFieldSize = QM_TOKEN_FIELD_SIZE;
 constexpr int kLifetimeLineSize = 64;   // line 1: at most 63 characters
 
 constexpr const char *kNoTokenMessage = "You must provide a token to access the values of CLI get or post.";

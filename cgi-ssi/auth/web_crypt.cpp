@@ -85,6 +85,9 @@ std::string hex_encrypt(const char *key, std::string_view plain) {
 
 using namespace cgissi::auth;
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" {
 
 char *encode64(const void *input, size_t length, char *output, size_t size) {

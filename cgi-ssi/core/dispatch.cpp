@@ -12,6 +12,7 @@
 #include "core/handlers.h"
 #include "qm_config.h"
 #include "qm_session.h"
+#include "quelm_guard.h"
 #include "quelm_log.h"
 #include "quelm_root.h"
 #include "session/session_store.h"
@@ -165,31 +166,8 @@ bool set_up_session(std::string_view ext) {
     return true;
 }
 
-}  // namespace
-
-int init_cgi(plugin_registry_handle *registry) {
-    QM_Cfg_Init(1);
-    QM_LOG_set(1);
-    return init_call_shared_plugin(registry);
-}
-
-}  // namespace cgissi
-
-using namespace cgissi;
-
-extern "C" int try_call_shared_plugin(const char *name, int argc, char **argv) {
-    int result = call_shared_genericplugin("plugin", name, argc, argv);
-    quelm::log::open(name);
-    if (result == -1) {
-        QM_LOG_print("CGI %s not found\n", name);
-    } else if (result != 0) {
-        QM_LOG_print("CGI external plugins error for function <%s> : %d", name, result);
-    }
-    quelm::log::close();
-    return result;
-}
-
-extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv) {
+// One request: names, session, then the built-in or plugin that answers it.
+int serve_request(plugin_registry_handle *registry, int argc, char **argv) {
     // Session and token of the previous request are not this one's.
     session::begin_request();
     remove_last_token_name();
@@ -244,4 +222,34 @@ extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv)
         return 0;
     }
     return row->handler(argc, argv) != 0 ? -1 : 0;
+}
+
+}  // namespace
+
+int init_cgi(plugin_registry_handle *registry) {
+    QM_Cfg_Init(1);
+    QM_LOG_set(1);
+    return init_call_shared_plugin(registry);
+}
+
+}  // namespace cgissi
+
+using namespace cgissi;
+
+extern "C" int try_call_shared_plugin(const char *name, int argc, char **argv) {
+    return quelm::guarded(-1, __func__, [&] {
+        int result = call_shared_genericplugin("plugin", name, argc, argv);
+        quelm::log::open(name);
+        if (result == -1) {
+            QM_LOG_print("CGI %s not found\n", name);
+        } else if (result != 0) {
+            QM_LOG_print("CGI external plugins error for function <%s> : %d", name, result);
+        }
+        quelm::log::close();
+        return result;
+    });
+}
+
+extern "C" int main_CGI(plugin_registry_handle *registry, int argc, char **argv) {
+    return quelm::guarded(-1, __func__, [&] { return serve_request(registry, argc, argv); });
 }

@@ -6,26 +6,19 @@
 #define NO_FCGI_DEFINES
 #include <fcgi_stdio.h>
 
+#include "quelm_http.h"
+
 namespace {
 
 // Most writes (headers, escaped values) fit here; longer ones get a heap
 // buffer of the exact size.
 constexpr std::size_t kStackFormat = 1024;
 
-const char *reason_phrase(int status) {
-    switch (status) {
-    case 400: return "Bad Request";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 413: return "Payload Too Large";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    default: return "Error";
-    }
-}
-
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" int cgi_out_write(const void *data, size_t len) {
     if (len == 0) return 0;
     size_t n = FCGI_fwrite(const_cast<void *>(data), 1, len, FCGI_stdout);
@@ -68,6 +61,6 @@ extern "C" int cgi_out_printf(const char *format, ...) {
 extern "C" int cgi_out_flush(void) { return FCGI_fflush(FCGI_stdout); }
 
 extern "C" int cgi_out_status_header(int status, const char *content_type) {
-    return cgi_out_printf("Status: %d %s\r\nContent-type: %s\r\n\r\n", status, reason_phrase(status),
+    return cgi_out_printf("Status: %d %s\r\nContent-type: %s\r\n\r\n", status, quelm::reason_phrase(status),
                           content_type != nullptr ? content_type : "text/html");
 }

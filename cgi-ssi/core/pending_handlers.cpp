@@ -20,6 +20,9 @@ int answer_not_found() {
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" {
 int reboot_cgi(int, char **) { return answer_not_found(); }
 int firmware_user_cgi(int, char **) { return answer_not_found(); }

@@ -12,6 +12,7 @@
 
 #include "json/json_writer.h"
 #include "qm_config.h"
+#include "qm_config_records.h"
 #include "qm_node.h"
 #include "qm_token.h"
 #include "quelm_owned.h"
@@ -27,10 +28,10 @@ constexpr std::size_t kItemPathSize = 512;        // "<object>_<i><remainder>"
 constexpr std::size_t kFilterRestSize = 1025;     // "%1024s" rest of a wildcard filter
 constexpr std::size_t kCountTextLimit = 1024;     // longest instance list text accepted
 constexpr int kFlagTableSize = 1024;              // index flag table entries
-constexpr std::size_t kTokenLineSize = 401;       // a token file line: 400 characters
+constexpr std::size_t kTokenLineSize = QM_TOKEN_LINE_SIZE;   // a token file line: 400 characters
 constexpr std::size_t kMessageSize = 1024;        // one formatted error message
-constexpr std::size_t kErrorTextSize = 20000;     // accumulated error text
-constexpr std::size_t kFormTokenSize = 200;       // the "token" field
+constexpr std::size_t kErrorTextSize = QM_TOKEN_ERROR_TEXT_SIZE;  // accumulated error text (token_context)
+constexpr std::size_t kFormTokenSize = QM_TOKEN_FIELD_SIZE;  // the "token" field
 constexpr std::size_t kCryptSize = 1024;          // decoded and decrypted secret values
 constexpr std::size_t kWritesPropertySize = 256;  // property of one "writes" item
 
@@ -168,10 +169,7 @@ struct TreeDeleter {
 };
 using Tree = std::unique_ptr<qm_node, TreeDeleter>;
 
-struct RecordsDeleter {
-    void operator()(QM_DAT_record *r) const { QM_DAT_freedata(&r); }
-};
-using Records = std::unique_ptr<QM_DAT_record, RecordsDeleter>;
+using Records = quelm::ConfigRecords;
 
 // Prints the chain that starts at node as a result tree.
 void write_tree(const qm_node *node, bool shadow);

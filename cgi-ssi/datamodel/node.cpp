@@ -207,24 +207,30 @@ std::string bounded(std::string text, std::size_t size) {
     return text;
 }
 
+// The instance list a list path names ("{*}" or "{1,3}") and the text after
+// its closing brace; false (logged where needed) when there is none.
+bool path_instances(const char *path, const ListPath &list_path, const char *where, std::string &list,
+                    std::string_view &tail) {
+    if (list_path.marker == ListMarker::wildcard) {
+        return wildcard_instances(list_path.object, list_path.after, path, where, list, tail);
+    }
+    const std::size_t close = list_path.after.find('}');
+    if (close == std::string_view::npos) {
+        QM_LOG_print("%s : bad syntax for %s", where, path);
+        return false;
+    }
+    if (!set_instances(list_path.after.substr(0, close), list)) return false;
+    tail = list_path.after.substr(close + 1);
+    return true;
+}
+
 qm_node *list_tree(const char *path, const ListPath &list_path, const char *suffix, QM_DAT_record *records,
                    const char *where) {
     Tree root(create_node(""));
     if (!root) return nullptr;
-
     std::string list;
     std::string_view tail;
-    if (list_path.marker == ListMarker::wildcard) {
-        if (!wildcard_instances(list_path.object, list_path.after, path, where, list, tail)) return nullptr;
-    } else {
-        const std::size_t close = list_path.after.find('}');
-        if (close == std::string_view::npos) {
-            QM_LOG_print("%s : bad syntax for %s", where, path);
-            return nullptr;
-        }
-        if (!set_instances(list_path.after.substr(0, close), list)) return nullptr;
-        tail = list_path.after.substr(close + 1);
-    }
+    if (!path_instances(path, list_path, where, list, tail)) return nullptr;
 
     Selector selector;
     switch (parse_selector(tail, selector)) {
@@ -382,6 +388,9 @@ void write_tree(const qm_node *node, bool shadow) {
 
 using namespace cgissi::datamodel;
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" {
 
 qm_node *create_node(const char *text) {

@@ -39,6 +39,9 @@ bool find_cookie(std::string_view header, std::string_view name, std::string_vie
 
 using namespace cgissi::request;
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" cgiFormResultType cgiCookieString(const char *name, char *result, int max) {
     std::string_view value;
     if (name == nullptr || !find_cookie(cookie_header(), name, &value)) {

@@ -194,6 +194,9 @@ int parse_form(FCGI_FILE *upload_sink) {
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" void cgiSetupConstants(void) {
     for (int &value : cgiHexValue) value = 0;
     for (int digit = 0; digit < 10; ++digit) cgiHexValue['0' + digit] = digit;

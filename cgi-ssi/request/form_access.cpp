@@ -5,8 +5,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "cgic.h"
@@ -90,15 +92,31 @@ cgiFormResultType entry_string(const cgiFormEntry *entry, char *result, int max,
     return length != 0 ? cgiFormSuccess : cgiFormEmpty;
 }
 
-// Reads a number in the manner shared by cgiFormInteger and cgiFormDouble.
-template <typename T, typename Convert>
-cgiFormResultType form_number(const char *name, T *result, T defaultV, bool allow_point, Convert convert) {
+// The value of name's first entry; null, with defaultV stored, when the
+// form has no such entry.
+template <typename T>
+const char *value_or_default(const char *name, T *result, T defaultV) {
     const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
     if (entry == nullptr) {
         *result = defaultV;
-        return cgiFormNotFound;
+        return nullptr;
     }
-    const char *value = text_or_empty(entry->value);
+    return text_or_empty(entry->value);
+}
+
+// Index of the first choice equal to value; -1 when none is.
+int choice_index(const char *const *choices, int total, const char *value) {
+    for (int i = 0; i < total; ++i) {
+        if (choices[i] != nullptr && std::strcmp(choices[i], value) == 0) return i;
+    }
+    return -1;
+}
+
+// Reads a number in the manner shared by cgiFormInteger and cgiFormDouble.
+template <typename T, typename Convert>
+cgiFormResultType form_number(const char *name, T *result, T defaultV, bool allow_point, Convert convert) {
+    const char *value = value_or_default(name, result, defaultV);
+    if (value == nullptr) return cgiFormNotFound;
     if (value[0] == '\0') {
         *result = defaultV;
         return cgiFormEmpty;
@@ -127,13 +145,18 @@ cgiFormResultType clamp(cgiFormResultType read, T *result, T min, T max) {
     return cgiFormSuccess;
 }
 
+// Name's first entry; null, with the caller's buffer cleared, when the form
+// has no such entry.
+const cgiFormEntry *entry_or_cleared(const char *name, char *result, int max) {
+    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
+    if (entry == nullptr) clear_result(result, max);
+    return entry;
+}
+
 cgiFormResultType file_text(const char *name, char *result, int max, char *cgiFormEntry::*field,
                             cgiFormResultType when_empty) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        clear_result(result, max);
-        return cgiFormNotFound;
-    }
+    const cgiFormEntry *entry = entry_or_cleared(name, result, max);
+    if (entry == nullptr) return cgiFormNotFound;
     const char *text = text_or_empty(entry->*field);
     if (!copy_bounded(text, result, max)) return cgiFormTruncated;
     return text[0] == '\0' ? when_empty : cgiFormSuccess;
@@ -177,6 +200,9 @@ int leading_int(const char *text) {
 
 using namespace cgissi::request;
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" cgiFormEntry *cgiFormEntryFindFirst(const char *name) {
     cgiFindTarget = name;
     cgiFindPos = cgiFormEntryFirst;
@@ -197,19 +223,14 @@ extern "C" cgiFormEntry *cgiFormEntryFindNext(void) {
 }
 
 extern "C" cgiFormResultType cgiFormString(const char *name, char *result, int max) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        clear_result(result, max);
-        return cgiFormNotFound;
-    }
-    return entry_string(entry, result, max, true);
+    const cgiFormEntry *entry = entry_or_cleared(name, result, max);
+    return entry != nullptr ? entry_string(entry, result, max, true) : cgiFormNotFound;
 }
 
 extern "C" cgiFormResultType cgiFormStringNoNewlines(const char *name, char *result, int max) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
+    const cgiFormEntry *entry = entry_or_cleared(name, result, max);
     if (entry == nullptr) {
         QM_LOG_print("name [%s] not found", text_or_empty(name));
-        clear_result(result, max);
         return cgiFormNotFound;
     }
     return entry_string(entry, result, max, false);
@@ -228,29 +249,18 @@ extern "C" cgiFormResultType cgiFormStringSpaceNeeded(const char *name, int *len
 extern "C" cgiFormResultType cgiFormStringMultiple(const char *name, char ***ptrToStringArray) {
     return quelm::guarded(cgiFormMemory, __func__, [&]() -> cgiFormResultType {
         *ptrToStringArray = nullptr;  // what a failure leaves
-        std::vector<const cgiFormEntry *> entries;
-        for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
-            entries.push_back(e);
-        }
-        char **array = static_cast<char **>(std::calloc(entries.size() + 1, sizeof(char *)));
-        if (array == nullptr) {
-            *ptrToStringArray = nullptr;
-            return cgiFormMemory;
-        }
         // Each value through the same line-end handling as cgiFormString; the
         // result is never longer than the value.
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            int size = static_cast<int>(std::strlen(text_or_empty(entries[i]->value))) + 1;
-            array[i] = static_cast<char *>(std::malloc(static_cast<std::size_t>(size)));
-            if (array[i] == nullptr) {
-                cgiStringArrayFree(array);
-                *ptrToStringArray = nullptr;
-                return cgiFormMemory;
-            }
-            entry_string(entries[i], array[i], size, true);
+        std::vector<std::string> values;
+        for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
+            std::string value(std::strlen(text_or_empty(e->value)) + 1, '\0');
+            entry_string(e, value.data(), static_cast<int>(value.size()), true);
+            value.resize(std::strlen(value.c_str()));
+            values.push_back(std::move(value));
         }
-        *ptrToStringArray = array;
-        return entries.empty() ? cgiFormNotFound : cgiFormSuccess;
+        const std::vector<std::string_view> views(values.begin(), values.end());
+        if (const cgiFormResultType made = string_array(views, ptrToStringArray); made != cgiFormSuccess) return made;
+        return values.empty() ? cgiFormNotFound : cgiFormSuccess;
     });
 }
 
@@ -279,20 +289,11 @@ extern "C" cgiFormResultType cgiFormDoubleBounded(const char *name, double *resu
 
 extern "C" cgiFormResultType cgiFormSelectSingle(const char *name, const char *const *choicesText,
                                                  int choicesTotal, int *result, int defaultV) {
-    const cgiFormEntry *entry = cgiFormEntryFindFirst(name);
-    if (entry == nullptr) {
-        *result = defaultV;
-        return cgiFormNotFound;
-    }
-    const char *value = text_or_empty(entry->value);
-    for (int i = 0; i < choicesTotal; ++i) {
-        if (choicesText[i] != nullptr && std::strcmp(choicesText[i], value) == 0) {
-            *result = i;
-            return cgiFormSuccess;
-        }
-    }
-    *result = defaultV;
-    return cgiFormNoSuchChoice;
+    const char *value = value_or_default(name, result, defaultV);
+    if (value == nullptr) return cgiFormNotFound;
+    const int choice = choice_index(choicesText, choicesTotal, value);
+    *result = choice >= 0 ? choice : defaultV;
+    return choice >= 0 ? cgiFormSuccess : cgiFormNoSuchChoice;
 }
 
 extern "C" cgiFormResultType cgiFormSelectMultiple(const char *name, const char *const *choicesText,
@@ -301,16 +302,9 @@ extern "C" cgiFormResultType cgiFormSelectMultiple(const char *name, const char 
     int hits = 0;
     int misses = 0;
     for (const cgiFormEntry *e = cgiFormEntryFindFirst(name); e != nullptr; e = cgiFormEntryFindNext()) {
-        const char *value = text_or_empty(e->value);
-        bool hit = false;
-        for (int i = 0; i < choicesTotal; ++i) {
-            if (choicesText[i] != nullptr && std::strcmp(choicesText[i], value) == 0) {
-                result[i] = 1;
-                hit = true;
-                break;
-            }
-        }
-        if (hit) {
+        const int choice = choice_index(choicesText, choicesTotal, text_or_empty(e->value));
+        if (choice >= 0) {
+            result[choice] = 1;
             ++hits;
         } else {
             ++misses;

@@ -88,6 +88,9 @@ void free_entries(cgiFormEntry *first) {
 
 using namespace cgissi::request;
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" int cgiUnescapeChars(char **result, const char *text, int length) {
     std::string_view input;
     if (text != nullptr && length > 0) input = std::string_view(text, static_cast<std::size_t>(length));

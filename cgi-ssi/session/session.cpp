@@ -119,6 +119,23 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
     return false;
 }
 
+// A token's session file: the name that is logged, the mapped name, and
+// whether the token is well formed and its file there (st is then its status).
+struct SessionFile {
+    std::string path;
+    std::string mapped;
+    struct stat st {};
+    bool found = false;
+};
+
+SessionFile find_session(const char *token) {
+    SessionFile file;
+    file.path = session_path(token);
+    file.mapped = quelm::root_path(file.path);
+    file.found = valid_token(token) && ::stat(file.mapped.c_str(), &file.st) == 0;
+    return file;
+}
+
 void log_missing(const char *function, const std::string &path) {
     // compat: the message as log readers in the field match it.
     quelm::log::print(LOG_ERR, "%s has failed : reason file session doesn't exists anymore '%s'", function,
@@ -192,6 +209,9 @@ int QM_GetFullPath(const char *token, char *out, int size) {
     });
 }
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 int QM_clean_session(void) {
     QM_SessionFullPath[0] = '\0';
     return 0;
@@ -275,15 +295,15 @@ int QM_CheckSession(const char *token) {
             quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
             return 0;
         }
-        std::string path = session_path(token);
-        std::string mapped = quelm::root_path(path);
-        struct stat st {};
-        if (!valid_token(token) || ::stat(mapped.c_str(), &st) != 0) {
+        const SessionFile file = find_session(token);
+        const std::string &path = file.path;
+        if (!file.found) {
+            // compat: "doesn't exists" as log readers in the field match it.
             quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s",
                               path.c_str());
             return 0;
         }
-        if (expired(st, std::time(nullptr), idle_lifetime())) {
+        if (expired(file.st, std::time(nullptr), idle_lifetime())) {
             quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path.c_str());
             QM_DestroySession();
             return 0;
@@ -376,10 +396,9 @@ int QM_GetSessionInfo(const char *token, const char *key, char *out, int size) {
 
 int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
     return quelm::guarded(0, __func__, [&, function = __func__]() -> int {
-        std::string path = session_path(token);
-        std::string mapped = quelm::root_path(path);
-        struct stat st {};
-        if (!valid_token(token) || ::stat(mapped.c_str(), &st) != 0) {
+        const SessionFile file = find_session(token);
+        const std::string &path = file.path;
+        if (!file.found) {
             log_missing(function, path);
             return 0;
         }
@@ -388,7 +407,7 @@ int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
             quelm::log::print(LOG_ERR, "%s has failed : refused entry for %s", function, path.c_str());
             return 0;
         }
-        UniqueFd fd(::open(mapped.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        UniqueFd fd(::open(file.mapped.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
         if (!fd) {
             quelm::log::print(LOG_ERR, "%s has failed : can't open %s", function, path.c_str());
             return 1;

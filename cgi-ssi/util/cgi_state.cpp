@@ -38,6 +38,9 @@ std::string cgierror_path() { return quelm::root_path(kCgiErrorFile); }
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" int set_cgierror(int code) {
     return quelm::guarded(code, __func__, [&]() -> int {
         const std::string path = cgierror_path();

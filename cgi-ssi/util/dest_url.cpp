@@ -94,6 +94,9 @@ cgiFormResultType read_page_field(const char *field, int *mode) {
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" void set_dest_url(const char *page, int mode) {
     if (page == nullptr || page[0] == '\0') return;
     const std::size_t n = ::strnlen(page, sizeof url_page - 1);

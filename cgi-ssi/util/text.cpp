@@ -96,6 +96,9 @@ int next_list_index(std::string_view indices) {
 
 }  // namespace quelm::util
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" char *str_replace(char *text, char from, char to) {
     return change_each(text, [from, to](char c) { return c == from ? to : c; });
 }

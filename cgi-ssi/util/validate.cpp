@@ -48,6 +48,9 @@ bool octets(const int *v) { return octet(v[0]) && octet(v[1]) && octet(v[2]) && 
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" int check_alphanum(char c) { return alphanum(static_cast<signed char>(c)) ? 1 : 0; }
 
 extern "C" int check_name(const char *text) { return check_all(text, alphanum); }

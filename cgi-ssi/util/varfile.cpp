@@ -36,6 +36,9 @@ void copy_cut(char *out, const char *value, std::size_t n) {
 
 }  // namespace
 
+// The C entry points here that do not run through quelm::guarded cannot
+// throw: they allocate nothing, or only with malloc, whose failure is
+// their error result.
 extern "C" int get_filevar(const char *path, char *out, size_t size) {
     UniqueFile f = open_read(path);
     if (!f) {

@@ -125,10 +125,7 @@ int load_definitions(std::unique_ptr<Schema> &schema, std::unique_ptr<FactoryDef
     schema = Schema::load(schema_path, message);
     if (!schema) return QM_ERR_STORAGE;
     std::string text;
-    if (!read_file(factory_path, text)) {
-        message = "cannot read " + factory_path;
-        return QM_ERR_STORAGE;
-    }
+    if (!read_file(factory_path, text, message)) return QM_ERR_STORAGE;
     auto lines = parse_assignments(text, message);
     if (!lines) {
         message = factory_path + ": " + message;
@@ -255,6 +252,12 @@ bool read_file(const std::string &path, std::string &out) {
         if (out.size() + static_cast<std::size_t>(n) > kMaxDataFileSize) return false;
         out.append(buffer, static_cast<std::size_t>(n));
     }
+}
+
+bool read_file(const std::string &path, std::string &out, std::string &message) {
+    if (read_file(path, out)) return true;
+    message = "cannot read " + path;
+    return false;
 }
 
 }  // namespace quelm::platform

@@ -60,8 +60,8 @@ int DataModel::exists(std::string_view object, bool &exists) {
 }
 
 int DataModel::get(std::string_view property, std::string &value) {
-    auto target = schema_.resolve(property);
-    if (!target || !target->is_property()) return QM_ERR_UNKNOWN_OBJECT;
+    auto target = schema_.resolve_as(property, &Resolved::is_property);
+    if (!target) return QM_ERR_UNKNOWN_OBJECT;
     Rows rows(db_, Table::Running);
     RowState state;
     if (!rows.find(target->key, state, &value)) return QM_ERR_STORAGE;
@@ -70,8 +70,8 @@ int DataModel::get(std::string_view property, std::string &value) {
 
 int DataModel::set(std::string_view property, std::string_view value, bool &changed) {
     changed = false;
-    auto target = schema_.resolve(property);
-    if (!target || !target->is_property()) return QM_ERR_UNKNOWN_OBJECT;
+    auto target = schema_.resolve_as(property, &Resolved::is_property);
+    if (!target) return QM_ERR_UNKNOWN_OBJECT;
     if (int rc = validate_value(*target->node, value)) return rc;
     Rows rows(db_, Table::Running);
     Transaction tx(db_);
@@ -93,8 +93,8 @@ int DataModel::set(std::string_view property, std::string_view value, bool &chan
 }
 
 int DataModel::count(std::string_view object, std::string &text) {
-    auto target = schema_.resolve(object);
-    if (!target || !target->is_collection()) return QM_ERR_UNKNOWN_OBJECT;
+    auto target = schema_.resolve_as(object, &Resolved::is_collection);
+    if (!target) return QM_ERR_UNKNOWN_OBJECT;
     Rows rows(db_, Table::Running);
     if (int rc = require_instance(rows, *target)) return rc;
     std::vector<std::uint32_t> numbers;
@@ -142,8 +142,8 @@ int DataModel::records(std::string_view object, std::vector<Record> &out) {
 }
 
 int DataModel::filtered_records(std::string_view object, std::size_t star, std::vector<Record> &out) {
-    auto target = schema_.resolve(object.substr(0, star));
-    if (!target || !target->is_collection()) return QM_ERR_UNKNOWN_OBJECT;
+    auto target = schema_.resolve_as(object.substr(0, star), &Resolved::is_collection);
+    if (!target) return QM_ERR_UNKNOWN_OBJECT;
     auto clauses = parse_where_clauses(object.substr(star + 2));
     if (!clauses) return QM_ERR_BAD_VALUE;
     Rows rows(db_, Table::Running);
@@ -239,8 +239,8 @@ int DataModel::reset(std::string_view object, bool deep) {
         // Without deep only the object's own properties: one key component
         // below the object's key.
         if (!deep && !target->is_property() && row.key.size() != target->key.size() + kKeyComponentWidth) continue;
-        auto leaf = schema_.resolve(row.name);
-        if (!leaf || !leaf->is_property()) continue;
+        auto leaf = schema_.resolve_as(row.name, &Resolved::is_property);
+        if (!leaf) continue;
         std::string value = factory_value(row.name, *leaf->node);
         if (!rows.put(row.key, row.name, &value)) return QM_ERR_STORAGE;
     }
@@ -283,8 +283,8 @@ int DataModel::ensure_instances(Rows &rows, const Resolved &target) {
 
 int DataModel::apply(Rows &rows, const std::vector<Assignment> &assignments, std::string &error) {
     for (const Assignment &a : assignments) {
-        auto target = schema_.resolve(a.name);
-        if (!target || !target->is_property()) {
+        auto target = schema_.resolve_as(a.name, &Resolved::is_property);
+        if (!target) {
             error = "line " + std::to_string(a.line) + ": unknown property " + a.name;
             return QM_ERR_UNKNOWN_OBJECT;
         }

@@ -66,5 +66,7 @@ QM_EXPORT int dump_text(std::string_view object, std::string &out);
 
 // Reads a whole file of at most kMaxDataFileSize bytes.
 QM_EXPORT bool read_file(const std::string &path, std::string &out);
+// The same; on failure message says "cannot read <path>".
+QM_EXPORT bool read_file(const std::string &path, std::string &out, std::string &message);
 
 }  // namespace quelm::platform

@@ -62,10 +62,7 @@ bool write_all(int fd, std::string_view data) {
 bool install_file(const std::string &source, const std::string &target, std::string &message,
                   mode_t mode = 0644) {
     std::string data;
-    if (!read_file(source, data)) {
-        message = "cannot read " + source;
-        return false;
-    }
+    if (!read_file(source, data, message)) return false;
     std::string temp = target + ".XXXXXX";
     UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
     if (!fd) {

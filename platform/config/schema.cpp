@@ -293,4 +293,10 @@ std::optional<int> Schema::type_of_xml_path(std::string_view xml_path) const {
     return at_instance ? QM_TYPE_NODE : node->type;
 }
 
+std::optional<Resolved> Schema::resolve_as(std::string_view name, bool (Resolved::*kind)() const) const {
+    auto target = resolve(name);
+    if (target && !((*target).*kind)()) return std::nullopt;
+    return target;
+}
+
 }  // namespace quelm::platform

@@ -88,6 +88,9 @@ public:
     static std::unique_ptr<Schema> load(const std::string &path, std::string &error);
 
     std::optional<Resolved> resolve(std::string_view name) const;
+    // resolve(), keeping only a name of one kind (&Resolved::is_property,
+    // &Resolved::is_collection).
+    std::optional<Resolved> resolve_as(std::string_view name, bool (Resolved::*kind)() const) const;
     // Type code of a schema path ("User.{i}.Username"); nullopt if unknown.
     std::optional<int> type_of_xml_path(std::string_view xml_path) const;
 

@@ -12,6 +12,7 @@
 #include "qm_config.h"
 #include "quelm_guard.h"
 #include "quelm_html.h"
+#include "quelm_http.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
 
@@ -109,20 +110,6 @@ int check(const Credentials &c, std::string_view realm) {
     return result;
 }
 
-const char *standard_reason(int status) {
-    switch (status) {
-    case 400: return "Bad Request";
-    case 401: return "Unauthorized";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 413: return "Request Entity Too Large";
-    case 500: return "Internal Server Error";
-    case 503: return "Service Unavailable";
-    default: return "Error";
-    }
-}
-
 }  // namespace
 }  // namespace quelm::webauth
 
@@ -148,7 +135,7 @@ int webauth_send_http_error_message(int status, const char *reason, char *out, s
         if (status < 100 || status > 599) return -1;
         // The reason goes into a header line: no line breaks, bounded.
         char header_reason[kMaxReason];
-        std::snprintf(header_reason, sizeof header_reason, "%s", reason != nullptr ? reason : standard_reason(status));
+        std::snprintf(header_reason, sizeof header_reason, "%s", reason != nullptr ? reason : quelm::reason_phrase(status));
         for (char *p = header_reason; *p != '\0'; ++p)
             if (*p == '\r' || *p == '\n') *p = ' ';
         const std::string body_reason = quelm::html_escape(header_reason);

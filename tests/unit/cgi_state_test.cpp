@@ -215,6 +215,23 @@ TEST_F(CgiState, FormFieldsChooseThePage) {
     EXPECT_EQ(get_shelldelay(), 0);
 }
 
+// The page field reaches the redirect's script string: whatever it holds,
+// it cannot end the string or the script element; ordinary pages keep
+// their bytes.
+TEST_F(CgiState, RedirectTargetStaysInTheScriptString) {
+    auto redirect = [](const char *query) {
+        EXPECT_EQ(get(query), 0);
+        getset_error_url();
+        return captured_output(branch_dest_url);
+    };
+    const std::string ordinary = redirect("sErrorPage=a%2Fb.htm%3Fx%3D1%26y%3D2&iExpert=-2");
+    EXPECT_NE(ordinary.find("replace(\"a/b.htm?x=1&y=2\");\r\n</script>"), std::string::npos) << ordinary;
+    const std::string hostile = redirect("sErrorPage=x%22)%3Balert(1)%2F%2F%3C%2Fscript%3E%27%5C&iExpert=-2");
+    EXPECT_NE(hostile.find("replace(\"x\\\");alert(1)//\\u003C/script\\u003E\\'\\\\\");\r\n</script>"),
+              std::string::npos)
+        << hostile;
+}
+
 TEST_F(CgiState, FailedLockRedirectsToErrorPage) {
     // flock conflicts between open file descriptions, even in one process.
     const std::string lock_path = root_ / "gw/var/quelm/config/config.lock";

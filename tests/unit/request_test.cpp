@@ -399,6 +399,11 @@ TEST_F(RequestHeader, ExactBytes) {
          "Set-Cookie: QM_x_ID=tok; Domain=gw.lan; Max-Age=600; Path=/; \r\n"},
         {"cookie integer", 1, [] { cgiHeaderCookieSetInteger("n", -7, 0, "/p", ""); },
          "Set-Cookie: n=-7; Domain=; Max-Age=0; Path=/p; \r\n"},
+        // A request value passed on cannot add header lines.
+        {"cookie value with a line break is not set", 1,
+         [] { cgiHeaderCookieSetString("a", "x\r\nSet-Cookie: b=1", 0, "/", ""); }, ""},
+        {"cookie path with a control byte is not set", 1,
+         [] { cgiHeaderCookieSetInteger("n", 1, 0, "/\x01", ""); }, ""},
     };
     int saved = firstCookie;
     for (const Case &c : cases) {
