@@ -19,6 +19,7 @@ TOO_LONG_SYMBOL = "s" * 32
 ENTRIES = (
     'name="sample.cgi" methods="plugin" call="{lib}!sample_cgi"',
     'name="open" methods="plugin" no_session="1" call="{lib}!sample_open_cgi"',
+    'name="form.cgi" methods="plugin" call="{lib}!sample_form_cgi"',
     'name="open.cgi" methods="plugin" call="{lib}!sample_open_cgi"',
     'name="bare.cgi" methods="plugin" call="/lib/sample_command.sh"',
     'name="up.cgi" methods="plugin" call="../lib/{lib}!sample_cgi"',
@@ -132,3 +133,11 @@ def test_missing_registry_finds_nothing(cgi, generic, root, log_file):
     assert "symbol \\u003Csample_fct\\u003E doesn" in generic("sample_fct:abc")
     assert page(cgi, "sample_fct") == '""'
     assert "SSI : sample_fct function not found" in log_file.read_text()
+
+
+def test_form_redirect_target_stays_in_its_script_string(cgi, record):
+    def redirect(target):
+        return cgi(page="form.cgi", query=urlencode({"sErrorPage": target, "iExpert": "-2"})).body.decode()
+    assert 'replace("a/b.htm?x=1&y=2");' in redirect("a/b.htm?x=1&y=2")
+    hostile = redirect("x\");alert(1)//</script>")
+    assert 'replace("x\\");alert(1)//\\u003C/script\\u003E");' in hostile, hostile

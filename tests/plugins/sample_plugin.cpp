@@ -6,6 +6,8 @@
 #include <cstring>
 
 #include "cgi_output.h"
+#include "cgic.h"
+#include "qm_cgi_state.h"
 #include "qm_generic.h"
 #include "qm_plugin.h"
 #include "ssi_buffer.h"
@@ -33,6 +35,15 @@ __attribute__((visibility("default"))) int sample_cgi(int argc, char **argv) { r
 
 __attribute__((visibility("default"))) int sample_open_cgi(int argc, char **argv) {
     return answer("open", argc, argv);
+}
+
+// A form handler that failed: back to the form's "sErrorPage".
+__attribute__((visibility("default"))) int sample_form_cgi(int, char **) {
+    if (cgiInitResources(nullptr) != 0) return 1;
+    getset_error_url();
+    branch_dest_url();
+    cgiFreeResources();
+    return 0;
 }
 
 // "fct=" in a page reads Ssi; generic.cgi's "fct" field prints through
