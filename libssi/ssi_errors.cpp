@@ -17,6 +17,7 @@ class Shown {
 public:
     explicit Shown(std::string_view name) : text_(quelm::html_escape(name)) {}
     const char *c_str() const { return text_.c_str(); }
+    const std::string &text() const { return text_; }
 
 private:
     std::string text_;
@@ -52,16 +53,28 @@ void page_not_found(std::string_view file_name) {
                    Shown(file_name).c_str());
 }
 
+namespace {
+
+// The inline block about one directive's file: "<HR><H2>title</H2>",
+// "The filename requested in <where>", then <outcome> and "<HR>".
+void directive_file_block(const char *title, const std::string &where, const char *outcome) {
+    cgi_out_printf("<HR><H2>%s</H2>\nThe filename requested in %s\n%s\n<HR>\n", title, where.c_str(), outcome);
+}
+
+}  // namespace
+
 void not_permitted(std::string_view directive, std::string_view tag, std::string_view value) {
-    cgi_out_printf("<HR><H2>%s</H2>\nThe filename requested in the %s %s=%s directive\n"
-                   "may not be fetched.\n<HR>\n",
-                   "Not Permitted", Shown(directive).c_str(), Shown(tag).c_str(), Shown(value).c_str());
+    directive_file_block("Not Permitted",
+                         "the " + Shown(directive).text() + " " + Shown(tag).text() + "=" + Shown(value).text() +
+                             " directive",
+                         "may not be fetched.");
 }
 
 void file_not_found(std::string_view directive, std::string_view tag, std::string_view path) {
-    cgi_out_printf("<HR><H2>%s</H2>\nThe filename requested in a %s %s directive, %s,\n"
-                   "does not seem to exist.\n<HR>\n",
-                   "Not Found", Shown(directive).c_str(), Shown(tag).c_str(), Shown(path).c_str());
+    directive_file_block("Not Found",
+                         "a " + Shown(directive).text() + " " + Shown(tag).text() + " directive, " +
+                             Shown(path).text() + ",",
+                         "does not seem to exist.");
 }
 
 void unknown_directive(std::string_view file_name, std::string_view directive) {

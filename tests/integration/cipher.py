@@ -1,22 +1,25 @@
-"""A Python version of the gateway's value cipher, written from its
-definition and independent of the gateway's code: what the tests post as
-encrypted values and how they read the stored ones."""
+"""The value cipher as the pages compute it (scripts/quelm-cipher.py, written
+from its definition and independent of the gateway's code) and its inverse:
+what the tests post as encrypted values and how they read the stored ones."""
 
 import base64
+import importlib.util
+from pathlib import Path
 
 
-def signed_byte(b):
-    return b - 256 if b >= 128 else b
+def _load_page_tool():
+    """scripts/quelm-cipher.py: what a page's script computes, shipped for
+    users; the tests post what it makes."""
+    path = Path(__file__).resolve().parents[2] / "scripts" / "quelm-cipher.py"
+    spec = importlib.util.spec_from_file_location("quelm_cipher", path)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
 
 
-def encrypt(key, plain):
-    out = []
-    for i, p in enumerate(plain.encode()):
-        v = signed_byte(p) + signed_byte(key.encode()[i % len(key)])
-        v = v - 94 if v >= 94 else v
-        v = v - 94 if v >= 127 else v
-        out.append("%02X" % (v & 0xFF))
-    return "".join(out)
+_tool = _load_page_tool()
+signed_byte = _tool.signed
+encrypt = _tool.cipher
 
 
 def decrypt(key, hex_text):

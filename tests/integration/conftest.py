@@ -57,6 +57,21 @@ def plugin_symbols(source, bin_dir, tmp_path, *cflags):
         set(symbols("--dynamic", "--defined-only", bin_dir / "cgi-ssi")[2::3])
 
 
+def wait_for_port(port, proc, output, seconds=20):
+    """Until something listens on 127.0.0.1:port; fails with output() when
+    proc ends first or the time runs out."""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=0.2):
+                return
+        except OSError:
+            if proc.poll() is not None:
+                raise AssertionError(output())
+            time.sleep(0.05)
+    raise AssertionError("no server came up on port %d: %s" % (port, output()))
+
+
 @pytest.fixture(scope="session")
 def bin_dir():
     path = BUILD / "bin"
@@ -210,15 +225,7 @@ def lighttpd(bin_dir, root, log_file, tmp_path):
     (run_dir / "lighttpd.conf").write_text(conf)
     proc = subprocess.Popen(["lighttpd", "-D", "-f", run_dir / "lighttpd.conf"],
                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-    deadline = time.monotonic() + 15
-    while time.monotonic() < deadline:
-        try:
-            with socket.create_connection(("127.0.0.1", port), timeout=0.2):
-                break
-        except OSError:
-            if proc.poll() is not None:
-                raise AssertionError(proc.stdout.read().decode(errors="replace"))
-            time.sleep(0.05)
+    wait_for_port(port, proc, lambda: proc.stdout.read().decode(errors="replace"))
     server = Server(f"http://127.0.0.1:{port}", run_dir, docroot, log_file)
     yield server
     proc.terminate()

@@ -8,13 +8,11 @@ import os
 import re
 import shlex
 import signal
-import socket
 import subprocess
-import time
 
 import pytest
 
-from conftest import BUILD, REPO, assert_no_sanitizer_report, free_port
+from conftest import BUILD, REPO, assert_no_sanitizer_report, free_port, wait_for_port
 
 MARK = "<!-- walkthrough -->"
 EXPECT = "# =>"
@@ -59,17 +57,6 @@ def script_of(blocks):
     return "\n".join(out) + "\n"
 
 
-def wait_for_port(port, proc, output):
-    deadline = time.monotonic() + 20
-    while time.monotonic() < deadline:
-        try:
-            with socket.create_connection(("127.0.0.1", port), timeout=0.2):
-                return
-        except OSError:
-            if proc.poll() is not None:
-                raise AssertionError(output.read_text())
-            time.sleep(0.05)
-    raise AssertionError("make run's server did not come up: " + output.read_text())
 
 
 @pytest.fixture
@@ -94,7 +81,7 @@ def test_walkthrough_runs_as_printed(checkout, tmp_path):
         server = subprocess.Popen([checkout / "scripts" / "run.sh", str(port)], cwd=checkout, env=env,
                                   stdout=sink, stderr=subprocess.STDOUT, start_new_session=True)
     try:
-        wait_for_port(port, server, output)
+        wait_for_port(port, server, output.read_text)
         pid_file = run_dir / "lighttpd.pid"
         config = (run_dir / "lighttpd.conf").read_text()
 
