@@ -119,6 +119,8 @@ int get_date(const char *, const char *argument) {
 
 int fct_get_cgierror(const char *, const char *) {
     answer("\"\"");
+    // compat: get_cgierror leaves the stored code in Ssi, which the caller
+    // prints right after the "" (pages read the answer as it always was).
     return get_cgierror();
 }
 
