@@ -278,3 +278,31 @@ def test_simulators_record_but_never_act(device, root, tmp_path):
     assert events(root)[-2:] == ["iwconfig lo channel 0", "killall -9 hostapd"]
     # Anything but loopback is answered with the tool's own error.
     assert device("ping:192.0.2.1") == answer("ping", '"ping: bad address \'192.0.2.1\'\\u000a"')
+
+
+def test_background_tests_leave_no_child_in_a_long_lived_responder(bin_dir, env, root, device, tmp_path):
+    """A FastCGI responder serves many requests: a test it started must not
+    stay its child (no zombie), and later commands still get their status.
+    The request parameters carry no PATH or root: both were pinned at start."""
+    from fcgi import Responder
+    running = Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock")
+
+    def fct(call):
+        body = urlencode([("token", TOKEN), ("fct", call)]).encode()
+        params = {"SCRIPT_FILENAME": "/www/generic.cgi", "REQUEST_METHOD": "POST", "CONTENT_TYPE": FORM,
+                  "CONTENT_LENGTH": str(len(body)), "QUELM_REALM": "web", "REMOTE_ADDR": "127.0.0.1"}
+        return running.request(params, body)[0].partition(b"\r\n\r\n")[2].decode()
+
+    try:
+        pid = started_pid(fct("diag_ping:START|127.0.0.1|56|2"), "diag_ping")
+        assert "2 packets transmitted" in show_until_finished(fct, "diag_ping", pid)[-1]
+        assert fct("clear_logs") == answer("clear_logs", '"SUCCESS"')
+        assert fct("startFTPfwburn") == answer("startFTPfwburn", '""')  # status 0 still seen as 0
+        time.sleep(0.3)
+        children = subprocess.run(["ps", "--ppid", str(running.proc.pid), "-o", "pid=,stat="],
+                                  capture_output=True, text=True).stdout
+        assert children.strip() == ""
+    finally:
+        err = running.stop()
+    for mark in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"):
+        assert mark not in err, err
