@@ -278,6 +278,11 @@ def test_simulators_record_but_never_act(device, root, tmp_path):
     assert events(root)[-2:] == ["iwconfig lo channel 0", "killall -9 hostapd"]
     # Anything but loopback is answered with the tool's own error.
     assert device("ping:192.0.2.1") == answer("ping", '"ping: bad address \'192.0.2.1\'\\u000a"')
+    # A runaway tool's output is cut with a marker.
+    (root / "bin/ping").write_text('#!/bin/sh\nyes "a\\"b" | head -c 200000\n')
+    flood = device("ping:127.0.0.1")
+    assert flood.endswith('a\\"b\\u000a[output truncated]\\u000a"}\n')
+    assert flood.count('a\\"b') == 64 * 1024 // len('a"b\n')  # exactly the 64 KiB kept
 
 
 def test_background_tests_leave_no_child_in_a_long_lived_responder(bin_dir, env, root, device, tmp_path):
