@@ -67,10 +67,7 @@ int get_logs(const char *, const char *) {
     const std::string copy = quelm::root_path(kLogCopy);
     ::unlink(copy.c_str());
     std::string log;
-    quelm::ChildOptions options;
-    options.output_limit = kCommandOutputLimit;
-    options.merge_stderr = true;
-    if (quelm::run_child({"logread"}, log, options).status < 0) return kSystemError;
+    if (quelm::run_child({"logread"}, log, tool_output_options()).status < 0) return kSystemError;
     quelm::UniqueFile out(std::fopen(copy.c_str(), "we"));
     if (out) {
         const std::string kept = without_kernel_lines(log);

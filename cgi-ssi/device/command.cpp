@@ -37,6 +37,20 @@ void append_non_empty_lines(std::string_view text, std::string &out) {
 
 }  // namespace
 
+quelm::ChildOptions tool_output_options() {
+    quelm::ChildOptions options;
+    options.output_limit = kCommandOutputLimit;
+    options.merge_stderr = true;
+    return options;
+}
+
+bool only_digits(std::string_view text) {
+    for (const char c : text) {
+        if (!quelm::is_digit(c)) return false;
+    }
+    return true;
+}
+
 void answer(std::string_view json) { tfprintf(nullptr, "%.*s", static_cast<int>(json.size()), json.data()); }
 
 void answer_string(std::string_view text) {
@@ -64,10 +78,7 @@ bool is_safe_host(std::string_view host) {
 int run_command(const std::vector<std::string> &argv, std::string &out) {
     out.clear();
     std::string output;
-    quelm::ChildOptions options;
-    options.output_limit = kCommandOutputLimit;
-    options.merge_stderr = true;
-    const quelm::ChildResult result = quelm::run_child(argv, output, options);
+    const quelm::ChildResult result = quelm::run_child(argv, output, tool_output_options());
     // The tool's exit status is not looked at: its output says what happened.
     const std::string file = quelm::root_path("/var/tmp/" + std::string(tool_name(argv.at(0))) + "_output.txt");
     quelm::UniqueFile stream(std::fopen(file.c_str(), "we"));

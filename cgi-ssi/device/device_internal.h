@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "quelm_child.h"
+
 namespace cgissi::device {
 
 // Error codes of the device functions (the platform's shared error codes).
@@ -32,6 +34,13 @@ constexpr std::size_t kLineSize = 256;
 // kTruncatedMarker ends the kept part.
 constexpr std::size_t kCommandOutputLimit = 64 * 1024;
 constexpr std::string_view kTruncatedMarker = "[output truncated]\n";
+
+// Options for a tool whose output is read back: standard error joined,
+// at most kCommandOutputLimit bytes kept.
+quelm::ChildOptions tool_output_options();
+
+// Whether text is made of decimal digits only ("" is).
+bool only_digits(std::string_view text);
 
 // Writes a device function's answer (JSON text) through tfprintf.
 void answer(std::string_view json);

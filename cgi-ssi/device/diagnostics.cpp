@@ -13,7 +13,6 @@
 
 #include "device/device_internal.h"
 #include "qm_device.h"
-#include "quelm_chars.h"
 #include "qm_config.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
@@ -42,23 +41,16 @@ const std::string &piece(const std::vector<std::string> &pieces, std::size_t ind
     return index < pieces.size() ? pieces[index] : missing;
 }
 
-// A count or size piece: decimal digits, or empty as the page may leave it.
-bool is_number_or_empty(std::string_view text) {
-    for (const char c : text) {
-        if (!quelm::is_digit(c)) return false;
-    }
-    return true;
-}
-
+// Counts, sizes and hops are decimal digits, or empty as a page may leave them.
 std::vector<std::string> ping_arguments(const std::vector<std::string> &p) {
     const std::string &host = piece(p, 1), &size = piece(p, 2), &count = piece(p, 3);
-    if (!is_safe_host(host) || !is_number_or_empty(size) || !is_number_or_empty(count)) return {};
+    if (!is_safe_host(host) || !only_digits(size) || !only_digits(count)) return {};
     return {"ping", "-c", count, "-s", size, host};
 }
 
 std::vector<std::string> traceroute_arguments(const std::vector<std::string> &p) {
     const std::string &host = piece(p, 1), &hops = piece(p, 2);
-    if (!is_safe_host(host) || !is_number_or_empty(hops)) return {};
+    if (!is_safe_host(host) || !only_digits(hops)) return {};
     return {"traceroute", "-m", hops, host};
 }
 
@@ -77,11 +69,7 @@ constexpr Diagnostic kNslookup{"nslookup", "diag_nslookup", "Invalid Request", k
 constexpr const Diagnostic *kAll[] = {&kPing, &kTraceroute, &kNslookup};
 
 bool is_id(std::string_view id) {
-    if (id.empty() || id.size() > kMaxIdDigits || id.front() == '0') return false;
-    for (const char c : id) {
-        if (!quelm::is_digit(c)) return false;
-    }
-    return true;
+    return !id.empty() && id.size() <= kMaxIdDigits && id.front() != '0' && only_digits(id);
 }
 
 std::string output_prefix(const Diagnostic &d) {

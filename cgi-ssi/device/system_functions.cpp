@@ -54,21 +54,19 @@ std::pair<long, int> read_progress() {
 
 std::string or_empty(const char *text) { return json::escape_strict(text != nullptr ? text : ""); }
 
+// Answers "" at once; the request acts on the flag after its response.
+int ask_after_response(int &flag) {
+    answer("\"\"");
+    cgi_out_flush();
+    flag = 1;
+    return kOk;
+}
+
 }  // namespace
 
-int do_reboot(const char *, const char *) {
-    answer("\"\"");
-    cgi_out_flush();
-    need_reboot = 1;
-    return kOk;
-}
+int do_reboot(const char *, const char *) { return ask_after_response(need_reboot); }
 
-int factory_reset(const char *, const char *) {
-    answer("\"\"");
-    cgi_out_flush();
-    need_factory = 1;
-    return kOk;
-}
+int factory_reset(const char *, const char *) { return ask_after_response(need_factory); }
 
 int get_firmware_flash_progression(const char *, const char *) {
     const auto [value, rc] = read_progress();

@@ -16,7 +16,6 @@
 #include "device/device_internal.h"
 #include "qm_config.h"
 #include "qm_device.h"
-#include "quelm_chars.h"
 #include "quelm_child.h"
 #include "quelm_guard.h"
 #include "quelm_owned.h"
@@ -34,13 +33,6 @@ constexpr const char *kWlanConfig = "WLANInterface_1_Config";
 // The default key is one line of at most 31 characters.
 constexpr std::size_t kDefaultKeySize = 32;
 constexpr std::size_t kHexKeySize = 2 * kDefaultKeySize + 1;
-
-bool all_digits(const char *line) {
-    for (const char *p = line; *p != '\0'; ++p) {
-        if (!quelm::is_digit(*p)) return false;
-    }
-    return true;
-}
 
 // The factory default key from "pzinfo wepkey", or a failure code: 12 when
 // the tool cannot be run, 17 when it printed nothing.
@@ -103,7 +95,7 @@ int wifi_wps_pin_generate(const char *, const char *) {
     while (std::fgets(line, sizeof line, in.get()) != nullptr) {
         // compat: a line still ending in its newline is not a PIN; the
         // daemon's reply is the PIN alone, without one.
-        if (!all_digits(line)) continue;
+        if (!only_digits(line)) continue;
         answer_string(line);
         return kOk;
     }
