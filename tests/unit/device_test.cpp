@@ -1,8 +1,16 @@
 // The device functions' pure helpers that plugins call through qm_device.h:
-// the "|" argument split with its continuation, and bounded hex.
+// the "|" argument split with its continuation, and bounded hex; and the
+// launcher of background programs.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
 #include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+#include "test_support.h"
 
 #include "device/device_internal.h"
 #include "qm_device.h"
@@ -47,6 +55,31 @@ TEST(DeviceHosts, OnlyNamesAndAddressesReachATool) {
         EXPECT_TRUE(cgissi::device::is_safe_host(host)) << host;
     for (const char *host : {"", "-f", "-i0.0001", "a b", ";id", "$(id)", "a/b", "`id`", "a\nb", "x|y"})
         EXPECT_FALSE(cgissi::device::is_safe_host(host)) << host;
+}
+
+bool process_exists(pid_t pid) { return std::filesystem::exists("/proc/" + std::to_string(pid)); }
+
+TEST(DeviceLauncher, WritesTheOutputFileAndKillsAtTheTimeLimit) {
+    namespace fs = std::filesystem;
+    const fs::path prefix = fs::temp_directory_path() / ("launch_" + std::to_string(::getpid()));
+    const pid_t echo = cgissi::device::start_detached({"/bin/echo", "hello"}, prefix.string(), 5);
+    ASSERT_GT(echo, 0);
+    const fs::path output = prefix.string() + "_" + std::to_string(echo);
+    for (int i = 0; i < 50 && process_exists(echo); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(test_support::slurp(output), "hello\n");
+    struct stat st {};
+    ASSERT_EQ(::stat(output.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0404u);
+    fs::remove(output);
+
+    // A program that would run on is killed at its limit (1 s here), and
+    // reaped by its watcher: no zombie stays behind.
+    const pid_t sleeper = cgissi::device::start_detached({"sleep", "30"}, "", 1);
+    ASSERT_GT(sleeper, 0);
+    EXPECT_TRUE(process_exists(sleeper));
+    for (int i = 0; i < 100 && process_exists(sleeper); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_FALSE(process_exists(sleeper));
+    EXPECT_EQ(cgissi::device::start_detached({"no-such-program-here"}, "", 1), -1);
 }
 
 }  // namespace
