@@ -138,7 +138,7 @@ int fct_get_http_vars(const char *, const char *) {
         or_empty(cgiUserAgent) + "\", Referrer:\"" + or_empty(cgiReferrer) + "\", HttpHost:\"" +
         or_empty(cgiHttpHost) + "\", XForwardedFor:\"" + or_empty(cgiXForwardedFor) + "\"  } ";
     answer(text);
-    return get_cgierror();
+    return get_cgierror();  // compat: as fct_get_cgierror, the stored code follows
 }
 
 int fct_remove_dhclient_leases(const char *, const char *argument) {
