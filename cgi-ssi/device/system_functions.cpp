@@ -125,18 +125,25 @@ int fct_get_cgierror(const char *, const char *) {
 int fct_get_http_vars(const char *, const char *) {
     // compat: the first key says ServerName but holds the server software,
     // and the keys are bare; pages read the object as it always was.
-    const std::string text =
-        "{ ServerName:\"" + or_empty(cgiServerSoftware) + "\", ServerName:\"" + or_empty(cgiServerName) +
-        "\", GatewayInterface:\"" + or_empty(cgiGatewayInterface) + "\", ServerProtocol:\"" +
-        or_empty(cgiServerProtocol) + "\", ServerPort:\"" + or_empty(cgiServerPort) + "\", RequestMethod:\"" +
-        or_empty(cgiRequestMethod) + "\", PathInfo:\"" + or_empty(cgiPathInfo) + "\", PathTranslated:\"" +
-        or_empty(cgiPathTranslated) + "\", ScriptName:\"" + or_empty(cgiScriptName) + "\", QueryString:\"" +
-        or_empty(cgiQueryString) + "\", RemoteHost:\"" + or_empty(cgiRemoteHost) + "\", RemoteAddr:\"" +
-        or_empty(cgiRemoteAddr) + "\", AuthType:\"" + or_empty(cgiAuthType) + "\", RemoteUser:\"" +
-        or_empty(cgiRemoteUser) + "\", RemoteIdent:\"" + or_empty(cgiRemoteIdent) + "\", ContentType:\"" +
-        or_empty(cgiContentType) + "\", Accept:\"" + or_empty(cgiAccept) + "\", UserAgent:\"" +
-        or_empty(cgiUserAgent) + "\", Referrer:\"" + or_empty(cgiReferrer) + "\", HttpHost:\"" +
-        or_empty(cgiHttpHost) + "\", XForwardedFor:\"" + or_empty(cgiXForwardedFor) + "\"  } ";
+    const std::pair<const char *, const char *> variables[] = {
+        {"ServerName", cgiServerSoftware},   {"ServerName", cgiServerName},
+        {"GatewayInterface", cgiGatewayInterface}, {"ServerProtocol", cgiServerProtocol},
+        {"ServerPort", cgiServerPort},       {"RequestMethod", cgiRequestMethod},
+        {"PathInfo", cgiPathInfo},           {"PathTranslated", cgiPathTranslated},
+        {"ScriptName", cgiScriptName},       {"QueryString", cgiQueryString},
+        {"RemoteHost", cgiRemoteHost},       {"RemoteAddr", cgiRemoteAddr},
+        {"AuthType", cgiAuthType},           {"RemoteUser", cgiRemoteUser},
+        {"RemoteIdent", cgiRemoteIdent},     {"ContentType", cgiContentType},
+        {"Accept", cgiAccept},               {"UserAgent", cgiUserAgent},
+        {"Referrer", cgiReferrer},           {"HttpHost", cgiHttpHost},
+        {"XForwardedFor", cgiXForwardedFor},
+    };
+    std::string text = "{ ";
+    for (const auto &[key, value] : variables) {
+        if (text.size() > 2) text.append(", ");
+        text.append(key).append(":\"").append(or_empty(value)).append("\"");
+    }
+    text.append("  } ");
     answer(text);
     return get_cgierror();  // compat: as fct_get_cgierror, the stored code follows
 }
