@@ -5,10 +5,12 @@
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "quelm_owned.h"
+#include "quelm_text.h"
 
 namespace quelm {
 namespace {
@@ -33,6 +35,14 @@ constexpr std::size_t kReadChunk = 4096;
         ::execv(args[0], args.data());
     }
     ::_exit(127);
+}
+
+// "/usr/bin:/bin" when the process had no PATH, as execvp assumes.
+constexpr std::string_view kDefaultSearchPath = "/usr/bin:/bin";
+
+bool is_executable_file(const std::string &path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), X_OK) == 0;
 }
 
 void wait_child(pid_t pid, ChildResult &result) {
@@ -76,13 +86,35 @@ private:
 
 }  // namespace
 
+std::string find_program(std::string_view name) {
+    if (name.empty() || name.find('/') != std::string_view::npos) return std::string(name);
+    if (!root_prefix().empty()) {
+        std::string in_root = root_path("/bin/");
+        in_root.append(name);
+        if (is_executable_file(in_root)) return in_root;
+    }
+    const char *env_path = process_env("PATH");
+    std::string found;
+    split(env_path != nullptr ? std::string_view(env_path) : kDefaultSearchPath, ':', [&](std::string_view dir) {
+        std::string candidate(dir.empty() ? std::string_view(".") : dir);
+        candidate.append("/").append(name);
+        if (!is_executable_file(candidate)) return true;
+        found = std::move(candidate);
+        return false;
+    });
+    return found;
+}
+
 ChildResult run_child(const std::vector<std::string> &argv, const std::function<void(std::string_view)> &sink,
                       const ChildOptions &options) {
     ChildResult result;
     if (argv.empty()) return result;
+    // Resolved before the fork: the child may only make async-signal-safe calls.
+    const std::string program = find_program(argv[0]);
     std::vector<char *> args;
     args.reserve(argv.size() + 1);
-    for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(const_cast<char *>(program.empty() ? argv[0].c_str() : program.c_str()));
+    for (std::size_t i = 1; i < argv.size(); ++i) args.push_back(const_cast<char *>(argv[i].c_str()));
     args.push_back(nullptr);
 
     const ChildEnvironment env(options.extra_env);

@@ -42,7 +42,15 @@ struct ChildResult {
     int wait_status = -1;
 };
 
-// Starts argv[0] (a path; not searched in PATH) with argv and waits for it.
+// Where a program called by name is run from: $QUELM_ROOT/bin/<name> when a
+// root is set and that file is executable, else the first executable
+// <dir>/<name> of the search path the process was started with (pinned, see
+// pin_process_environment). A name holding "/" is returned unchanged; ""
+// when nothing is found.
+QUELM_COMMON_API std::string find_program(std::string_view name);
+
+// Starts argv[0] with argv and waits for it; an argv[0] without "/" is
+// looked up with find_program (not found: status 127).
 // `sink` receives the captured output in chunks as it arrives; it may be
 // empty, and the output is then discarded.
 QUELM_COMMON_API ChildResult run_child(const std::vector<std::string> &argv,

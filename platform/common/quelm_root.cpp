@@ -11,8 +11,10 @@ struct Pinned {
     bool pinned = false;
     std::string root;
     std::string log_file;
+    std::string search_path;
     bool has_root = false;
     bool has_log_file = false;
+    bool has_search_path = false;
 };
 
 Pinned &pinned() {
@@ -30,6 +32,9 @@ void pin_process_environment() {
     p.root = root != nullptr ? root : "";
     p.has_log_file = log_file != nullptr;
     p.log_file = log_file != nullptr ? log_file : "";
+    const char *search_path = std::getenv("PATH");
+    p.has_search_path = search_path != nullptr;
+    p.search_path = search_path != nullptr ? search_path : "";
     p.pinned = true;
 }
 
@@ -38,6 +43,7 @@ const char *process_env(const char *name) {
     if (p.pinned) {
         if (std::strcmp(name, "QUELM_ROOT") == 0) return p.has_root ? p.root.c_str() : nullptr;
         if (std::strcmp(name, "QUELM_LOG_FILE") == 0) return p.has_log_file ? p.log_file.c_str() : nullptr;
+        if (std::strcmp(name, "PATH") == 0) return p.has_search_path ? p.search_path.c_str() : nullptr;
     }
     return std::getenv(name);
 }

@@ -14,7 +14,8 @@
 
 namespace quelm {
 
-// Process settings read from the environment: QUELM_ROOT and QUELM_LOG_FILE.
+// Process settings read from the environment: QUELM_ROOT, QUELM_LOG_FILE and
+// PATH (where programs called by name are searched).
 // Under FastCGI the environment is replaced by each request's parameters, so
 // the responder pins the values it was started with before its first accept;
 // until pinned (tools, tests) they are read live at every call.

@@ -38,6 +38,7 @@ inline constexpr std::string_view kRootDirectories[] = {
     "/var/quelm/platform",
     "/var/quelm/wifi.d",
     "/var/tmp",
+    "/tmp",
     "/etc/quelm/config.default",
     "/etc/quelm/init.d",
     "/var/mnt",

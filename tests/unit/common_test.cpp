@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+#include <unistd.h>
 
 #include "quelm_child.h"
 #include "quelm_guard.h"
@@ -55,6 +56,34 @@ TEST(ChildRunner, ReportsStatusLimitAndTimeout) {
     r = quelm::run_child({"/bin/sleep", "10"}, out, quick);
     EXPECT_TRUE(r.timed_out);
     EXPECT_EQ(r.status, 128 + 9);
+}
+
+TEST(ChildRunner, FindsProgramsInTheRootBeforeTheSearchPath) {
+    namespace fs = std::filesystem;
+    const fs::path root = fs::temp_directory_path() / ("find_program_" + std::to_string(::getpid()));
+    fs::create_directories(root / "bin");
+    const auto write_file = [](const fs::path &path, const char *text, fs::perms perms) {
+        std::ofstream(path) << text;
+        fs::permissions(path, perms);
+    };
+    write_file(root / "bin" / "sh", "#!/bin/sh\necho root-sh\n", fs::perms::owner_all);
+    write_file(root / "bin" / "ls", "not a program", fs::perms::owner_read);  // not executable: skipped
+    const char *saved = std::getenv("QUELM_ROOT");
+    const std::string saved_root = saved != nullptr ? saved : "";
+    setenv("QUELM_ROOT", root.c_str(), 1);
+
+    EXPECT_EQ(quelm::find_program("sh"), (root / "bin" / "sh").string());
+    const std::string ls = quelm::find_program("ls");
+    EXPECT_TRUE(ls.ends_with("/ls") && !ls.starts_with(root.string())) << ls;
+    EXPECT_EQ(quelm::find_program("../bin/sh"), "../bin/sh");  // a path is taken as it is
+    EXPECT_EQ(quelm::find_program("no-such-program-here"), "");
+    std::string out;
+    EXPECT_EQ(quelm::run_child({"sh"}, out).status, 0);
+    EXPECT_EQ(out, "root-sh\n");
+    EXPECT_EQ(quelm::run_child({"no-such-program-here"}, out).status, 127);
+
+    saved != nullptr ? setenv("QUELM_ROOT", saved_root.c_str(), 1) : unsetenv("QUELM_ROOT");
+    fs::remove_all(root);
 }
 
 TEST(Split, KeepsEmptyItemsAndStopsOnFalse) {
