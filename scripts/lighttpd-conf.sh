@@ -55,6 +55,13 @@ setenv.add-environment = (
   "QUELM_REALM" => "$realm",
   "QUELM_SRV_IDX" => "$srv_idx"
 )
+# Uploads stream through to the responder as they arrive (the image goes on
+# into the flasher): lighttpd holds neither the body nor a temporary copy.
+# The body length must fit the responder's int, hence just under 2 GiB.
+\$HTTP["url"] =~ "^/(firmware|firmupgd|import)\\.cgi\$" {
+  server.stream-request-body = 2
+  server.max-request-size = 2097151
+}
 fastcgi.map-extensions = ( ".html" => ".htm", ".js" => ".htm", ".xml" => ".htm" )
 fastcgi.server = (
   "/_info.xml" => (

@@ -59,8 +59,7 @@ void export_archive() {
     cgiHeaderContentType("application/octet-stream");
     cgi_out_flush();
     Scrambler scrambler(ScrambleDirection::scramble, kExportSeed);
-    auto &header = backup_header_template();
-    scrambler.apply(header.data() + 2, header.size() - 2);
+    const auto header = start_scramble(scrambler);
     cgi_out_write(header.data(), header.size());
     unsigned char block[kBackupBlockSize];
     ssize_t got;

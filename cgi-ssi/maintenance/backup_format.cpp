@@ -9,6 +9,13 @@ std::array<unsigned char, kBackupHeaderSize> &backup_header_template() {
     return header;
 }
 
+std::array<unsigned char, kBackupHeaderSize> start_scramble(Scrambler &scrambler) {
+    auto &header = backup_header_template();
+    constexpr std::size_t kPlainBytes = 2;  // FF FF stay readable
+    scrambler.apply(header.data() + kPlainBytes, header.size() - kPlainBytes);
+    return header;
+}
+
 void ImportDecoder::decode(unsigned char *block, std::size_t length, std::string &out) {
     std::size_t skip = 0;
     if (first_) {

@@ -23,6 +23,10 @@ constexpr std::size_t kBackupBlockSize = 1000;
 // export and an import is checked against the current state.
 std::array<unsigned char, kBackupHeaderSize> &backup_header_template();
 
+// Scrambles the template's last three bytes in place with the export's
+// scrambler (which goes on with the archive) and returns the header to send.
+std::array<unsigned char, kBackupHeaderSize> start_scramble(Scrambler &scrambler);
+
 // Turns the uploaded file back into the archive, block by block: header
 // test on the first block, unscrambling when it carried the header, then
 // the line-end translation (a CR becomes LF, an LF right after a CR is
