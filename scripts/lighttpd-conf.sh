@@ -63,6 +63,10 @@ setenv.add-environment = (
   server.max-request-size = 2097151
 }
 fastcgi.map-extensions = ( ".html" => ".htm", ".js" => ".htm", ".xml" => ".htm" )
+# The device information is its own back end, not an XML page.
+\$HTTP["url"] == "/_info.xml" {
+  fastcgi.map-extensions = ()
+}
 fastcgi.server = (
   "/_info.xml" => (
 $(backend info "$root/cgi-bin/_info.xml")

@@ -11,6 +11,7 @@ import tarfile
 import time
 
 import pytest
+from pathlib import Path
 
 HOST = "192.168.1.1"
 REFERER = {"HTTP_HOST": HOST, "HTTP_REFERER": f"http://{HOST}/index.htm"}
@@ -237,3 +238,35 @@ def test_import_needs_the_binary_header_and_export_refuses_text(post, cgi, root)
     answer = cgi(page="export.cgi", argv0="export.cgi", query="sExportMode=text&sErrorPage=err.htm")
     assert redirect_target(answer).endswith("/err.htm")
     assert (root / "var/tmp/cgierror").read_text() == "22"
+
+
+def zombies_of(name):
+    """Defunct children of processes whose command line contains name."""
+    found = []
+    for stat in Path("/proc").glob("[0-9]*/stat"):
+        try:
+            fields = stat.read_text().rsplit(")", 1)[1].split()
+            parent_cmd = Path(f"/proc/{fields[1]}/cmdline").read_bytes()
+        except (OSError, IndexError):
+            continue
+        if fields[0] == "Z" and name.encode() in parent_cmd:
+            found.append(stat.parent.name)
+    return found
+
+
+@pytest.mark.parametrize("mode", ["", "killed"])
+def test_firmware_through_lighttpd(lighttpd, root, bin_dir, mode):
+    switches = "QUELM_FWBURN_PACE=off\n" + (f"QUELM_FWBURN_FAIL={mode}\n" if mode else "")
+    (root / "etc/quelm/fwburn.switches").write_text(switches)
+    image = os.urandom(8 * 1024 * 1024)
+    started = time.monotonic()
+    status, _, body = lighttpd.get("/firmware.cgi", data=multipart(files=[("sFirmwareFile", "fw.bin", image)]),
+                                   headers={"Content-Type": CONTENT_TYPE})
+    assert status == 200 and body == b"\r\n" and time.monotonic() - started < 20
+    stored = root / "var/quelm/platform/firmware.img"
+    assert (stored.read_bytes() == image) if not mode else not stored.exists()
+    assert not zombies_of(str(bin_dir / "cgi-ssi"))
+    # The responder goes on serving.
+    status, _, document = lighttpd.get("/_info.xml")
+    assert status == 200 and b"<Vaylinfo>" in document
+    assert not [p for p in (root / "var/tmp").iterdir() if p.name.startswith(("cgic", "lighttpd-upload"))]
