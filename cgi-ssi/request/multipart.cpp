@@ -18,21 +18,27 @@
 namespace cgissi::request {
 namespace {
 
-// Writes all bytes to a descriptor, waiting while a slow reader (the
-// flasher) keeps its pipe full; false on any failure (a reader that went
-// away gives EPIPE once SIGPIPE is handled).
+// Bytes asked of the request stream at a time.
+constexpr std::size_t kUploadReadSize = 64 * 1024;
+
+// Writes all bytes to a descriptor; a slow reader (the flasher) throttles
+// the upload by keeping its pipe full, which blocks the write or, for a
+// non-blocking sink, is waited out with poll. False on any failure (a
+// reader that went away gives EPIPE once SIGPIPE is handled).
 bool write_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
+        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written > 0) {
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+            continue;
+        }
+        if (written < 0 && errno == EINTR) continue;
+        if (written == 0 || errno != EAGAIN) return false;
         pollfd ready{fd, POLLOUT, 0};
-        if (::poll(&ready, 1, -1) < 0) {
-            if (errno == EINTR) continue;
+        if (::poll(&ready, 1, -1) < 0 && errno != EINTR) {
             QM_LOG_print("select error %s", std::strerror(errno));
             return false;
         }
-        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
-        if (written < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-        if (written <= 0) return false;
-        bytes.remove_prefix(static_cast<std::size_t>(written));
     }
     return true;
 }
@@ -136,7 +142,8 @@ extern "C" int cgiParsePostMultipartInput(FCGI_FILE *upload_sink) {
     }
     FormBuilder form(upload_sink);
     MultipartParser parser(cgiMultipartBoundary, form);
-    char chunk[kMultipartBufferSize];
+    // Reads may be larger than the parser's buffer: it takes any chunk size.
+    char chunk[kUploadReadSize];
     int left = cgiContentLength;
     int result = kMultipartPending;
     while (left > 0 && result == kMultipartPending) {
