@@ -11,6 +11,10 @@ root=$1 port=$2 bin=$3 docroot=$4 run=$5
 mkdir -p "$run" "$root/cgi-bin"
 ln -sfn "$bin/cgi-ssi" "$root/cgi-bin/ssi"
 ln -sfn "$bin/cgi-ssi" "$root/cgi-bin/_info.xml"
+# The gateway's scripts (backup and restore) call the configuration tool
+# from the root's bin, as the responder's children see no PATH of ours.
+mkdir -p "$root/bin"
+ln -sfn "$bin/qmcfg" "$root/bin/qmcfg"
 
 log_file=${QUELM_LOG_FILE:-$run/cgi-ssi.log}
 realm=${QUELM_REALM:-web}

@@ -44,7 +44,11 @@ void sig_hdl(int signal) { sigpipe_seen = signal; }
 // its outcome goes to the progress file that the page polls.
 void stream_into_flasher(quelm::PipeChild &flasher) {
     QM_LOG_print("Firmware upload : Start init on pid %d\n", static_cast<int>(getpid()));
-    FCGI_FILE *sink = FCGI_fdopen(::dup(flasher.input()), "w");
+    // The request layer takes a stream; it gets its own descriptor of the
+    // pipe, closed with the stream, so that wait() below sees the last one go.
+    quelm::UniqueFd copy(::fcntl(flasher.input(), F_DUPFD_CLOEXEC, 0));
+    FCGI_FILE *sink = copy ? FCGI_fdopen(copy.get(), "w") : nullptr;
+    if (sink != nullptr) copy.release();
     if (sink == nullptr || cgiInitResources(sink) != 0) {
         QM_LOG_print("Firmware upload : Start init failed\n");
     } else {
