@@ -72,17 +72,20 @@ void export_archive() {
 // Writes the uploaded file back as the archive into the work file; the
 // error code (0, 20, 22). The work file is left only on success.
 int import_upload(cgiFilePtr upload, const std::string &work_path) {
-    quelm::UniqueFd work(::open(work_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kWorkFileMode));
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW;
+    quelm::UniqueFd work(::open(work_path.c_str(), kFlags, kWorkFileMode));
     if (!work) return kFileError;
     ImportDecoder decoder;
     unsigned char block[kBackupBlockSize];
     std::string archive;
     int got = 0;
     int error = 0;
-    while (error == 0 && cgiFormFileRead(upload, reinterpret_cast<char *>(block), sizeof block, &got) == cgiFormSuccess) {
+    auto *bytes = reinterpret_cast<char *>(block);
+    while (error == 0 && cgiFormFileRead(upload, bytes, sizeof block, &got) == cgiFormSuccess) {
         archive.clear();
         decoder.decode(block, static_cast<std::size_t>(got), archive);
-        if (::write(work.get(), archive.data(), archive.size()) != static_cast<ssize_t>(archive.size())) error = kFileError;
+        const auto written = ::write(work.get(), archive.data(), archive.size());
+        if (written != static_cast<ssize_t>(archive.size())) error = kFileError;
     }
     if (error == 0 && !decoder.binary()) error = kTextModeUnsupported;
     if (error != 0) ::unlink(work_path.c_str());

@@ -91,7 +91,7 @@ TEST(MultipartParser, DelimiterSplitAtEveryOffsetAroundTheBufferBorder) {
     for (std::size_t length = around - 48; length <= around + 48; ++length) {
         const std::string content = tricky_content(length);
         const std::string body = prefix + content + "\r\n" + field("after", "x") + closing();
-        for (std::size_t chunk : {std::size_t{0}, std::size_t{1}, std::size_t{7}, std::size_t{4095}, kMultipartBufferSize}) {
+        for (std::size_t chunk : {0UL, 1UL, 7UL, 4095UL, kMultipartBufferSize}) {
             Recorder events;
             ASSERT_EQ(parse(body, events, chunk), kMultipartSuccess) << length << "/" << chunk;
             ASSERT_EQ(events.parts.size(), 3u) << length << "/" << chunk;
@@ -118,7 +118,8 @@ TEST(MultipartParser, EmptyPartsAndNames) {
          std::string("--").append(kBoundary) + "\r\nContent-Disposition: form-data; filename=\"n.bin\"\r\n\r\nz\r\n" +
              closing(),
          kMultipartSuccess, {{"n.bin", "z"}}},
-        {"no name at all", std::string("--").append(kBoundary) + "\r\nContent-Disposition: form-data\r\n\r\nz\r\n" + closing(),
+        {"no name at all",
+         std::string("--").append(kBoundary) + "\r\nContent-Disposition: form-data\r\n\r\nz\r\n" + closing(),
          kMultipartInvalid, {}},
         {"closing delimiter without its line end", field("a", "1") + "--" + std::string(kBoundary) + "--",
          kMultipartInvalid, {{"a", "1"}}},
@@ -167,7 +168,8 @@ TEST(MultipartParser, Bounds) {
         << "field values are capped per body";
 
     Recorder huge_header;
-    const std::string header = std::string("--").append(kBoundary) + "\r\nContent-Disposition: form-data; name=\"a\"\r\nX-Pad: " +
+    const std::string header = std::string("--").append(kBoundary) +
+                               "\r\nContent-Disposition: form-data; name=\"a\"\r\nX-Pad: " +
                                std::string(kMultipartBufferSize, 'p') + "\r\n\r\n1\r\n" + closing();
     EXPECT_EQ(parse(header, huge_header), kMultipartInvalid) << "a header must fit the read area";
 
