@@ -167,7 +167,7 @@ def test_info_xml(cgi, qmcfg, settings, up, down, disk):
                                b"Content-Type: text/xml\r\nContent-Length: %d\r\n\r\n" % len(document) + document)
 
 
-def hostile_upload(archive):
+def scrambled_upload(archive):
     """A backup as a fresh process accepts it: the template's header, then
     the archive scrambled to follow it."""
     header = b"\xff\xff\xaa\xaa\xaa"
@@ -213,6 +213,17 @@ def test_export_import_round_trip(lighttpd, qmcfg, root, tmp_path):
     assert temporaries(root) == []
 
 
+def test_import_of_a_backup_scrambled_here(post, qmcfg, root):
+    """A fresh process accepts a file whose header is its template and
+    unscrambles the rest exactly as the scrambler written out here does."""
+    qmcfg("set", "Device", "Hostname", "old")
+    archive = tar_of(member("config.txt", b"Device_Hostname=from-python\n"))
+    answer = post("import.cgi", multipart([("iDelay", b"2")], [("sImportFile", "router.bin", scrambled_upload(archive))]))
+    assert answer.body == b"<script> window.top.window.onReceiveSuccess();</script>\r\n\r\n"
+    assert qmcfg("get", "Device", "Hostname").stdout.strip() == "from-python"
+    assert "reboot 2" in events(root)
+
+
 @pytest.mark.parametrize("archive", [
     tar_of(member("/etc/passwd", b"x")),
     tar_of(member("../escape.txt", b"x")),
@@ -223,7 +234,7 @@ def test_export_import_round_trip(lighttpd, qmcfg, root, tmp_path):
 ], ids=["absolute", "dotdot", "late-dotdot", "symlink", "device", "bad-value"])
 def test_hostile_restore_changes_nothing(post, qmcfg, root, archive):
     qmcfg("set", "Device", "Hostname", "kept")
-    answer = post("import.cgi", multipart(files=[("sImportFile", "router.bin", hostile_upload(archive))]))
+    answer = post("import.cgi", multipart(files=[("sImportFile", "router.bin", scrambled_upload(archive))]))
     assert answer.body == b"<script> window.top.window.onReceiveError(20);</script>\r\n\r\n"
     assert qmcfg("get", "Device", "Hostname").stdout.strip() == "kept"
     assert not (root.parent / "escape.txt").exists() and not (root / "x").exists()
