@@ -25,15 +25,7 @@ size=$((mib * 1024 * 1024))
 bench_need_tools lighttpd curl python3
 bench_need_built "build the target bench-tools" cgi-ssi qmcfg bench-fcgi-discard
 
-rm -rf "$work"
-mkdir -p "$work"
-root=$work/root
-docroot=$work/www
-run=$work/run
-mkdir -p "$docroot" "$run"
-export QUELM_ROOT=$root
-export QUELM_LOG_FILE=$run/cgi-ssi.log
-"$bin/qmcfg" init >/dev/null
+bench_make_root
 echo "QUELM_FWBURN_PACE=off" > "$root/etc/quelm/fwburn.switches"
 echo ok > "$docroot/ping.txt"
 
@@ -61,15 +53,6 @@ lighttpd -tt -f "$conf" >/dev/null
 start_lighttpd "$conf" "$run/lighttpd.out" "http://127.0.0.1:$port/ping.txt" ||
   { cat "$run/lighttpd.out" "$run/lighttpd-error.log" >&2 2>/dev/null || true; exit 1; }
 
-# The back end lighttpd started with the given argv[0].
-backend_pid() {
-  local p
-  for p in /proc/[0-9]*; do
-    [ "$(awk '{print $4}' "$p/stat" 2>/dev/null)" = "$lighttpd_pid" ] || continue
-    [ "$(tr '\0' '\n' < "$p/cmdline" 2>/dev/null | head -n 1)" = "$1" ] && { echo "${p#/proc/}"; return 0; }
-  done
-  return 1
-}
 cgi_pid="" discard_pid=""
 for _ in $(seq 1 50); do
   cgi_pid=$(backend_pid "$bin/cgi-ssi" || true)
