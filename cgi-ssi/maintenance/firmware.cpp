@@ -49,9 +49,12 @@ void stream_into_flasher(quelm::PipeChild &flasher) {
     quelm::UniqueFd copy(::fcntl(flasher.input(), F_DUPFD_CLOEXEC, 0));
     FCGI_FILE *sink = copy ? FCGI_fdopen(copy.get(), "w") : nullptr;
     if (sink != nullptr) copy.release();
+    bool complete = false;
     if (sink == nullptr || cgiInitResources(sink) != 0) {
         QM_LOG_print("Firmware upload : Start init failed\n");
     } else {
+        // A failed parse leaves the form empty: the image was cut short.
+        complete = cgiFormEntryFirst != nullptr;
         set_cgierror(QM_err_set(0));
         // The product reads these and uses none of them.
         int ignored = 0;
@@ -62,6 +65,11 @@ void stream_into_flasher(quelm::PipeChild &flasher) {
         cgiFreeResources();
     }
     if (sink != nullptr) FCGI_fclose(sink);
+    if (!complete) {
+        // Never let a cut or refused upload end like a whole image.
+        QM_LOG_print("Firmware upload : incomplete image, flasher stopped");
+        flasher.signal(SIGTERM);
+    }
     const int status = flasher.wait();
     if (sigpipe_seen != 0) QM_LOG_print("Received sigpipe %d", static_cast<int>(sigpipe_seen));
     if (status != 0) QM_LOG_print("Firmware upload : flasher ended with %d", status);

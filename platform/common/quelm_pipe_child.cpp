@@ -54,6 +54,10 @@ int PipeChild::wait() {
     return -1;
 }
 
+void PipeChild::signal(int number) const {
+    if (pid_ > 0) ::kill(pid_, number);
+}
+
 PipeChild::~PipeChild() { wait(); }
 
 ScopedSigpipe::ScopedSigpipe(void (*handler)(int)) {

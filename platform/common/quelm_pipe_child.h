@@ -30,6 +30,8 @@ public:
     pid_t pid() const { return pid_; }
     // Closes the input and waits: exit code, 128 + signal, or -1.
     int wait();
+    // Sends a signal to the running child (to stop it before wait()).
+    void signal(int number) const;
 
 private:
     UniqueFd input_;

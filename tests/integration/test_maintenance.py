@@ -7,6 +7,7 @@ import hashlib
 import io
 import os
 import re
+import subprocess
 import tarfile
 import time
 
@@ -103,6 +104,23 @@ def test_flasher_faults_give_the_same_answer(post, root, mode):
     assert not (root / "var/quelm/platform/firmware.img").exists()
     assert (root / "var/tmp/fprogress").read_text().strip() == "-1"
     assert any(line.startswith("fwburn failed") for line in events(root))
+
+
+def test_cut_upload_never_completes_an_image(bin_dir, env, root, log_file):
+    """The client goes away mid-image: the flasher is stopped instead of
+    being handed a short image as if it were whole."""
+    body = multipart(files=[("sFirmwareFile", "fw.bin", os.urandom(4 * 1024 * 1024))])
+    request_env = dict(env, REQUEST_METHOD="POST", CONTENT_TYPE=CONTENT_TYPE, CONTENT_LENGTH=str(len(body)),
+                       SCRIPT_NAME="/firmware.cgi", SCRIPT_FILENAME="/www/firmware.cgi", QUELM_REALM="web",
+                       QUELM_FWBURN_PACE="off")
+    proc = subprocess.Popen(["firmware.cgi"], executable=bin_dir / "cgi-ssi", env=request_env,
+                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    out, err = proc.communicate(body[:len(body) // 2], timeout=30)
+    assert out.endswith(b"\r\n\r\n") and "runtime error" not in err.decode(errors="replace")
+    assert not (root / "var/quelm/platform/firmware.img").exists()
+    assert (root / "var/tmp/fprogress").read_text().strip() == "-1"
+    assert "fwburn stopped" in events(root)
+    assert "incomplete image, flasher stopped" in log_file.read_text()
 
 
 @pytest.mark.parametrize("managed, flashes", [("0", True), ("1", False)])
