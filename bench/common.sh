@@ -69,3 +69,27 @@ start_lighttpd() { # conf output_file url
   echo "$bench_name: lighttpd did not come up for $3" >&2
   return 1
 }
+
+# A fresh work folder: sets root (a gateway root made by qmcfg init),
+# docroot and run, and exports QUELM_ROOT and QUELM_LOG_FILE for them.
+bench_make_root() {
+  rm -rf "$work"
+  root=$work/root
+  docroot=$work/www
+  run=$work/run
+  mkdir -p "$docroot" "$run"
+  export QUELM_ROOT=$root
+  export QUELM_LOG_FILE=$run/cgi-ssi.log
+  "$bin/qmcfg" init >/dev/null
+}
+
+# The pid of the back end that lighttpd started with the given argv[0].
+backend_pid() { # argv0
+  local want=$1 p argv0
+  for p in /proc/[0-9]*; do
+    [ "$(awk '{print $4}' "$p/stat" 2>/dev/null)" = "$lighttpd_pid" ] || continue
+    argv0=$(tr '\0' '\n' < "$p/cmdline" 2>/dev/null | head -n 1) || continue
+    if [ "$argv0" = "$want" ]; then echo "${p#/proc/}"; return 0; fi
+  done
+  return 1
+}

@@ -9,6 +9,7 @@
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "qm_generic.h"
+#include "qm_maintenance.h"
 #include "qm_token.h"
 #include "quelm_guard.h"
 #include "ssi.h"
@@ -16,10 +17,9 @@
 namespace cgissi::ssi {
 namespace {
 
-// The firmware progression and the NAS playlists are not part of this
+// The NAS playlists are not part of this
 // build yet: their symbols answer as a part that found nothing would, no
 // text and result 0.
-int no_firmware_progression() { return 0; }
 int no_nas_playlists() { return 0; }
 int no_nas_fullplaylists() { return 0; }
 
@@ -33,7 +33,7 @@ ssi_symbol_callback installed_callback = nullptr;
 // Searched in order by exact name.
 extern "C" const ssi_builtin_symbol plugins[] = {
     {"iCgiError", get_cgierror},
-    {"iFirmwareProgression", cgissi::ssi::no_firmware_progression},
+    {"iFirmwareProgression", get_firmware_progression},
     {"sNasPlaylists", cgissi::ssi::no_nas_playlists},
     {"sNasFullPlaylists", cgissi::ssi::no_nas_fullplaylists},
 };

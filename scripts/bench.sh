@@ -12,3 +12,5 @@ echo "== bench/ssi"
 bench/ssi/run.sh build
 echo "== bench/datamodel"
 bench/datamodel/run.sh build
+echo "== bench/upload"
+bench/upload/run.sh build

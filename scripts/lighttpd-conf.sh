@@ -11,6 +11,10 @@ root=$1 port=$2 bin=$3 docroot=$4 run=$5
 mkdir -p "$run" "$root/cgi-bin"
 ln -sfn "$bin/cgi-ssi" "$root/cgi-bin/ssi"
 ln -sfn "$bin/cgi-ssi" "$root/cgi-bin/_info.xml"
+# The gateway's scripts (backup and restore) call the configuration tool
+# from the root's bin, as the responder's children see no PATH of ours.
+mkdir -p "$root/bin"
+ln -sfn "$bin/qmcfg" "$root/bin/qmcfg"
 
 log_file=${QUELM_LOG_FILE:-$run/cgi-ssi.log}
 realm=${QUELM_REALM:-web}
@@ -55,7 +59,18 @@ setenv.add-environment = (
   "QUELM_REALM" => "$realm",
   "QUELM_SRV_IDX" => "$srv_idx"
 )
+# Uploads stream through to the responder as they arrive (the image goes on
+# into the flasher): lighttpd holds neither the body nor a temporary copy.
+# The body length must fit the responder's int, hence just under 2 GiB.
+\$HTTP["url"] =~ "^/(firmware|firmupgd|import)\\.cgi\$" {
+  server.stream-request-body = 2
+  server.max-request-size = 2097151
+}
 fastcgi.map-extensions = ( ".html" => ".htm", ".js" => ".htm", ".xml" => ".htm" )
+# The device information is its own back end, not an XML page.
+\$HTTP["url"] == "/_info.xml" {
+  fastcgi.map-extensions = ()
+}
 fastcgi.server = (
   "/_info.xml" => (
 $(backend info "$root/cgi-bin/_info.xml")

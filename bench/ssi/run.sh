@@ -35,16 +35,7 @@ bench_need_tools lighttpd wrk curl python3
 bench_need_built "build the target bench-tools" cgi-ssi qmcfg bench-fcgi-copy
 
 # ---------------------------------------------------------------- set-up --
-rm -rf "$work"
-mkdir -p "$work"
-root=$work/root
-docroot=$work/www
-run=$work/run
-mkdir -p "$docroot" "$run"
-
-export QUELM_ROOT=$root
-export QUELM_LOG_FILE=$run/cgi-ssi.log
-"$bin/qmcfg" init >/dev/null
+bench_make_root
 
 # One file under four names: every target serves exactly the same bytes.
 cp "$here/page.shtml" "$docroot/page.shtml"
@@ -82,16 +73,6 @@ if ! start_lighttpd "$conf" "$run/lighttpd.out" "$base/page.txt"; then
   exit 1
 fi
 
-# The back end lighttpd started with the given argv[0].
-backend_pid() {
-  local want=$1 p argv0
-  for p in /proc/[0-9]*; do
-    [ "$(awk '{print $4}' "$p/stat" 2>/dev/null)" = "$lighttpd_pid" ] || continue
-    argv0=$(tr '\0' '\n' < "$p/cmdline" 2>/dev/null | head -n 1) || continue
-    if [ "$argv0" = "$want" ]; then echo "${p#/proc/}"; return 0; fi
-  done
-  return 1
-}
 status_kb() { # pid field
   awk -v f="$2:" '$1 == f { print $2 }' "/proc/$1/status" 2>/dev/null || true
 }

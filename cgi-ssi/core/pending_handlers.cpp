@@ -24,11 +24,5 @@ int answer_not_found() {
 // throw: they allocate nothing, or only with malloc, whose failure is
 // their error result.
 extern "C" {
-int reboot_cgi(int, char **) { return answer_not_found(); }
-int firmware_user_cgi(int, char **) { return answer_not_found(); }
 int nas_cgi(int, char **) { return answer_not_found(); }
-int firmware_cgi(int, char **) { return answer_not_found(); }
-int import_cgi(int, char **) { return answer_not_found(); }
-int export_cgi(int, char **) { return answer_not_found(); }
-int info_xml_cgi(int, char **) { return answer_not_found(); }
 }
