@@ -84,6 +84,23 @@ bench_make_root() {
 }
 
 # The pid of the back end that lighttpd started with the given argv[0].
+# lighttpd configuration lines serving EXTENSION with the reference
+# responder PROGRAM (one process, socket in $run).
+reference_backend_conf() { # extension program
+  cat <<CONF
+static-file.exclude-extensions += ( "$1" )
+fastcgi.server += (
+  "$1" => (
+    ( "bin-path" => "$bin/$2",
+      "socket" => "$run/$2.sock",
+      "check-local" => "disable",
+      "max-procs" => 1
+    )
+  )
+)
+CONF
+}
+
 backend_pid() { # argv0
   local want=$1 p argv0
   for p in /proc/[0-9]*; do

@@ -115,11 +115,7 @@ serve_root() { # root run_dir
   conf=$run/lighttpd.conf
   QUELM_LOG_FILE=$run/cgi-ssi.log "$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$run/www" "$run" > "$conf"
   # The reference: the minimal copying responder serving the same JSON bytes.
-  cat >> "$conf" <<CONF
-static-file.exclude-extensions += ( ".bfc" )
-fastcgi.server += ( ".bfc" => ( ( "bin-path" => "$bin/bench-fcgi-copy", "socket" => "$run/copy.sock",
-                                  "check-local" => "disable", "max-procs" => 1 ) ) )
-CONF
+  reference_backend_conf .bfc bench-fcgi-copy >> "$conf"
   base="http://127.0.0.1:$port"
   start_lighttpd "$conf" "$run/lighttpd.out" "$base/generic.cgi?${query[none]}"
 }

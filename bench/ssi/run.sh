@@ -54,17 +54,8 @@ conf=$run/lighttpd.conf
 cat >> "$conf" <<CONF
 
 # ---- page benchmark: the reference FastCGI responder (b) ----
-static-file.exclude-extensions += ( ".bfc" )
-fastcgi.server += (
-  ".bfc" => (
-    ( "bin-path" => "$bin/bench-fcgi-copy",
-      "socket" => "$run/copy.sock",
-      "check-local" => "disable",
-      "max-procs" => 1
-    )
-  )
-)
 CONF
+reference_backend_conf .bfc bench-fcgi-copy >> "$conf"
 lighttpd -tt -f "$conf" >/dev/null
 
 base=http://127.0.0.1:$port

@@ -41,16 +41,8 @@ cat >> "$conf" <<CONF
   server.stream-request-body = 2
   server.max-request-size = 2097151
 }
-fastcgi.server += (
-  ".bdis" => (
-    ( "bin-path" => "$bin/bench-fcgi-discard",
-      "socket" => "$run/discard.sock",
-      "check-local" => "disable",
-      "max-procs" => 1
-    )
-  )
-)
 CONF
+reference_backend_conf .bdis bench-fcgi-discard >> "$conf"
 lighttpd -tt -f "$conf" >/dev/null
 start_lighttpd "$conf" "$run/lighttpd.out" "http://127.0.0.1:$port/ping.txt" ||
   { cat "$run/lighttpd.out" "$run/lighttpd-error.log" >&2 2>/dev/null || true; exit 1; }
