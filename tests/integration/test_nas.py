@@ -1,0 +1,225 @@
+"""The NAS media service "nas.cgi" on a sample disk made by
+scripts/sample-disk.sh: sending files (both forms), uploads, rename, delete,
+thumbnails, folder listings, playlists, M3U and EXIF, each under the access
+policy and confined to its disk."""
+
+import base64
+import hashlib
+import os
+import subprocess
+import urllib.parse
+
+import pytest
+from conftest import REPO
+
+HOST = "gateway"  # the gateway's own host name: a local request
+BOUNDARY = "----quelmnas0Zx81"
+PNG = b"\x89PNG\r\n\x1a\n" + b"\x00\x00\x00\rIHDR" + bytes(17)
+
+
+@pytest.fixture
+def disk(root):
+    subprocess.run([REPO / "scripts" / "sample-disk.sh", root], check=True)
+    return root / "var/mnt/usb1"
+
+
+@pytest.fixture
+def nas(cgi, disk):
+    """One request to nas.cgi: fields as a dict (or list of pairs) in the
+    query; path_info and host as given."""
+    def run(fields=(), path_info=None, host=HOST, extra=None, **kwargs):
+        env = {"HTTP_HOST": host} if host is not None else {}
+        if path_info is not None:
+            env["PATH_INFO"] = path_info
+        env.update(extra or {})
+        answer = cgi(page="nas.cgi", argv0="nas.cgi", query=urllib.parse.urlencode(fields),
+                     extra=env, unset=() if host is not None else ("HTTP_HOST",), **kwargs)
+        # The request loop's session cookie comes first; the handler's own
+        # output follows it.
+        if answer.raw.startswith(b"Set-Cookie: "):
+            answer.raw = answer.raw.split(b"\r\n", 1)[1]
+        return answer
+    return run
+
+
+def sendfile_path(path):
+    """A path as the X-Sendfile2 header carries it: URL-encoded."""
+    return "".join(c if c.isascii() and (c.isalnum() or c in "/.") else "%%%02x" % ord(c) for c in str(path))
+
+
+def multipart(fields=(), files=()):
+    body = b""
+    for name, value in fields:
+        body += f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"\r\n\r\n'.encode() + value + b"\r\n"
+    for name, filename, content in files:
+        body += (f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"; filename="{filename}"\r\n'
+                 "Content-Type: application/octet-stream\r\n\r\n").encode() + content + b"\r\n"
+    return body + f"--{BOUNDARY}--\r\n".encode()
+
+
+def log(log_file):
+    return log_file.read_text(errors="replace") if log_file.exists() else ""
+
+
+def status(answer):
+    value = answer.header("Status")
+    return int(value.split()[0]) if value else 200
+
+
+def thumb_name(path, size):
+    return hashlib.md5(f"{path}-{size}".encode()).hexdigest()
+
+
+# ---- Sending ------------------------------------------------------------------
+
+def test_send_form_headers_name_the_file_for_the_front_server(nas, disk):
+    answer = nas({"iNasGetSong": "1", "disk": "usb1", "file": "Music/Album/01 Opening.mp3"})
+    assert answer.raw == (b'Content-disposition: inline; filename="01 Opening.mp3"\r\n'
+                          b"X-Sendfile2: " + sendfile_path(disk / "Music/Album/01 Opening.mp3").encode() + b" 0-\r\n"
+                          b"Content-type: audio/mpeg\r\n\r\n")
+    answer = nas({"iNasGetFile": "1", "disk": "usb1", "file": "Documents/notes.txt"})
+    assert answer.raw.startswith(b'Content-disposition: attachment; filename="notes.txt"\r\n')
+    assert answer.raw.endswith(b"Content-type: application/octet-stream\r\n\r\n")
+
+
+def test_send_pathinfo_form_copies_or_hands_over(nas, disk):
+    song = disk / "Music/Album/02 Closing.MP3"
+    # Without a field PATH_INFO is a song; the extension is compared without case.
+    answer = nas(path_info="/disk/usb1/file/Music/Album/02 Closing.MP3")
+    head = (b'Content-disposition:inline; filename="02 Closing.MP3"\r\n'
+            b"Content-Length: %d\r\nContent-type: audio/mpeg\r\n\r\n" % song.stat().st_size)
+    assert answer.raw == head + song.read_bytes()
+    # Behind lighttpd the front server sends the file: headers only.
+    answer = nas(path_info="/disk/usb1/file/Music/Album/02 Closing.MP3", extra={"SERVER_NAME": "lighty"})
+    assert answer.raw == head.replace(b"Content-Length", b"X-Sendfile: %s\r\nContent-Length" % str(song).encode())
+    # iNasGetFile with a PATH_INFO takes any extension.
+    answer = nas({"iNasGetFile": "1"}, path_info="/disk/usb1/file/Documents/notes.txt")
+    assert answer.body == (disk / "Documents/notes.txt").read_bytes()
+    answer = nas(path_info="/disk/usb1/file/Documents/notes.txt")
+    assert status(answer) == 400
+
+
+@pytest.mark.parametrize("desc, fields, path_info, code", [
+    ("no field, no PATH_INFO: disk missing", {}, None, 400),
+    ("file missing", {"iNasGetSong": "1", "disk": "usb1"}, None, 400),
+    ("a value other than 1 does nothing", {"iNasGetFile": "2", "disk": "usb1", "file": "x"}, None, None),
+    ("missing file", {"iNasGetSong": "1", "disk": "usb1", "file": "Music/none.mp3"}, None, 404),
+    ("dot-dot", {"iNasGetFile": "1", "disk": "usb1", "file": "../../../etc/passwd"}, None, 404),
+    ("dot-dot within the disk", {"iNasGetFile": "1", "disk": "usb1", "file": "Music/../Documents/notes.txt"},
+     None, 404),
+    ("absolute name", {"iNasGetFile": "1", "disk": "usb1", "file": "/etc/passwd"}, None, 404),
+    ("disk with a slash", {"iNasGetFile": "1", "disk": "usb1/..", "file": "usb1/Documents/notes.txt"}, None, 404),
+    ("disk dot-dot", {"iNasGetFile": "1", "disk": "..", "file": "mnt/usb1/Documents/notes.txt"}, None, 404),
+    ("path info dot-dot", {}, "/disk/usb1/file/../../../../etc/x.mp3", 404),
+])
+def test_send_refusals(nas, desc, fields, path_info, code):
+    answer = nas(fields, path_info=path_info)
+    if code is None:
+        assert answer.raw == b"", desc
+    else:
+        assert status(answer) == code, (desc, answer.raw)
+        assert b"X-Sendfile" not in answer.raw and b"root:" not in answer.raw, desc
+
+
+def test_links_planted_on_the_disk_lead_nowhere(nas, disk, root):
+    (root / "secret").write_text("secret")
+    (disk / "escape").symlink_to(root / "secret")
+    (disk / "Music/up").symlink_to(root / "var")
+    (disk / "inside.mp3").symlink_to(disk / "Music/Interlude.mp3")
+    for file in ["escape", "Music/up/mnt/usb1/Documents/notes.txt", "inside.mp3"]:
+        answer = nas({"iNasGetFile": "1", "disk": "usb1", "file": file})
+        assert status(answer) == 404 and b"X-Sendfile" not in answer.raw, file
+    # Nothing is written through a planted folder link either.
+    answer = nas({"iNasAddThumb": "1", "disk": "usb1", "path": "Music/up", "name": "x",
+                  "data": base64.b64encode(PNG)})
+    assert status(answer) == 404
+    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "Music/up", "name": "tmp"})
+    assert status(answer) == 404 and (root / "var/tmp").is_dir()
+    # Deleting the link removes the link, not what it names.
+    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "", "name": "escape"})
+    assert status(answer) == 200 and not (disk / "escape").is_symlink() and (root / "secret").exists()
+    (disk / "Music/link").symlink_to(root / "var/tmp")
+    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "Music", "name": "link"})
+    assert (root / "var/tmp").is_dir()
+
+
+# ---- Access policy ------------------------------------------------------------
+
+def test_access_policy(nas, qmcfg):
+    song = {"iNasGetSong": "1", "disk": "usb1", "file": "Music/Interlude.mp3"}
+    # "local" (the default): the gateway's name in any case and with a port,
+    # or an address of its LAN; not a public address.
+    for host in ["GATEWAY:8080", "gateway.home", "192.168.1.77"]:
+        assert b"X-Sendfile2" in nas(song, host=host).raw, host
+    answer = nas(song, host="203.0.113.9")
+    assert status(answer) == 500 and b"X-Sendfile" not in answer.raw
+    qmcfg("set", "Services_NAS", "Disk", "all")
+    assert b"X-Sendfile2" in nas(song, host="203.0.113.9").raw
+    qmcfg("set", "Services_NAS", "Disk", "off")
+    qmcfg("set", "Services_NAS", "Music", "off")
+    assert status(nas(song)) == 500
+    assert status(nas({"iNasGetMusicContent": "1", "disk": "usb1", "path": ""})) == 403
+    assert status(nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "Music", "name": "Live.aac"})) == 403
+    qmcfg("set", "Services_NAS", "Pictures", "off")
+    assert status(nas({"iNasGetExif": "1", "disk": "usb1", "file": "Pictures/camera.jpg"})) == 403
+
+
+# ---- Changing the disk --------------------------------------------------------
+
+def upload(nas, path_info, fields, name, content):
+    return nas(path_info=path_info, method="POST", body=multipart(fields, [("UploadFile", name, content)]),
+               content_type=f"multipart/form-data; boundary={BOUNDARY}",
+               extra={"HTTP_REFERER": f"http://{HOST}/index.htm"})
+
+
+def test_upload_stores_the_file_inside_the_disk_only(nas, disk, root):
+    data = os.urandom(300000)
+    fields = [("iNasAddFile", b"1"), ("disk", b"usb1"), ("path", b"Documents")]
+    answer = upload(nas, "/upload/1/disk/usb1", fields, "C:\\Users\\me\\report.bin", data)
+    assert status(answer) == 200 and b"<BODY>OK</BODY>" in answer.body, answer.raw
+    assert (disk / "Documents/report.bin").read_bytes() == data
+    # An existing target is not replaced.
+    answer = upload(nas, "/upload/1/disk/usb1", fields, "report.bin", b"other")
+    assert status(answer) == 500 and (disk / "Documents/report.bin").read_bytes() == data
+    for path, name in [(b"../../..", "evil.txt"), (b"/tmp", "evil.txt"), (b"Documents", "../../evil.txt"),
+                       (b"Documents", "..")]:
+        answer = upload(nas, "/upload/1/disk/usb1", [fields[0], fields[1], ("path", path)], name, b"x")
+        assert status(answer) == 404, (path, name)
+    assert not list(root.rglob("evil.txt"))
+    # No temporary file stays behind, whatever happened.
+    assert not [p for p in disk.iterdir() if p.name.startswith("~")]
+
+
+def test_rename_and_delete_reply_with_the_listing(nas, disk, log_file):
+    answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Live.aac", "newname": "On stage.aac"})
+    assert b"<name>On stage.aac</name>" in answer.body and (disk / "Music/On stage.aac").exists()
+    answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Interlude.mp3",
+                  "newname": "On stage.aac"})
+    assert "File already exists" in log(log_file)
+    assert (disk / "Music/Interlude.mp3").exists()
+    for newname in ["../../../moved", "/tmp/moved", "..", "a/b"]:
+        answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Interlude.mp3",
+                      "newname": newname})
+        assert status(answer) == 404 and (disk / "Music/Interlude.mp3").exists(), newname
+    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "", "name": "Music"})
+    assert b"<name>Music</name>" not in answer.body and not (disk / "Music").exists()
+    for path, name in [("", ".."), ("", "."), ("..", "usb1"), ("Documents/..", "")]:
+        assert status(nas({"iNasDeleteFile": "1", "disk": "usb1", "path": path, "name": name})) in (400, 404)
+    assert (disk / "Documents/notes.txt").exists()
+
+
+def test_thumbnails_are_png_and_tied_to_path_and_size(nas, disk):
+    picture = {"disk": "usb1", "file": "Pictures/camera.jpg"}
+    answer = nas({"iNasGetThumb": "1", **picture})
+    assert sendfile_path(disk / "Pictures/camera.jpg").encode() in answer.raw
+    add = {"iNasAddThumb": "1", "disk": "usb1", "path": "Pictures", "name": "camera.jpg"}
+    assert status(nas({**add, "data": base64.b64encode(b"GIF89a....")})) == 400
+    assert status(nas({**add, "data": "not base64 !"})) == 400
+    answer = nas({**add, "data": base64.b64encode(PNG)})
+    assert status(answer) == 200, answer.raw
+    name = thumb_name("/var/mnt/usb1/Pictures/camera.jpg", (disk / "Pictures/camera.jpg").stat().st_size)
+    thumb = disk / ".quelm" / f"{name}.png"
+    assert thumb.read_bytes() == PNG
+    assert oct((disk / ".quelm").stat().st_mode & 0o7777) == "0o1777"
+    answer = nas({"iNasGetThumb": "1", **picture})
+    assert f"X-Sendfile2: {sendfile_path(thumb)} 0-".encode() in answer.raw
