@@ -223,3 +223,178 @@ def test_thumbnails_are_png_and_tied_to_path_and_size(nas, disk):
     assert oct((disk / ".quelm").stat().st_mode & 0o7777) == "0o1777"
     answer = nas({"iNasGetThumb": "1", **picture})
     assert f"X-Sendfile2: {sendfile_path(thumb)} 0-".encode() in answer.raw
+
+
+# ---- Listings -------------------------------------------------------------------
+
+def test_folder_listings(nas, disk):
+    (disk / "Music/a&<b>\"'\x01.mp3").write_bytes(b"x")
+    answer = nas({"iNasGetFolderContent": "1", "disk": "usb1", "path": "Music"})
+    assert answer.header("Content-type") == "text/xml"
+    body = answer.body.decode()
+    assert body.startswith('<?xml version="1.0" encoding="UTF-8" ?>\n<root>\n<folder>\n<disk>usb1</disk>\n'
+                           "<path>Music</path>\n</folder>\n<folderset>\n")
+    assert body.endswith("</folderset>\n</root>\n")
+    assert "<item>\n<name>Album</name>\n<dir>1</dir>\n" in body
+    assert "<item>\n<name>Interlude.mp3</name>\n<dir>0</dir>\n<size>%d</size>\n</item>\n" % (
+        disk / "Music/Interlude.mp3").stat().st_size in body
+    assert "<name>a&amp;&lt;b&gt;&quot;&apos;&#xFFFD;.mp3</name>" in body
+    # The music listing: folders and ".mp3" only (any case), hidden entries never.
+    (disk / "Music/Album/.hidden.mp3").write_bytes(b"x")
+    body = nas({"iNasGetMusicContent": "1", "disk": "usb1", "path": "Music/Album"}).body.decode()
+    assert "01 Opening.mp3" in body and "02 Closing.MP3" in body and ".hidden" not in body
+    body = nas({"iNasGetMusicContent": "1", "disk": "usb1", "path": "Music"}).body.decode()
+    assert "<name>Album</name>" in body and "Live.aac" not in body
+    # The disk root, and nowhere above it.
+    assert "<name>Documents</name>" in nas({"iNasGetFolderContent": "1", "disk": "usb1", "path": ""}).body.decode()
+    for path in ["..", "../..", "Music/../../.."]:
+        answer = nas({"iNasGetFolderContent": "1", "disk": "usb1", "path": path})
+        assert status(answer) == 404 and b"<folderset>" not in answer.body, path
+
+
+# ---- Playlists --------------------------------------------------------------------
+
+FAVOURITES = ["Music/Album/01 Opening.mp3", "Music/Interlude.mp3", "Music/Album/02 Closing.MP3"]
+
+
+def playlist_paths(answer):
+    body = answer.body.decode()
+    assert body.startswith('<?xml version="1.0" encoding="UTF-8" ?>\n<root>\n<playlist>\n<disk>usb1</disk>\n')
+    assert body.endswith("</playlistset>\n</root>\n")
+    return [line[len("<path>"):-len("</path>")] for line in body.splitlines() if line.startswith("<path>")]
+
+
+def test_playlist_xml_and_edits(nas, disk):
+    fav = {"disk": "usb1", "name": "Favourites"}
+    assert playlist_paths(nas({"iNasGetPlaylist": "1", **fav})) == FAVOURITES
+    assert status(nas({"iNasGetPlaylist": "1", "disk": "usb1", "name": "None"})) == 404
+    a, b, c = FAVOURITES
+
+    def move(field, song, nb=None):
+        return playlist_paths(nas({field: "1", **fav, "song": song, **({"nb": nb} if nb else {})}))
+    assert move("iNasMoveDownPlaylistItem", a) == [b, a, c]
+    assert move("iNasMoveDownPlaylistItem", c) == [c, b, a]          # last down wraps to the top
+    assert move("iNasMoveUpPlaylistItem", c) == [b, a, c]            # first up wraps to the end
+    assert move("iNasMoveUpPlaylistItem", c, "2") == [c, b, a]
+    assert move("iNasMoveDownPlaylistItem", c, "7") == [b, a]        # beyond the wrap point: dropped
+    assert playlist_paths(nas({"iNasAddPlaylistItem": "1", **fav, "path": "Music", "song": "Interlude.mp3"})) \
+        == [b, a, b]
+    assert move("iNasDeletePlaylistItem", b) == [a, b]               # the first occurrence only
+    assert move("iNasDeletePlaylistItem", "Music/none.mp3") == [a, b]
+    assert (disk / ".playlists/Favourites.m3u").read_text() == f"{a}\n{b}\n"
+    assert not list((disk / ".playlists").glob("*.tmp"))
+
+
+def test_playlist_create_rename_delete(nas, disk, root):
+    lists = disk / ".playlists"
+    assert b"<BODY>OK</BODY>" in nas({"iNasAddPlaylist": "1", "disk": "usb1", "name": "Party"}).body
+    assert (lists / "Party.m3u").read_bytes() == b""
+    nas({"iNasRenamePlaylist": "1", "disk": "usb1", "name": "Party", "newname": "Night"})
+    assert (lists / "Night.m3u").exists() and not (lists / "Party.m3u").exists()
+    nas({"iNasRenamePlaylist": "1", "disk": "usb1", "name": "Night", "newname": "Favourites"})
+    assert (lists / "Night.m3u").exists()
+    # A missing field: the OK page all the same.
+    assert status(nas({"iNasDeletePlaylist": "1", "disk": "usb1"})) == 200
+    nas({"iNasDeletePlaylist": "1", "disk": "usb1", "name": "Night"})
+    assert not (lists / "Night.m3u").exists()
+    for name in ["../../../../etc/evil", "../Music/x", ".."]:
+        nas({"iNasAddPlaylist": "1", "disk": "usb1", "name": name})
+        nas({"iNasDeletePlaylist": "1", "disk": "usb1", "name": "../Music/Interlude.mp3"[:-4]})
+    assert not list(root.rglob("evil.m3u")) and not (disk / "Music/x.m3u").exists()
+    assert (disk / "Music/Interlude.mp3").exists()
+
+
+def test_playlist_rewrite_keeps_a_planted_link(nas, disk, root):
+    (root / "target").write_text("keep\n")
+    (disk / ".playlists/Favourites.m3u.tmp").symlink_to(root / "target")
+    nas({"iNasDeletePlaylistItem": "1", "disk": "usb1", "name": "Favourites", "song": FAVOURITES[0]})
+    assert (root / "target").read_text() == "keep\n"
+    assert (disk / ".playlists/Favourites.m3u").read_text() == "".join(f + "\n" for f in FAVOURITES[1:])
+
+
+def test_m3u_both_forms(nas, qmcfg):
+    fav = {"disk": "usb1", "name": "Favourites"}
+    answer = nas({"iNasPlayPlaylist": "1", **fav}, host="gateway:444")
+    assert answer.raw.startswith(b'Content-disposition: attachment; filename="Favourites.m3u"\r\n'
+                                 b"Content-type: audio/x-mpegurl\r\n\r\n")
+    assert answer.body.decode() == (
+        "#EXTM3U\r\n#EXTINF:-1,01 Opening.mp3\r\n"
+        "http://gateway:8080/cgi-bin/nas.cgi?iNasGetSong=1&disk=usb1&file=Music%2fAlbum%2f01%20Opening%2emp3\r\n"
+        "#EXTINF:-1,Interlude.mp3\r\n"
+        "http://gateway:8080/cgi-bin/nas.cgi?iNasGetSong=1&disk=usb1&file=Music%2fInterlude%2emp3\r\n"
+        "#EXTINF:-1,02 Closing.MP3\r\n"
+        "http://gateway:8080/cgi-bin/nas.cgi?iNasGetSong=1&disk=usb1&file=Music%2fAlbum%2f02%20Closing%2eMP3\r\n")
+    answer = nas({"iNasPlayPlaylist": "1", **fav}, host="gateway", extra={"HTTPS": "on"})
+    assert b"https://gateway/cgi-bin/nas.cgi?" in answer.body
+    assert status(nas({"iNasPlayPlaylist": "1", **fav}, host=None)) == 403
+    # PATH_INFO form, local: the host as it came.
+    answer = nas({"iNasPlayPlaylistPI": "1", **fav}, host="gateway:80")
+    assert b"http://gateway:80/cgi-bin/nas.cgi/disk/usb1/file/Music/Album/01%20Opening.mp3\r\n" in answer.body
+    # From outside: the remote port of the active WAN service for the pages.
+    qmcfg("set", "Services_NAS", "Music", "all")
+    answer = nas({"iNasPlayPlaylistPI": "1", **fav}, host="203.0.113.9:80")
+    assert b"http://203.0.113.9:8080/cgi-bin/nas.cgi/disk/usb1/file/Music/Interlude.mp3\r\n" in answer.body
+    # The first enabled service whose key begins "web" (an empty key counts).
+    qmcfg("set", "WANConnectionDevice_1_Service_1", "Enable", "0")
+    qmcfg("set", "WANConnectionDevice_1_Service_2", "UniqueKey", "")
+    qmcfg("set", "WANConnectionDevice_1_Service_2", "Enable", "1")
+    answer = nas({"iNasPlayPlaylistPI": "1", **fav}, host="203.0.113.9:80")
+    assert b"http://203.0.113.9:8081/cgi-bin/nas.cgi/" in answer.body
+    # None: the request ends without a word.
+    qmcfg("set", "WANConnectionDevice_1_Service_2", "Enable", "0")
+    assert nas({"iNasPlayPlaylistPI": "1", **fav}, host="203.0.113.9:80").raw == b""
+
+
+def test_exif_of_the_sample_picture(nas, disk):
+    answer = nas({"iNasGetExif": "1", "disk": "usb1", "file": "Pictures/camera.jpg"})
+    assert answer.header("Content-type") == "text/plain"
+    assert answer.body.startswith(b'{"') and answer.body.endswith(b'", }\n')
+    assert b'"Make":"Quelm", ' in answer.body and b'"Model":"QHG", ' in answer.body
+    assert status(nas({"iNasGetExif": "1", "disk": "usb1", "file": "Documents/notes.txt"})) == 404
+    assert status(nas({"iNasGetExif": "1", "disk": "usb1", "file": "../usb1/Pictures/camera.jpg"})) == 404
+
+
+def test_playlist_symbols_in_pages(cgi, disk, qmcfg):
+    (disk.parent / "usb2/.playlists").mkdir(parents=True)
+    (disk.parent / "usb2/.playlists/Road.M3U").write_text("a\n\nb\n")
+    (disk.parent / "usb2/.playlists/.hidden.m3u").write_text("a\n")
+    (disk.parent / "usb2/.playlists/notes.txt").write_text("a\n")
+    qmcfg("set", "Services_NAS", "Music", "all")
+    cgi.docroot.joinpath("p.htm").write_text(
+        '[<!--#echo var="sNasPlaylists" -->|<!--#echo var="sNasFullPlaylists" -->]')
+    body = cgi(page="p.htm").body.decode()
+    short, full = body[body.index("[") + 1:body.index("]")].split("|")
+    assert sorted(short.split("\v")) == ["", "usb1\tFavourites", "usb2\tRoad"]
+    assert sorted(full.split("\v")) == ["", "usb1\tFavourites\t3", "usb2\tRoad\t2"]
+
+
+# ---- Through lighttpd ---------------------------------------------------------------
+
+def curl(url, *args):
+    done = subprocess.run(["curl", "-sS", "-D", "-", "-H", f"Host: {HOST}", *args, url],
+                          capture_output=True, timeout=30)
+    assert done.returncode == 0, done.stderr
+    head, _, body = done.stdout.partition(b"\r\n\r\n")
+    return head.decode(), body
+
+
+def test_lighttpd_streams_the_file_named_by_the_responder(lighttpd, disk):
+    data = os.urandom(1 << 20)
+    (disk / "Documents/big file.bin").write_bytes(data)
+    url = lighttpd.url + "/nas.cgi?iNasGetFile=1&disk=usb1&file=Documents/big%20file.bin"
+    head, body = curl(url)
+    assert head.startswith("HTTP/1.1 200") and body == data, head
+    assert "X-Sendfile" not in head
+    head, body = curl(url, "-H", "Range: bytes=1000-1999")
+    assert body == data[1000:2000], head
+    head, body = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/Interlude.mp3")
+    assert body == (disk / "Music/Interlude.mp3").read_bytes(), head
+    # Encoded traversal is decoded first and refused like the plain one.
+    refused, _ = curl(lighttpd.url + "/nas.cgi?iNasGetFile=1&disk=usb1&file=%2e%2e%2f%2e%2e%2f%2e%2e%2fetc%2fpasswd")
+    assert refused.startswith("HTTP/1.1 404"), refused
+    refused, _ = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/x.mp3")
+    assert not refused.startswith("HTTP/1.1 2"), refused
+    # lighttpd sent the file itself (its validators are on the answer).
+    assert "ETag:" in head and "Last-Modified:" in head, head
+    head, body = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/Interlude.mp3", "-H", "Range: bytes=3-9")
+    assert body == (disk / "Music/Interlude.mp3").read_bytes()[3:10], head
