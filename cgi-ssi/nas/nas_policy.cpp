@@ -13,6 +13,7 @@
 #include "quelm_chars.h"
 #include "quelm_guard.h"
 #include "quelm_owned.h"
+#include "quelm_text.h"
 
 namespace cgissi::nas {
 namespace {
@@ -54,6 +55,10 @@ bool local_request() {
     const std::string name = property("Device", "Hostname", kHostNameSize - 1);
     const std::string aliases = property("Device", "Aliases", kHostNameSize - 1);
     if (equal_no_case(host, name) || equal_no_case(host, aliases)) return true;
+    // An alias list names the gateway by each of its names, as sessions see it.
+    bool alias = false;
+    quelm::split(aliases, ',', [&](std::string_view item) { alias = alias || (!item.empty() && equal_no_case(host, item)); });
+    if (alias) return true;
     const long mask_word = my_ipword(mask.c_str());
     return (my_ipword(std::string(host).c_str()) & mask_word) == (my_ipword(address.c_str()) & mask_word);
 }
