@@ -153,6 +153,10 @@ def test_access_policy(nas, qmcfg):
         assert b"X-Sendfile2" in nas(song, host=host).raw, host
     answer = nas(song, host="203.0.113.9")
     assert status(answer) == 500 and b"X-Sendfile" not in answer.raw
+    # Each name of an alias list counts.
+    qmcfg("set", "Device", "Aliases", "nas.home,Media.lan")
+    assert b"X-Sendfile2" in nas(song, host="media.LAN").raw
+    assert status(nas(song, host="media")) == 500
     qmcfg("set", "Services_NAS", "Disk", "all")
     assert b"X-Sendfile2" in nas(song, host="203.0.113.9").raw
     qmcfg("set", "Services_NAS", "Disk", "off")
@@ -274,8 +278,8 @@ def test_playlist_xml_and_edits(nas, disk):
         return playlist_paths(nas({field: "1", **fav, "song": song, **({"nb": nb} if nb else {})}))
     assert move("iNasMoveDownPlaylistItem", a) == [b, a, c]
     assert move("iNasMoveDownPlaylistItem", c) == [c, b, a]          # last down wraps to the top
-    assert move("iNasMoveUpPlaylistItem", c) == [b, a, c]            # first up wraps to the end
-    assert move("iNasMoveUpPlaylistItem", c, "2") == [c, b, a]
+    assert move("iNasMoveUpPlaylistItem", a, "2") == [a, c, b]
+    assert move("iNasMoveUpPlaylistItem", a) == [c, b, a]            # first up wraps to the end
     assert move("iNasMoveDownPlaylistItem", c, "7") == [b, a]        # beyond the wrap point: dropped
     assert playlist_paths(nas({"iNasAddPlaylistItem": "1", **fav, "path": "Music", "song": "Interlude.mp3"})) \
         == [b, a, b]
