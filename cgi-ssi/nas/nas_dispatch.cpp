@@ -136,12 +136,22 @@ std::optional<std::string> form_text(const char *name, std::size_t size, bool al
     return value;
 }
 
-void status(int code, const char *message) { cgiHeaderStatus(code, message); }
+std::optional<std::string> form_field(std::string_view name) {
+    if (name == "disk") return form_text("disk", kDiskSize);
+    if (name == "path") return form_text("path", kPathMax, true);
+    if (name == "data") return form_text("data", kThumbDataSize);
+    if (name == "name" || name == "newname" || name == "song") return form_text(std::string(name).c_str(), kNameSize);
+    return form_text(std::string(name).c_str(), kPathMax);
+}
+
+void fail(int code, const char *message, int error) {
+    cgiHeaderStatus(code, message);
+    QM_err_set(error);
+}
 
 void missing(const char *name) {
     NAS_LOG("Missing parameters %s", name);
-    status(400, "Bad request");
-    QM_err_set(kErrMissing);
+    fail(400, "Bad request", kErrMissing);
 }
 
 void reply_ok_page() {

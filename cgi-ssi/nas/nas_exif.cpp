@@ -28,18 +28,15 @@ void print_content(ExifContent *content, void *) { exif_content_foreach_entry(co
 
 void send_exif() {
     if (check_extern_access(NAS_KIND_PICTURES) == 0) return refuse_access();
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    if (!disk) return missing("disk");
-    const std::optional<std::string> file = form_text("file", kPathMax);
-    if (!file) return missing("file");
-    const std::optional<std::string> root = disk_root(*disk);
-    const std::optional<std::string> path = resolve_existing(*disk, *file);
-    if (!root || !path || *path != *root + "/" + *file) return refuse_path("picture", *file);
+    const auto fields = required_fields<2>({"disk", "file"});
+    if (!fields) return;
+    const auto &[disk, file] = *fields;
+    const std::optional<std::string> path = exact_path(disk, file);
+    if (!path) return;
     ExifOwned data(exif_data_new_from_file(path->c_str()));
     if (!data) {
         NAS_LOG("No EXIF data in %s", path->c_str());
-        status(404, "Not found");
-        QM_err_set(kErrNotFound);
+        fail(404, "Not found", kErrNotFound);
         return;
     }
     cgiHeaderContentType("text/plain");

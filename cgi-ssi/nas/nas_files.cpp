@@ -17,7 +17,6 @@
 namespace cgissi::nas {
 namespace {
 
-constexpr std::size_t kThumbDataSize = 50000;  // "data" field, with terminator
 constexpr std::size_t kThumbMax = 50000;       // decoded thumbnail bytes
 constexpr mode_t kSharedDirMode = 01777;
 constexpr int kThumbMode = 0644;
@@ -58,9 +57,6 @@ void empty_dir_at(int dir_fd) {
     }
 }
 
-// The folder path of a request: "path", which may be empty.
-std::optional<std::string> folder_field() { return form_text("path", kPathMax, true); }
-
 // The thumbnail store of the disk, made when missing; must be a directory
 // of the disk itself.
 std::optional<std::string> thumb_store(const std::string &disk) {
@@ -92,12 +88,29 @@ void write_thumb(const std::string &disk, const std::string &file, const std::st
     reply_ok_page();
 }
 
+// The entry called name in the folder path, confined to the disk; a refusal
+// is answered.
+std::optional<std::string> named_entry(const std::string &disk, const std::string &path, const std::string &name,
+                                       const char *what) {
+    std::optional<std::string> entry = is_plain_name(name) ? resolve_entry(disk, join(path, name)) : std::nullopt;
+    if (!entry) refuse_path(what, join(path, name));
+    return entry;
+}
+
 }  // namespace
+
+void rename_unless_exists(const std::string &from, const std::string &to) {
+    if (exists_here(to)) {
+        NAS_LOG("File already exists %s", to.c_str());
+        QM_err_set(kErrExisted);
+    } else {
+        ::rename(from.c_str(), to.c_str());
+    }
+}
 
 void refuse_access() {
     NAS_LOG("NAS access refused");
-    QM_err_set(kErrRefused);
-    status(403, "Forbidden");
+    fail(403, "Forbidden", kErrRefused);
 }
 
 std::optional<std::string> base64_decode(std::string_view text, std::size_t limit) {
@@ -139,27 +152,24 @@ void add_file(const std::string &temporary) {
     if (!disk_open()) return;
     if (temporary.empty()) {
         NAS_LOG("Saving file without parameters, something has got wrong earlier");
-        status(400, "Bad request");
-        QM_err_set(kErrMissing);
+        fail(400, "Bad request", kErrMissing);
         return;
     }
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    const std::optional<std::string> path = folder_field();
+    const std::optional<std::string> disk = form_field("disk");
+    const std::optional<std::string> path = form_field("path");
     char client[kNameSize] = "";
     const bool named = cgiFormFileName("UploadFile", client, sizeof client) == cgiFormSuccess && client[0] != '\0';
     if (!disk || !path || !named) {
         NAS_LOG("Missing parameters !!!! %s", !disk ? "disk" : !path ? "path" : "UploadFile");
-        status(400, "Bad request");
-        QM_err_set(kErrMissing);
+        fail(400, "Bad request", kErrMissing);
         return;
     }
     const char *slash = std::strrchr(client, '\\');
     const std::string name = slash != nullptr ? slash + 1 : client;
-    const std::optional<std::string> target = is_plain_name(name) ? resolve_entry(*disk, join(*path, name)) : std::nullopt;
-    if (!target) return refuse_path("upload", join(*path, name));
+    const std::optional<std::string> target = named_entry(*disk, *path, name, "upload");
+    if (!target) return;
     if (exists_here(*target) || ::rename(temporary.c_str(), target->c_str()) != 0) {
-        status(500, "Internal server error");
-        QM_err_set(kErrNotFound);
+        fail(500, "Internal server error", kErrNotFound);
         return;
     }
     reply_ok_page();
@@ -167,38 +177,24 @@ void add_file(const std::string &temporary) {
 
 void rename_file() {
     if (!disk_open()) return;
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    if (!disk) return missing("disk");
-    const std::optional<std::string> path = folder_field();
-    if (!path) return missing("path");
-    const std::optional<std::string> name = form_text("name", kNameSize);
-    if (!name) return missing("name");
-    const std::optional<std::string> new_name = form_text("newname", kNameSize);
-    if (!new_name) return missing("newname");
-    const std::optional<std::string> from = is_plain_name(*name) ? resolve_entry(*disk, join(*path, *name)) : std::nullopt;
-    if (!from) return refuse_path("rename", join(*path, *name));
-    const std::optional<std::string> to =
-        is_plain_name(*new_name) ? resolve_entry(*disk, join(*path, *new_name)) : std::nullopt;
-    if (!to) return refuse_path("rename", join(*path, *new_name));
-    if (exists_here(*to)) {
-        NAS_LOG("File already exists %s", to->c_str());
-        QM_err_set(kErrExisted);
-    } else {
-        ::rename(from->c_str(), to->c_str());
-    }
-    send_folder_listing(*disk, *path, false);
+    const auto fields = required_fields<4>({"disk", "path", "name", "newname"});
+    if (!fields) return;
+    const auto &[disk, path, name, new_name] = *fields;
+    const std::optional<std::string> from = named_entry(disk, path, name, "rename");
+    if (!from) return;
+    const std::optional<std::string> to = named_entry(disk, path, new_name, "rename");
+    if (!to) return;
+    rename_unless_exists(*from, *to);
+    send_folder_listing(disk, path, false);
 }
 
 void delete_file() {
     if (!disk_open()) return;
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    if (!disk) return missing("disk");
-    const std::optional<std::string> path = folder_field();
-    if (!path) return missing("path");
-    const std::optional<std::string> name = form_text("name", kNameSize);
-    if (!name) return missing("name");
-    const std::optional<std::string> entry = is_plain_name(*name) ? resolve_entry(*disk, join(*path, *name)) : std::nullopt;
-    if (!entry) return refuse_path("delete", join(*path, *name));
+    const auto fields = required_fields<3>({"disk", "path", "name"});
+    if (!fields) return;
+    const auto &[disk, path, name] = *fields;
+    const std::optional<std::string> entry = named_entry(disk, path, name, "delete");
+    if (!entry) return;
     struct stat info{};
     if (::lstat(entry->c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
         quelm::UniqueFd dir(::open(entry->c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -207,29 +203,23 @@ void delete_file() {
     } else {
         ::unlink(entry->c_str());
     }
-    send_folder_listing(*disk, *path, false);
+    send_folder_listing(disk, path, false);
 }
 
 void add_thumb() {
     if (!disk_open(NAS_KIND_DISK, NAS_KIND_PICTURES)) return;
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    if (!disk) return missing("disk");
-    const std::optional<std::string> path = folder_field();
-    if (!path) return missing("path");
-    const std::optional<std::string> name = form_text("name", kNameSize);
-    if (!name) return missing("name");
-    const std::optional<std::string> data = form_text("data", kThumbDataSize);
-    if (!data) return missing("data");
-    const std::optional<std::string> png = base64_decode(*data, kThumbMax);
+    const auto fields = required_fields<4>({"disk", "path", "name", "data"});
+    if (!fields) return;
+    const auto &[disk, path, name, data] = *fields;
+    const std::optional<std::string> png = base64_decode(data, kThumbMax);
     if (!png || !png->starts_with(kPngSignature)) {
         NAS_LOG("Thumbnail is not a PNG image");
-        status(400, "Bad request");
-        QM_err_set(kErrMissing);
+        fail(400, "Bad request", kErrMissing);
         return;
     }
-    const std::string file = join(*path, *name);
-    if (!is_plain_name(*name) || !resolve_existing(*disk, file)) return refuse_path("thumbnail", file);
-    write_thumb(*disk, file, *png);
+    const std::string file = join(path, name);
+    if (!is_plain_name(name) || !resolve_existing(disk, file)) return refuse_path("thumbnail", file);
+    write_thumb(disk, file, *png);
 }
 
 }  // namespace cgissi::nas

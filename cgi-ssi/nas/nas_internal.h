@@ -2,6 +2,7 @@
 // the text encoders and the replies that several operations give.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -26,6 +27,7 @@ constexpr std::size_t kDiskSize = 128;      // "disk" field, with terminator
 constexpr std::size_t kPathMax = 4096;      // a full path
 constexpr std::size_t kNameSize = 256;      // a single name, with terminator
 constexpr std::size_t kPropertySize = 128;  // a Services_NAS value
+constexpr std::size_t kThumbDataSize = 50000;  // "data": a base64 thumbnail, with terminator
 constexpr const char *kMountDir = "/var/mnt";
 // Thumbnails of a disk, in its root.
 constexpr const char *kThumbDir = ".quelm";
@@ -67,13 +69,41 @@ std::optional<std::string> pathinfo_value(std::string_view path_info, std::strin
 std::optional<std::string> form_text(const char *name, std::size_t size = kPathMax, bool allow_empty = false);
 // Logs "Missing parameters", answers 400 and sets 24.
 void missing(const char *name);
+// A field by its name, with the size the service gives that name ("path"
+// may be empty: the disk root).
+std::optional<std::string> form_field(std::string_view name);
+// The named fields in order; the first missing one is answered (missing())
+// and nothing is returned.
+template <std::size_t N>
+std::optional<std::array<std::string, N>> required_fields(const std::array<const char *, N> &names) {
+    std::array<std::string, N> values;
+    for (std::size_t i = 0; i < N; ++i) {
+        std::optional<std::string> value = form_field(names[i]);
+        if (!value) {
+            missing(names[i]);
+            return std::nullopt;
+        }
+        values[i] = std::move(*value);
+    }
+    return values;
+}
 void reply_ok_page();
-void status(int code, const char *message);
+// Answers with the HTTP status (its header block only) and sets the shared
+// error code.
+void fail(int code, const char *message, int error);
+// Renames unless the target exists (then logs, sets 25 and keeps both).
+void rename_unless_exists(const std::string &from, const std::string &to);
+// The file under the disk that names itself exactly (no link, no ".."), or
+// nothing after the refusal has been answered.
+std::optional<std::string> exact_path(const std::string &disk, const std::string &file);
 
 // ---- Encoders (nas_listing.cpp) ------------------------------------------
 std::string xml_encode(std::string_view text);
 std::string url_encode(std::string_view text, bool path_info);
+// The extension after the last "." is an audio one (first_only: "mp3"),
+// compared without case.
 bool has_audio_extension(std::string_view name, bool first_only);
+bool equal_no_case(std::string_view a, std::string_view b);
 
 // ---- Operations --------------------------------------------------------------
 void send_file(const char *disposition, const char *type, bool thumbnail);

@@ -19,15 +19,6 @@ namespace {
 constexpr std::string_view kAudioExtensions[] = {"mp3", "aac", "wma", "avi"};
 constexpr const char *kXmlDeclaration = "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n";
 
-bool equal_no_case(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-            return false;
-    }
-    return true;
-}
-
 void list_entries(DIR *dir, bool audio_only) {
     const int dir_fd = ::dirfd(dir);
     while (const dirent *entry = ::readdir(dir)) {
@@ -43,6 +34,15 @@ void list_entries(DIR *dir, bool audio_only) {
 }
 
 }  // namespace
+
+bool equal_no_case(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
+            return false;
+    }
+    return true;
+}
 
 bool has_audio_extension(std::string_view name, bool first_only) {
     const std::size_t dot = name.rfind('.');
@@ -108,11 +108,7 @@ void send_folder_listing(std::string_view disk, std::string_view rel, bool audio
 
 void send_folder(bool audio_only) {
     if (check_extern_access(NAS_KIND_DISK) == 0 && check_extern_access(NAS_KIND_MUSIC) == 0) return refuse_access();
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    if (!disk) return missing("disk");
-    const std::optional<std::string> path = form_text("path", kPathMax, true);
-    if (!path) return missing("path");
-    send_folder_listing(*disk, *path, audio_only);
+    if (const auto fields = required_fields<2>({"disk", "path"})) send_folder_listing((*fields)[0], (*fields)[1], audio_only);
 }
 
 }  // namespace cgissi::nas

@@ -56,8 +56,7 @@ std::optional<std::string> player_host(bool path_info, std::string &scheme) {
     const char *env = std::getenv("HTTP_HOST");
     if (env == nullptr) {
         NAS_LOG("nas_sendplaylistm3u => host is NULL");
-        status(403, "Forbidden");
-        QM_err_set(kErrRefused);
+        fail(403, "Forbidden", kErrRefused);
         return std::nullopt;
     }
     std::string host = env;
@@ -80,22 +79,20 @@ std::optional<std::string> player_host(bool path_info, std::string &scheme) {
 
 void playlist_m3u(bool path_info) {
     if (check_extern_access(NAS_KIND_MUSIC) == 0) return refuse_access();
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    if (!disk) return missing("disk");
-    const std::optional<std::string> name = form_text("name", kNameSize);
-    if (!name) return missing("name");
+    const auto fields = required_fields<2>({"disk", "name"});
+    if (!fields) return;
+    const auto &[disk, name] = *fields;
     std::string scheme;
     const std::optional<std::string> host = player_host(path_info, scheme);
     if (!host) return;
-    const std::optional<std::string> path = playlist_file(*disk, *name);
+    const std::optional<std::string> path = playlist_file(disk, name);
     const std::optional<std::string> content = path ? read_playlist(*path) : std::nullopt;
     if (!content) {
-        NAS_LOG("Cannot open file %s", path ? path->c_str() : name->c_str());
-        status(404, "Not found");
-        QM_err_set(kErrNotFound);
+        NAS_LOG("Cannot open file %s", path ? path->c_str() : name.c_str());
+        fail(404, "Not found", kErrNotFound);
         return;
     }
-    cgi_out_printf("Content-disposition: attachment; filename=\"%s.m3u\"\r\n", url_encode(*name, true).c_str());
+    cgi_out_printf("Content-disposition: attachment; filename=\"%s.m3u\"\r\n", url_encode(name, true).c_str());
     cgiHeaderContentType("audio/x-mpegurl");
     cgi_out_printf("#EXTM3U\r\n");
     for (const std::string &entry : playlist_lines(*content)) {
@@ -103,10 +100,10 @@ void playlist_m3u(bool path_info) {
             cgi_out_printf("#EXTINF:-1,%s\r\n", entry.substr(entry.find_last_of("/\\") + 1).c_str());
         if (path_info) {
             cgi_out_printf("%s://%s%s/cgi-bin/nas.cgi/%s/%s/%s/%s\r\n", scheme.c_str(), "", host->c_str(), "disk",
-                           url_encode(*disk, true).c_str(), "file", url_encode(entry, true).c_str());
+                           url_encode(disk, true).c_str(), "file", url_encode(entry, true).c_str());
         } else {
             cgi_out_printf("%s://%s/cgi-bin/nas.cgi?%s=1&%s=%s&%s=%s\r\n", scheme.c_str(), host->c_str(),
-                           "iNasGetSong", "disk", url_encode(*disk, false).c_str(), "file",
+                           "iNasGetSong", "disk", url_encode(disk, false).c_str(), "file",
                            url_encode(entry, false).c_str());
         }
     }

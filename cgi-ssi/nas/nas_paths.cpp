@@ -81,8 +81,7 @@ std::optional<std::string> resolve_entry(std::string_view disk, std::string_view
 
 void refuse_path(const char *what, std::string_view path) {
     NAS_LOG("%s leaves its disk : '%.*s'", what, static_cast<int>(path.size()), path.data());
-    QM_err_set(kErrNotFound);
-    status(404, "Not found");
+    fail(404, "Not found", kErrNotFound);
 }
 
 }  // namespace cgissi::nas

@@ -21,7 +21,6 @@ constexpr const char *kPlaylistDir = ".playlists";
 constexpr std::string_view kPlaylistExtension = ".m3u";
 constexpr mode_t kPlaylistDirMode = 0777;
 constexpr int kPlaylistMode = 0666;
-constexpr std::size_t kSongSize = 256;
 constexpr std::size_t kPlaylistFileMax = 16 * 1024 * 1024;
 
 struct Playlist {
@@ -32,8 +31,8 @@ struct Playlist {
 // "disk" and "name"; a missing one is answered as the design says: with 400,
 // or only with error 24 when the reply is the OK page anyway.
 std::optional<Playlist> playlist_fields(bool status_on_missing) {
-    std::optional<std::string> disk = form_text("disk", kDiskSize);
-    std::optional<std::string> name = form_text("name", kNameSize);
+    std::optional<std::string> disk = form_field("disk");
+    std::optional<std::string> name = form_field("name");
     if (disk && name) return Playlist{std::move(*disk), std::move(*name)};
     const char *field = !disk ? "disk" : "name";
     if (status_on_missing) {
@@ -63,8 +62,7 @@ void send_xml(const Playlist &list, const std::optional<std::string> &path) {
     if (path) content = read_playlist(*path);
     if (!content) {
         NAS_LOG("Cannot open file %s", path ? path->c_str() : list.name.c_str());
-        status(404, "Not found");
-        QM_err_set(kErrNotFound);
+        fail(404, "Not found", kErrNotFound);
         return;
     }
     cgiHeaderContentType("text/xml");
@@ -122,13 +120,7 @@ int nas_playlists(bool full) {
 }  // namespace
 
 bool has_extension_no_case(std::string_view name, std::string_view extension) {
-    if (name.size() < extension.size()) return false;
-    const std::string_view tail = name.substr(name.size() - extension.size());
-    for (std::size_t i = 0; i < tail.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(tail[i])) != std::tolower(static_cast<unsigned char>(extension[i])))
-            return false;
-    }
-    return true;
+    return name.size() >= extension.size() && equal_no_case(name.substr(name.size() - extension.size()), extension);
 }
 
 std::optional<std::string> read_playlist(const std::string &path) {
@@ -175,7 +167,7 @@ void playlist_add() {
 void playlist_rename() {
     if (!music_open()) return;
     const std::optional<Playlist> list = playlist_fields(false);
-    const std::optional<std::string> new_name = form_text("newname", kNameSize);
+    const std::optional<std::string> new_name = form_field("newname");
     if (list && !new_name) {
         NAS_LOG("Missing parameters %s", "newname");
         QM_err_set(kErrMissing);
@@ -184,13 +176,7 @@ void playlist_rename() {
         const std::optional<std::string> from = playlist_path(*list);
         const std::optional<std::string> to = playlist_path(Playlist{list->disk, *new_name});
         if (!from || !to) return refuse_path("playlist", *new_name);
-        struct stat info{};
-        if (::lstat(to->c_str(), &info) == 0) {
-            NAS_LOG("File already exists %s", to->c_str());
-            QM_err_set(kErrExisted);
-        } else {
-            ::rename(from->c_str(), to->c_str());
-        }
+        rename_unless_exists(*from, *to);
     }
     reply_ok_page();
 }
@@ -209,7 +195,7 @@ void playlist_move(int direction) {
     if (!music_open()) return;
     const std::optional<Playlist> list = playlist_fields(true);
     if (!list) return;
-    const std::optional<std::string> song = form_text("song", kSongSize);
+    const std::optional<std::string> song = form_field("song");
     if (!song) return missing("song");
     int nb = 1;
     cgiFormInteger("nb", &nb, 1);
@@ -228,15 +214,13 @@ void playlist_add_item() {
     if (!music_open()) return;
     const std::optional<Playlist> list = playlist_fields(true);
     if (!list) return;
-    const std::optional<std::string> folder = form_text("path", kPathMax, true);
-    if (!folder) return missing("path");
-    const std::optional<std::string> song = form_text("song", kSongSize);
-    if (!song) return missing("song");
+    const auto fields = required_fields<2>({"path", "song"});
+    if (!fields) return;
     const std::optional<std::string> path = playlist_path(*list);
     if (!path) return refuse_path("playlist", list->name);
     std::vector<std::string> lines = playlist_lines(read_playlist(*path).value_or(""));
     // compat: the entry is "<path>/<song>" even for the disk root's songs.
-    lines.push_back(*folder + "/" + *song);
+    lines.push_back((*fields)[0] + "/" + (*fields)[1]);
     store_and_show(*list, *path, lines);
 }
 

@@ -31,15 +31,6 @@ std::string property(const char *object, const char *name, std::size_t size) {
     return value;
 }
 
-bool equal_no_case(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-            return false;
-    }
-    return true;
-}
-
 bool lan_present() {
     quelm::MallocString count(QM_DAT_getobjcount("LANDevice"));
     return count && std::atoi(count.get()) > 0;

@@ -29,8 +29,7 @@ constexpr int kLighttpd = 2;
 bool media_open() {
     if (check_extern_access(NAS_KIND_DISK) != 0 || check_extern_access(NAS_KIND_MUSIC) != 0) return true;
     NAS_LOG("NAS Audio disabled");
-    status(500, "Internal server error");
-    QM_err_set(kErrRefused);
+    fail(500, "Internal server error", kErrRefused);
     return false;
 }
 
@@ -43,20 +42,6 @@ std::string header_name(std::string_view file) {
         if (byte < 0x20 || byte == 0x7f || c == '"' || c == '\\') c = '_';
     }
     return name;
-}
-
-// The file under the disk that names itself exactly (no link, no ".."),
-// or nothing after the refusal has been answered.
-std::optional<std::string> exact_path(const std::string &disk, const std::string &file) {
-    const std::optional<std::string> root = disk_root(disk);
-    const std::string full = (root ? *root : quelm::root_path(kMountDir) + "/" + disk) + "/" + file;
-    const std::optional<std::string> real = resolve_existing(disk, file);
-    if (!real || *real != full) {
-        NAS_LOG("realpath != fullPath (hack ?) : '%s' / '%s'", real ? real->c_str() : "", full.c_str());
-        refuse_path("file", file);
-        return std::nullopt;
-    }
-    return real;
 }
 
 // The thumbnail of the file when one is stored, else the file itself.
@@ -82,6 +67,18 @@ void copy_to_output(const std::string &path) {
 
 }  // namespace
 
+std::optional<std::string> exact_path(const std::string &disk, const std::string &file) {
+    const std::optional<std::string> root = disk_root(disk);
+    const std::string full = (root ? *root : quelm::root_path(kMountDir) + "/" + disk) + "/" + file;
+    const std::optional<std::string> real = resolve_existing(disk, file);
+    if (!real || *real != full) {
+        NAS_LOG("realpath != fullPath (hack ?) : '%s' / '%s'", real ? real->c_str() : "", full.c_str());
+        refuse_path("file", file);
+        return std::nullopt;
+    }
+    return real;
+}
+
 int thumb_name(const std::string &disk, const std::string &file, std::string &name) {
     const std::optional<std::string> path = resolve_existing(disk, file);
     struct stat info{};
@@ -102,26 +99,23 @@ int thumb_name(const std::string &disk, const std::string &file, std::string &na
 
 void send_file(const char *disposition, const char *type, bool thumbnail) {
     if (!media_open()) return;
-    const std::optional<std::string> disk = form_text("disk", kDiskSize);
-    if (!disk) return missing("disk");
-    const std::optional<std::string> file = form_text("file", kPathMax);
-    if (!file) return missing("file");
-    if (disk->size() + file->size() + 10 >= kPathMax) {
-        NAS_LOG("Not enough memory for %d bytes", static_cast<int>(disk->size() + file->size() + 10));
-        status(500, "Internal server error");
-        QM_err_set(kErrMemory);
+    const auto fields = required_fields<2>({"disk", "file"});
+    if (!fields) return;
+    const auto &[disk, file] = *fields;
+    if (disk.size() + file.size() + 10 >= kPathMax) {
+        NAS_LOG("Not enough memory for %d bytes", static_cast<int>(disk.size() + file.size() + 10));
+        fail(500, "Internal server error", kErrMemory);
         return;
     }
-    const std::optional<std::string> path = exact_path(*disk, *file);
+    const std::optional<std::string> path = exact_path(disk, file);
     if (!path) return;
-    const std::string sent = thumbnail ? thumbnail_or_file(*disk, *file, *path) : *path;
+    const std::string sent = thumbnail ? thumbnail_or_file(disk, file, *path) : *path;
     if (::access(sent.c_str(), R_OK) != 0) {
         NAS_LOG("Cannot open file %s err %d: %s", sent.c_str(), errno, std::strerror(errno));
-        status(404, "Not found");
-        QM_err_set(kErrNotFound);
+        fail(404, "Not found", kErrNotFound);
         return;
     }
-    cgi_out_printf("Content-disposition: %s; filename=\"%s\"\r\n", disposition, header_name(*file).c_str());
+    cgi_out_printf("Content-disposition: %s; filename=\"%s\"\r\n", disposition, header_name(file).c_str());
     // The path travels URL-encoded, as the front server decodes it.
     cgi_out_printf("X-Sendfile2: %s 0-\r\n", url_encode(sent, true).c_str());
     cgiHeaderContentType(type);
@@ -136,8 +130,7 @@ void send_pathinfo(const char *path_info, const char *disposition, const char *t
     if (file->size() >= kFileFieldSize) file->resize(kFileFieldSize - 1);
     if (check_extension && !has_audio_extension(*file, false)) {
         NAS_LOG("Not authorized extension : '%s'", file->c_str());
-        status(400, "Bad request");
-        QM_err_set(kErrMissing);
+        fail(400, "Bad request", kErrMissing);
         return;
     }
     const std::optional<std::string> path = exact_path(disk->substr(0, kDiskSize - 1), *file);
@@ -146,8 +139,7 @@ void send_pathinfo(const char *path_info, const char *disposition, const char *t
     struct stat info{};
     if (::stat(path->c_str(), &info) != 0) {
         NAS_LOG("Cannot open file '%s'", path->c_str());
-        status(404, "Not found");
-        QM_err_set(kErrNotFound);
+        fail(404, "Not found", kErrNotFound);
         return;
     }
     cgi_out_printf("Content-disposition:%s; filename=\"%s\"\r\n", disposition, header_name(*file).c_str());

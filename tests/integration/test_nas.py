@@ -11,9 +11,9 @@ import urllib.parse
 
 import pytest
 from conftest import REPO
+from test_maintenance import CONTENT_TYPE, multipart
 
 HOST = "gateway"  # the gateway's own host name: a local request
-BOUNDARY = "----quelmnas0Zx81"
 PNG = b"\x89PNG\r\n\x1a\n" + b"\x00\x00\x00\rIHDR" + bytes(17)
 
 
@@ -45,16 +45,6 @@ def nas(cgi, disk):
 def sendfile_path(path):
     """A path as the X-Sendfile2 header carries it: URL-encoded."""
     return "".join(c if c.isascii() and (c.isalnum() or c in "/.") else "%%%02x" % ord(c) for c in str(path))
-
-
-def multipart(fields=(), files=()):
-    body = b""
-    for name, value in fields:
-        body += f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"\r\n\r\n'.encode() + value + b"\r\n"
-    for name, filename, content in files:
-        body += (f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"; filename="{filename}"\r\n'
-                 "Content-Type: application/octet-stream\r\n\r\n").encode() + content + b"\r\n"
-    return body + f"--{BOUNDARY}--\r\n".encode()
 
 
 def log(log_file):
@@ -172,7 +162,7 @@ def test_access_policy(nas, qmcfg):
 
 def upload(nas, path_info, fields, name, content):
     return nas(path_info=path_info, method="POST", body=multipart(fields, [("UploadFile", name, content)]),
-               content_type=f"multipart/form-data; boundary={BOUNDARY}",
+               content_type=CONTENT_TYPE,
                extra={"HTTP_REFERER": f"http://{HOST}/index.htm"})
 
 
