@@ -91,7 +91,7 @@ bool read_request(const std::string &temporary, quelm::UniqueFd &file) {
     if (sink != nullptr) FCGI_fclose(sink);
     if (result == 0) return true;
     if (!temporary.empty()) {
-        NAS_LOG("while uploading a file, error has occured");
+        NAS_LOG("while uploading a file, error has occured");  // compat: the log's own spelling
         ::unlink(temporary.c_str());
     }
     generic_error("nas.cgi");

@@ -50,6 +50,7 @@ std::string thumbnail_or_file(const std::string &disk, const std::string &file, 
     if (thumb_name(disk, file, name) != 0) return path;
     const std::optional<std::string> thumb = resolve_existing(disk, std::string(kThumbDir) + "/" + name + ".png");
     if (thumb) return *thumb;
+    // compat: the log's own spelling, searched for by support
     NAS_LOG("Thumbnail not availiable, sending normal file : %s for %s", name.c_str(), path.c_str());
     return path;
 }
@@ -83,7 +84,7 @@ int thumb_name(const std::string &disk, const std::string &file, std::string &na
     const std::optional<std::string> path = resolve_existing(disk, file);
     struct stat info{};
     if (!path || ::stat(path->c_str(), &info) != 0) {
-        NAS_LOG("Stat is foiring");
+        NAS_LOG("Stat is foiring");  // compat: the log's own spelling, searched for by support
         QM_err_set(kErrMemory);
         return -1;
     }
@@ -142,6 +143,7 @@ void send_pathinfo(const char *path_info, const char *disposition, const char *t
         fail(404, "Not found", kErrNotFound);
         return;
     }
+    // compat: no blank after the colon in this form, as players have always been sent it.
     cgi_out_printf("Content-disposition:%s; filename=\"%s\"\r\n", disposition, header_name(*file).c_str());
     const bool front_sends = get_server_type() == kLighttpd;
     if (front_sends) cgi_out_printf("X-Sendfile: %s\r\n", path->c_str());

@@ -388,6 +388,8 @@ def test_lighttpd_streams_the_file_named_by_the_responder(lighttpd, disk):
     assert refused.startswith("HTTP/1.1 404"), refused
     refused, _ = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/x.mp3")
     assert not refused.startswith("HTTP/1.1 2"), refused
+    head, body = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/Album/02%20Closing.MP3")
+    assert body == (disk / "Music/Album/02 Closing.MP3").read_bytes(), head
     # lighttpd sent the file itself (its validators are on the answer).
     assert "ETag:" in head and "Last-Modified:" in head, head
     head, body = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/Interlude.mp3", "-H", "Range: bytes=3-9")
