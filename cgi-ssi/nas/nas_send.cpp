@@ -117,7 +117,8 @@ void send_file(const char *disposition, const char *type, bool thumbnail) {
         return;
     }
     cgi_out_printf("Content-disposition: %s; filename=\"%s\"\r\n", disposition, header_name(file).c_str());
-    // The path travels URL-encoded, as the front server decodes it.
+    // The path travels URL-encoded, as the front server decodes it (a name
+    // with "%41" must stay itself, a line break may not end the header).
     cgi_out_printf("X-Sendfile2: %s 0-\r\n", url_encode(sent, true).c_str());
     cgiHeaderContentType(type);
 }
@@ -146,7 +147,8 @@ void send_pathinfo(const char *path_info, const char *disposition, const char *t
     // compat: no blank after the colon in this form, as players have always been sent it.
     cgi_out_printf("Content-disposition:%s; filename=\"%s\"\r\n", disposition, header_name(*file).c_str());
     const bool front_sends = get_server_type() == kLighttpd;
-    if (front_sends) cgi_out_printf("X-Sendfile: %s\r\n", path->c_str());
+    // The front server URL-decodes the path: "%41" in a name must stay itself.
+    if (front_sends) cgi_out_printf("X-Sendfile: %s\r\n", url_encode(*path, true).c_str());
     cgi_out_printf("Content-Length: %llu\r\n", static_cast<unsigned long long>(info.st_size));
     cgiHeaderContentType(type);
     cgi_out_flush();

@@ -81,7 +81,7 @@ def test_send_pathinfo_form_copies_or_hands_over(nas, disk):
     assert answer.raw == head + song.read_bytes()
     # Behind lighttpd the front server sends the file: headers only.
     answer = nas(path_info="/disk/usb1/file/Music/Album/02 Closing.MP3", extra={"SERVER_NAME": "lighty"})
-    assert answer.raw == head.replace(b"Content-Length", b"X-Sendfile: %s\r\nContent-Length" % str(song).encode())
+    assert answer.raw == head.replace(b"Content-Length", b"X-Sendfile: %s\r\nContent-Length" % sendfile_path(song).encode())
     # iNasGetFile with a PATH_INFO takes any extension.
     answer = nas({"iNasGetFile": "1"}, path_info="/disk/usb1/file/Documents/notes.txt")
     assert answer.body == (disk / "Documents/notes.txt").read_bytes()
@@ -390,6 +390,11 @@ def test_lighttpd_streams_the_file_named_by_the_responder(lighttpd, disk):
     assert not refused.startswith("HTTP/1.1 2"), refused
     head, body = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/Album/02%20Closing.MP3")
     assert body == (disk / "Music/Album/02 Closing.MP3").read_bytes(), head
+    # lighttpd URL-decodes the path it is handed: "a%41" is not "aA".
+    (disk / "Music/a%41.mp3").write_bytes(b"percent")
+    (disk / "Music/aA.mp3").write_bytes(b"other")
+    for url in ["/nas.cgi/disk/usb1/file/Music/a%2541.mp3", "/nas.cgi?iNasGetFile=1&disk=usb1&file=Music/a%2541.mp3"]:
+        assert curl(lighttpd.url + url)[1] == b"percent", url
     # lighttpd sent the file itself (its validators are on the answer).
     assert "ETag:" in head and "Last-Modified:" in head, head
     head, body = curl(lighttpd.url + "/nas.cgi/disk/usb1/file/Music/Interlude.mp3", "-H", "Range: bytes=3-9")
