@@ -99,12 +99,22 @@ std::optional<std::string> named_entry(const std::string &disk, const std::strin
 
 }  // namespace
 
-void rename_unless_exists(const std::string &from, const std::string &to) {
+bool rename_no_replace(const std::string &from, const std::string &to) {
+    // One call, so that nothing can appear at the target between a check and
+    // the rename; a file system without the flag gets the check.
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
     if (exists_here(to)) {
+        errno = EEXIST;
+        return false;
+    }
+    return ::rename(from.c_str(), to.c_str()) == 0;
+}
+
+void rename_unless_exists(const std::string &from, const std::string &to) {
+    if (!rename_no_replace(from, to) && errno == EEXIST) {
         NAS_LOG("File already exists %s", to.c_str());
         QM_err_set(kErrExisted);
-    } else {
-        ::rename(from.c_str(), to.c_str());
     }
 }
 
@@ -168,7 +178,7 @@ void add_file(const std::string &temporary) {
     const std::string name = slash != nullptr ? slash + 1 : client;
     const std::optional<std::string> target = named_entry(*disk, *path, name, "upload");
     if (!target) return;
-    if (exists_here(*target) || ::rename(temporary.c_str(), target->c_str()) != 0) {
+    if (!rename_no_replace(temporary, *target)) {
         fail(500, "Internal server error", kErrNotFound);
         return;
     }

@@ -91,6 +91,8 @@ void reply_ok_page();
 // Answers with the HTTP status (its header block only) and sets the shared
 // error code.
 void fail(int code, const char *message, int error);
+// Renames unless the target exists (false, errno EEXIST, both kept).
+bool rename_no_replace(const std::string &from, const std::string &to);
 // Renames unless the target exists (then logs, sets 25 and keeps both).
 void rename_unless_exists(const std::string &from, const std::string &to);
 // The file under the disk that names itself exactly (no link, no ".."), or

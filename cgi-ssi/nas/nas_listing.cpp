@@ -108,7 +108,8 @@ void send_folder_listing(std::string_view disk, std::string_view rel, bool audio
 
 void send_folder(bool audio_only) {
     if (check_extern_access(NAS_KIND_DISK) == 0 && check_extern_access(NAS_KIND_MUSIC) == 0) return refuse_access();
-    if (const auto fields = required_fields<2>({"disk", "path"})) send_folder_listing((*fields)[0], (*fields)[1], audio_only);
+    if (const auto fields = required_fields<2>({"disk", "path"}))
+        send_folder_listing((*fields)[0], (*fields)[1], audio_only);
 }
 
 }  // namespace cgissi::nas

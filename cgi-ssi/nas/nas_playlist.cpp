@@ -153,7 +153,8 @@ void playlist_add() {
             ::mkdir((*root + "/" + kPlaylistDir).c_str(), kPlaylistDirMode);
         const std::optional<std::string> path = playlist_path(*list);
         if (!path) return refuse_path("playlist", list->name);
-        quelm::UniqueFd file(::open(path->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kPlaylistMode));
+        constexpr int kCreateNew = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        quelm::UniqueFd file(::open(path->c_str(), kCreateNew, kPlaylistMode));
         if (!file && errno == EEXIST) {
             NAS_LOG("File already exists %s", path->c_str());
             QM_err_set(kErrExisted);
@@ -202,7 +203,7 @@ void playlist_move(int direction) {
     const std::optional<std::string> path = playlist_path(*list);
     const std::optional<std::string> content = path ? read_playlist(*path) : std::nullopt;
     if (!content) return send_xml(*list, path);
-    const std::optional<std::vector<std::string>> moved = playlist_moved(playlist_lines(*content), *song, direction, nb);
+    const auto moved = playlist_moved(playlist_lines(*content), *song, direction, nb);
     if (!moved) {
         QM_err_set(kErrNotFound);
         return send_xml(*list, path);

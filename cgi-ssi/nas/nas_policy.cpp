@@ -48,7 +48,9 @@ bool local_request() {
     if (equal_no_case(host, name) || equal_no_case(host, aliases)) return true;
     // An alias list names the gateway by each of its names, as sessions see it.
     bool alias = false;
-    quelm::split(aliases, ',', [&](std::string_view item) { alias = alias || (!item.empty() && equal_no_case(host, item)); });
+    quelm::split(aliases, ',', [&](std::string_view item) {
+        alias = alias || (!item.empty() && equal_no_case(host, item));
+    });
     if (alias) return true;
     const long mask_word = my_ipword(mask.c_str());
     return (my_ipword(std::string(host).c_str()) & mask_word) == (my_ipword(address.c_str()) & mask_word);

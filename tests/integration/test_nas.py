@@ -81,7 +81,8 @@ def test_send_pathinfo_form_copies_or_hands_over(nas, disk):
     assert answer.raw == head + song.read_bytes()
     # Behind lighttpd the front server sends the file: headers only.
     answer = nas(path_info="/disk/usb1/file/Music/Album/02 Closing.MP3", extra={"SERVER_NAME": "lighty"})
-    assert answer.raw == head.replace(b"Content-Length", b"X-Sendfile: %s\r\nContent-Length" % sendfile_path(song).encode())
+    handed = b"X-Sendfile: %s\r\nContent-Length" % sendfile_path(song).encode()
+    assert answer.raw == head.replace(b"Content-Length", handed)
     # iNasGetFile with a PATH_INFO takes any extension.
     answer = nas({"iNasGetFile": "1"}, path_info="/disk/usb1/file/Documents/notes.txt")
     assert answer.body == (disk / "Documents/notes.txt").read_bytes()
@@ -185,7 +186,8 @@ def test_upload_stores_the_file_inside_the_disk_only(nas, disk, root):
 
 
 def test_rename_and_delete_reply_with_the_listing(nas, disk, log_file):
-    answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Live.aac", "newname": "On stage.aac"})
+    answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Live.aac",
+                  "newname": "On stage.aac"})
     assert b"<name>On stage.aac</name>" in answer.body and (disk / "Music/On stage.aac").exists()
     answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Interlude.mp3",
                   "newname": "On stage.aac"})
