@@ -10,18 +10,13 @@
 #include "qm_config.h"
 #include "qm_generic.h"
 #include "qm_maintenance.h"
+#include "qm_nas.h"
 #include "qm_token.h"
 #include "quelm_guard.h"
 #include "ssi.h"
 
 namespace cgissi::ssi {
 namespace {
-
-// The NAS playlists are not part of this
-// build yet: their symbols answer as a part that found nothing would, no
-// text and result 0.
-int no_nas_playlists() { return 0; }
-int no_nas_fullplaylists() { return 0; }
 
 // Process-wide because the C interface makes it so: set_ssi_do_plugin
 // installs it for the requests that follow.
@@ -34,8 +29,8 @@ ssi_symbol_callback installed_callback = nullptr;
 extern "C" const ssi_builtin_symbol plugins[] = {
     {"iCgiError", get_cgierror},
     {"iFirmwareProgression", get_firmware_progression},
-    {"sNasPlaylists", cgissi::ssi::no_nas_playlists},
-    {"sNasFullPlaylists", cgissi::ssi::no_nas_fullplaylists},
+    {"sNasPlaylists", get_nas_playlists},
+    {"sNasFullPlaylists", get_nas_fullplaylists},
 };
 
 namespace cgissi::ssi {

@@ -14,3 +14,5 @@ echo "== bench/datamodel"
 bench/datamodel/run.sh build
 echo "== bench/upload"
 bench/upload/run.sh build
+echo "== bench/nas"
+bench/nas/run.sh build

@@ -7,7 +7,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libfcgi-dev libfcgi-bin libssl-dev libiksemel-dev libsqlite3-dev
+  libfcgi-dev libfcgi-bin libssl-dev libiksemel-dev libsqlite3-dev libexif-dev
   libgtest-dev python3-pytest lighttpd curl
   "$@"
 )

@@ -20,14 +20,18 @@ log_file=${QUELM_LOG_FILE:-$run/cgi-ssi.log}
 realm=${QUELM_REALM:-web}
 srv_idx=${QUELM_SRV_IDX:-1}
 
-backend() { # name bin-path
+backend() { # name bin-path [sendfile]
+  # Only the CGI back end may hand files to lighttpd (X-Sendfile and
+  # X-Sendfile2), and only files of the disks.
+  local sendfile='"allow-x-send-file" => "disable",'
+  [ "${3:-}" = sendfile ] && sendfile="\"allow-x-send-file\" => \"enable\",
+      \"x-sendfile-docroot\" => ( \"$root/var/mnt/\" ),"
   cat <<CONF
     ( "bin-path" => "$2",
       "socket" => "$run/$1.sock",
       "check-local" => "disable",
       "max-procs" => 1,
-      "allow-x-send-file" => "enable",
-      "x-sendfile-docroot" => ( "$root/var/mnt" ),
+      $sendfile
       "bin-environment" => (
         "QUELM_ROOT" => "$root",
         "QUELM_LOG_FILE" => "$log_file",
@@ -71,12 +75,24 @@ fastcgi.map-extensions = ( ".html" => ".htm", ".js" => ".htm", ".xml" => ".htm" 
 \$HTTP["url"] == "/_info.xml" {
   fastcgi.map-extensions = ()
 }
+# The NAS service also takes its parameters in PATH_INFO (/nas.cgi/disk/...),
+# which only a prefix match passes on. It is told that lighttpd serves it
+# (SERVER_NAME), so that it leaves sending the files to lighttpd.
+\$HTTP["url"] =~ "^(/cgi-bin)?/nas\\.cgi(/|\$)" {
+  server.name = "lighty"
+}
 fastcgi.server = (
   "/_info.xml" => (
 $(backend info "$root/cgi-bin/_info.xml")
   ),
+  "/nas.cgi" => (
+$(backend nas "$bin/cgi-ssi" sendfile)
+  ),
+  "/cgi-bin/nas.cgi" => (
+$(backend nas-bin "$bin/cgi-ssi" sendfile)
+  ),
   ".cgi" => (
-$(backend cgi "$bin/cgi-ssi")
+$(backend cgi "$bin/cgi-ssi" sendfile)
   ),
   ".htm" => (
 $(backend ssi "$root/cgi-bin/ssi")

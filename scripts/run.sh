@@ -40,6 +40,7 @@ export QUELM_ROOT=$root
 export QUELM_LOG_FILE=$run/cgi-ssi.log
 mkdir -p "$run"
 "$bin/qmcfg" init
+scripts/sample-disk.sh "$root"
 
 # Sessions are only handed to requests whose Host names the gateway; on a PC
 # it is reached as localhost or 127.0.0.1. Both names go into this root's

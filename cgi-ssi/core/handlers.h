@@ -7,8 +7,5 @@
 #include "qm_generic.h"  // generic_cgi
 #include "qm_login.h"    // login_cgi
 #include "qm_maintenance.h"  // firmware, reboot, import, export, _info.xml
+#include "qm_nas.h"      // nas_cgi
 #include "ssi.h"         // ssi, the page renderer
-
-extern "C" {
-int nas_cgi(int argc, char **argv);
-}
