@@ -4,9 +4,9 @@
 //
 // A successful login writes "USER", "PASSWORD" and "SERVICES" into the
 // session file; pages and the rights checks read them from there. Wrong
-// signatures count towards "MaxTry" of Services_IADConfigurator; refusing
-// logins while "TimeBlock" lies ahead is the web authentication library's
-// business.
+// logins count towards "MaxTry" of Services_IADConfigurator; while
+// "TimeBlock" lies ahead logins fail unchecked (see util/policy.h for the
+// legacy policy).
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +34,7 @@
 #include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
+#include "util/policy.h"
 
 namespace cgissi::auth {
 namespace {
@@ -239,17 +240,35 @@ Records signature_candidates(const char *level) {
     return Records(QM_DAT_getobjdata(filter.c_str(), 0));
 }
 
-void count_failed_signature() {
+// A failed login counts towards MaxTry; reaching it sets TimeBlock. The
+// legacy policy blocks only on the exact count (a count past it never blocks
+// again); by default every MaxTry failures start a new block.
+void count_failed_login() {
     int max_try = int_property(kIad, "MaxTry");
     int try_delay = int_property(kIad, "TryDelay");
     int number_try = int_property(kIad, "NumberTry") + 1;
-    if (number_try == max_try) {
+    const bool compat = cgissi::policy::compat_mode();
+    if (compat ? number_try == max_try : max_try > 0 && number_try >= max_try) {
         char block[32];
         std::snprintf(block, sizeof block, "%ld", static_cast<long>(std::time(nullptr)) + try_delay);
         SetPropertyStrValue(kIad, "TimeBlock", block);
+        if (!compat) number_try = 0;
     }
     SetPropertyIntValue(kIad, "NumberTry", number_try);
     QM_FILE_commit(0);
+}
+
+// By default no login is checked while TimeBlock lies ahead; the legacy
+// policy leaves that to the web authentication library.
+bool logins_blocked() {
+    if (cgissi::policy::compat_mode()) return false;
+    std::string block;
+    if (!property(kIad, "TimeBlock", block)) return false;
+    const long until = std::strtol(block.c_str(), nullptr, 10);
+    if (until <= static_cast<long>(std::time(nullptr))) return false;
+    quelm::log::print(LOG_WARNING, "login from %s refused without a check: logins are blocked until %ld",
+                      cgiRemoteAddr, until);
+    return true;
 }
 
 int parse_config_auth_signature(const char *seed, const char *level, int mode) {
@@ -274,7 +293,7 @@ int parse_config_auth_signature(const char *seed, const char *level, int mode) {
         }
         QM_LOG_print("Signature failed");
         user[0] = password[0] = services[0] = '\0';
-        count_failed_signature();
+        count_failed_login();
     }
     if (matched == nullptr) return 0;
     int number = static_cast<int>(std::strtol(matched->name + kUserPrefixLength, nullptr, 10));
@@ -377,7 +396,7 @@ void signed_login(const std::string &referrer) {
     char seed[kSeedSize];
     char level[kLevelSize];
     int result = 0;
-    if (form_value("seed", seed, sizeof seed) && form_value("level", level, sizeof level)) {
+    if (!logins_blocked() && form_value("seed", seed, sizeof seed) && form_value("level", level, sizeof level)) {
         result = parse_config_auth_signature(seed, level, kModeLogin);
     }
     quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "signed login from %s %s", cgiRemoteAddr,
@@ -391,8 +410,10 @@ void plain_login(const std::string &referrer) {
     char level[kLevelSize];
     int result = 0;
     if (form_value("login", login, sizeof login) && form_value("password", password, sizeof password) &&
-        form_value("level", level, sizeof level) && QM_HasSession() != 0) {
+        form_value("level", level, sizeof level) && QM_HasSession() != 0 && !logins_blocked()) {
         result = retrieve_password(login, password, level, kModeLogin);
+        // The legacy policy counts signature failures only.
+        if (result != 1 && !cgissi::policy::compat_mode()) count_failed_login();
     }
     quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "login of user '%s' from %s %s",
                       form_value("login", login, sizeof login) ? login : "", cgiRemoteAddr,

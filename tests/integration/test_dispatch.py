@@ -5,6 +5,10 @@ import pytest
 
 from fcgi import Responder
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 # "nas.cgi" answers 404 while its feature is not in the build: it is the
 # probe for the request layer here. A name that neither a built-in nor a
 # plugin answers gets the request loop's 404; a missing page gets the page

@@ -1,0 +1,82 @@
+#include "util/policy.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "quelm_log.h"
+
+namespace cgissi::policy {
+namespace {
+
+constexpr const char *kCompatVariable = "QUELM_COMPAT";
+
+// Process-wide: the environment of later requests is the web server's
+// parameters, so the switch is the one seen at start.
+struct Pinned {
+    bool pinned = false;
+    bool compat = false;
+};
+
+Pinned &pinned() {
+    static Pinned p;
+    return p;
+}
+
+bool compat_from_environment() {
+    const char *value = std::getenv(kCompatVariable);
+    return value != nullptr && std::strcmp(value, "1") == 0;
+}
+
+}  // namespace
+
+void pin() {
+    pinned().compat = compat_from_environment();
+    pinned().pinned = true;
+}
+
+bool compat_mode() { return pinned().pinned ? pinned().compat : compat_from_environment(); }
+
+std::string_view origin_of(std::string_view url) {
+    std::size_t start = 0;
+    if (url.starts_with("http://")) {
+        start = 7;
+    } else if (url.starts_with("https://")) {
+        start = 8;
+    } else {
+        return {};
+    }
+    const std::size_t end = url.find_first_of("/?#", start);
+    if (end == start) return {};
+    return url.substr(0, end == std::string_view::npos ? url.size() : end);
+}
+
+bool same_origin(const char *origin, const char *referer, const char *host) {
+    if (host == nullptr || host[0] == '\0') return false;
+    std::string_view claimed;
+    if (origin != nullptr && origin[0] != '\0') {
+        claimed = origin;
+    } else if (referer != nullptr) {
+        claimed = origin_of(referer);
+    }
+    std::string_view rest;
+    if (claimed.starts_with("http://")) {
+        rest = claimed.substr(7);
+    } else if (claimed.starts_with("https://")) {
+        rest = claimed.substr(8);
+    } else {
+        return false;
+    }
+    return rest == host;
+}
+
+bool request_is_same_origin() {
+    const char *origin = std::getenv("HTTP_ORIGIN");
+    const char *referer = std::getenv("HTTP_REFERER");
+    const char *host = std::getenv("HTTP_HOST");
+    if (same_origin(origin, referer, host)) return true;
+    quelm::log::print(LOG_WARNING, "state change refused: origin '%s' (referer '%s') is not host '%s'",
+                      origin != nullptr ? origin : "", referer != nullptr ? referer : "", host != nullptr ? host : "");
+    return false;
+}
+
+}  // namespace cgissi::policy

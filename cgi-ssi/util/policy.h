@@ -1,0 +1,34 @@
+// The access policy switch. By default the gateway applies the policy a
+// device on a real LAN needs (same-origin state changes, admin-only
+// maintenance, a lockout that locks, fresh session at login, whole-component
+// token rights, secrets only encrypted). QUELM_COMPAT=1 in the responder's
+// environment at start brings back the legacy policy that old pages were
+// written for; nothing else changes with it.
+#pragma once
+
+#include <string_view>
+
+namespace cgissi::policy {
+
+// Reads QUELM_COMPAT once; called at process start, before the first
+// request replaces the environment.
+void pin();
+
+// True when QUELM_COMPAT was "1" at start (or, before pin(), is "1" now).
+bool compat_mode();
+
+// The scheme-host-port of an absolute http(s) URL ("http://h:8080"), or
+// empty when it is not one.
+std::string_view origin_of(std::string_view url);
+
+// The same-origin test of a state change: Origin, or without it the
+// Referer's origin, names the request's own Host ("http://" + host or
+// "https://" + host). Pure: the caller passes the header values (null
+// means absent).
+bool same_origin(const char *origin, const char *referer, const char *host);
+
+// same_origin() on this request's HTTP_ORIGIN, HTTP_REFERER and HTTP_HOST,
+// logging a refusal.
+bool request_is_same_origin();
+
+}  // namespace cgissi::policy
