@@ -154,3 +154,15 @@ def test_plain_failures_start_a_block(cgi, gateway, compat, qmcfg):
     assert (block == 0) == compat
     if not compat:
         assert before + 120 <= block <= int(time.time()) + 120
+
+
+def test_rights_match_whole_components(cgi, gateway, compat, qmcfg, root):
+    write_token(root, "abc123", rights="Enable,Device")
+    browser = Browser(cgi, SELF)
+
+    def write(path, value):
+        browser.send("generic.cgi", urlencode(dict(token="abc123", write=f"{path}:{value}")).encode())
+        return qmcfg("get", path).stdout.strip() == value
+    assert write("Device_Hostname", "box")  # a leading component: both settings
+    assert write("User_2_Enable", "1") == compat
+    assert write("LANDevice_1_IPInterface_1_IPAddress", "10.0.0.1") == compat
