@@ -34,6 +34,7 @@
 #include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
+#include "session/session_store.h"
 #include "util/policy.h"
 
 namespace cgissi::auth {
@@ -392,6 +393,16 @@ std::string success_page(const std::string &referrer) {
     return referrer.substr(0, dot) + "OK.htm";
 }
 
+// By default a successful login moves the session to a fresh token and
+// sends its cookie (after the request loop's, which it overrides), so a
+// token planted or seen before the login is worth nothing. The legacy
+// policy keeps the token.
+void renew_session_at_login(int result) {
+    if (result != 1 || cgissi::policy::compat_mode()) return;
+    if (!cgissi::session::renew_session()) return;
+    cgi_out_printf("Set-Cookie: %s=%s;  Path=/; SameSite=Strict; \r\n", QM_SessionName, QM_SessionToken);
+}
+
 void signed_login(const std::string &referrer) {
     char seed[kSeedSize];
     char level[kLevelSize];
@@ -401,6 +412,7 @@ void signed_login(const std::string &referrer) {
     }
     quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "signed login from %s %s", cgiRemoteAddr,
                       result == 1 ? "accepted" : "refused: no user's signature matched, or a field is missing");
+    renew_session_at_login(result);
     redirect(result, referrer.c_str());
 }
 
@@ -418,6 +430,7 @@ void plain_login(const std::string &referrer) {
     quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "login of user '%s' from %s %s",
                       form_value("login", login, sizeof login) ? login : "", cgiRemoteAddr,
                       result == 1 ? "accepted" : "refused (unknown user, wrong password or level, or missing field)");
+    renew_session_at_login(result);
     redirect(result, referrer.c_str());
 }
 

@@ -103,6 +103,24 @@ bool read_session_file(const std::string &mapped, std::string &content) {
     return true;
 }
 
+// A new session file of this realm with a fresh token, holding content;
+// it becomes the request's session. False (and nothing changed) when the
+// file could not be made; a short write leaves the session as written.
+bool create_session_file(const std::string &content) {
+    std::string path = std::string(kSessionPath) + "/" + realm() + "_XXXXXX";
+    if (path.size() >= kCreatePathSize) return false;
+    std::string mapped = quelm::root_path(path);
+    UniqueFd fd(::mkostemp(mapped.data(), O_CLOEXEC));
+    if (!fd) return false;
+    std::free(QM_SessionToken);
+    QM_SessionToken = strndup(mapped.c_str() + mapped.size() - kTokenLength, kTokenLength);
+    path.replace(path.size() - kTokenLength, kTokenLength, or_empty(QM_SessionToken));
+    std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", path.c_str());
+    ssize_t written = ::write(fd.get(), content.data(), content.size());
+    (void)written;
+    return true;
+}
+
 // Value of the first line "key=value"; false when no line has that key.
 bool find_entry(std::string_view content, std::string_view key, std::string_view &value) {
     std::size_t pos = 0;
@@ -171,6 +189,20 @@ bool in_alias_list(std::string_view aliases, std::string_view host) {
 }
 
 }  // namespace
+
+bool renew_session() {
+    return quelm::guarded(false, __func__, [&] {
+        if (QM_SessionToken == nullptr || QM_SessionFullPath[0] == '\0') return false;
+        const std::string old_mapped = quelm::root_path(QM_SessionFullPath);
+        std::string content;
+        if (!read_session_file(old_mapped, content) || !create_session_file(content)) {
+            quelm::log::print(LOG_ERR, "failed to renew the session at login");
+            return false;
+        }
+        ::unlink(old_mapped.c_str());
+        return true;
+    });
+}
 
 void secure_store_directory() {
     const std::string mapped = quelm::root_path(kSessionPath);
@@ -264,26 +296,12 @@ int QM_CreateSession(void) {
             quelm::log::print(LOG_ERR, "failed to create session, aborting");
             return 0;
         }
-        std::string path = std::string(kSessionPath) + "/" + realm() + "_XXXXXX";
-        if (path.size() >= kCreatePathSize) {
-            quelm::log::print(LOG_ERR, "failed to create session, aborting");
-            return 0;
-        }
-        std::string mapped = quelm::root_path(path);
-        UniqueFd fd(::mkostemp(mapped.data(), O_CLOEXEC));
-        if (!fd) {
-            quelm::log::print(LOG_ERR, "failed to create session, aborting");
-            return 0;
-        }
-        std::free(QM_SessionToken);
-        QM_SessionToken = strndup(mapped.c_str() + mapped.size() - kTokenLength, kTokenLength);
-        path.replace(path.size() - kTokenLength, kTokenLength, or_empty(QM_SessionToken));
-        std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", path.c_str());
-
         std::string content = std::string("REMOTE_ADDR=") + address + "\nHTTP_USER_AGENT=" + agent +
                               "\nREALM=" + realm() + "\n";
-        ssize_t written = ::write(fd.get(), content.data(), content.size());
-        (void)written;
+        if (!create_session_file(content)) {
+            quelm::log::print(LOG_ERR, "failed to create session, aborting");
+            return 0;
+        }
         return 1;
     });
 }

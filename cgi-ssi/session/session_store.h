@@ -15,4 +15,9 @@ void begin_request();
 // process start.
 void secure_store_directory();
 
+// Moves the request's session to a fresh token (its entries kept, the old
+// file removed), so that a token known before a login is worth nothing
+// after it. False, with the session unchanged, when it could not.
+bool renew_session();
+
 }  // namespace cgissi::session

@@ -55,10 +55,13 @@ class Browser:
             extra["HTTP_COOKIE"] = f"QM_web_ID={self.token}"
         answer = self.cgi(page=cgi_name, argv0=cgi_name, method=method, body=body, query=query,
                           content_type=content_type if body else None, extra=extra)
-        match = COOKIE.match(answer.raw)
+        rest, match = answer.raw, COOKIE.match(answer.raw)
         assert answer.returncode == 0 and match, answer.raw[:200]
-        self.token, self.cookie_line = match.group(1).decode(), match.group(0)
-        return answer.raw[match.end():]
+        while match:  # a login may renew the session: the last cookie counts
+            self.token, self.cookie_line = match.group(1).decode(), match.group(0)
+            rest = rest[match.end():]
+            match = COOKIE.match(rest)
+        return rest
 
     def login(self, user="admin", password="admin", level="admin"):
         return self.send("login.cgi", urlencode(dict(cust_auth="1", request="authentication", login=user,
@@ -166,3 +169,18 @@ def test_rights_match_whole_components(cgi, gateway, compat, qmcfg, root):
     assert write("Device_Hostname", "box")  # a leading component: both settings
     assert write("User_2_Enable", "1") == compat
     assert write("LANDevice_1_IPInterface_1_IPAddress", "10.0.0.1") == compat
+
+
+def test_login_renews_the_session(cgi, gateway, compat, root):
+    victim = Browser(cgi, SELF)
+    victim.send("login.cgi")
+    planted = victim.token  # a token the attacker knows (fixation)
+    assert victim.login() == JSON_OK
+    sessions = root / "var/quelm/session"
+    assert (victim.token == planted) == compat
+    assert (sessions / f"web_{planted}").exists() == compat
+    assert "USER=admin" in (sessions / f"web_{victim.token}").read_text()
+    attacker = Browser(cgi, SELF)
+    attacker.token = planted
+    answer = attacker.send("export.cgi", query="sExportMode=archive", method="GET")
+    assert (REFUSED in answer) != compat
