@@ -184,3 +184,25 @@ def test_login_renews_the_session(cgi, gateway, compat, root):
     attacker.token = planted
     answer = attacker.send("export.cgi", query="sExportMode=archive", method="GET")
     assert (REFUSED in answer) != compat
+
+
+def test_secrets_only_encrypted_and_rules_owned_on_every_path(cgi, gateway, compat, qmcfg, root):
+    write_token(root, "abc123")
+    browser = Browser(cgi, SELF)
+    key = "WLANInterface_1_Config_WPADefaultKey"
+
+    def send(**fields):
+        browser.send("generic.cgi", urlencode(dict(token="abc123", **fields)).encode())
+
+    def value(path):
+        return qmcfg("get", path).stdout.strip()
+    send(write=f"{key}:plain text!")  # not base64: no cipher text at all
+    assert value(key) != "plain text!"
+    send(writes="WLANInterface_1_Config:WPADefaultKey=other text!")
+    assert (value(key) == "other text!") == compat
+    # PortMapping_1 is the operator's (User=0).
+    send(writes="PortMapping_1:Name=mine")
+    assert (value("PortMapping_1_Name") == "mine") == compat
+    qmcfg("set", "PortMapping_1", "Name", "changed")
+    send(reset="PortMapping_1:0")  # back to the factory values
+    assert (value("PortMapping_1_Name") == "changed") != compat
