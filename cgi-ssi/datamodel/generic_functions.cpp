@@ -18,6 +18,7 @@
 #include "quelm_owned.h"
 #include "ssi.h"
 #include "ssi_buffer.h"
+#include "util/policy.h"
 
 namespace cgissi::datamodel {
 namespace {
@@ -47,6 +48,14 @@ bool for_each_named(const Row *table, int count, const std::string &name, Visit 
 // False when there is none.
 bool call_device_functions(const FunctionCall &call, GenericRequest &request) {
     return for_each_named(cgi_plugins, get_nbcgiplugins(), call.name, [&](const cgi_plugin &row) {
+        // A function that changes the configuration is a state change: by
+        // default only from the gateway's own pages (POSTs were checked by
+        // the request loop; this catches GETs).
+        if (row.lock != 0 && !cgissi::policy::compat_mode() && !cgissi::policy::request_is_same_origin()) {
+            set_cgi_error(request, kErrorRefused, "Cross-site call of symbol <%s> refused. ", call.name.c_str());
+            request.answer.string("", json::Escape::strict);
+            return;
+        }
         if (row.lock != 0) get_lock();
         const int rc = row.handler("cgi", call.argument_ptr());
         // Device functions leave JSON (quotes included) in Ssi.

@@ -111,6 +111,11 @@ def reboot_form():
             f"--{BOUNDARY}--\r\n").encode()
 
 
+def events(root):
+    path = root / "var/quelm/platform/events.log"
+    return path.read_text() if path.exists() else ""
+
+
 def reboots(root):
     path = root / "var/quelm/platform/events.log"
     return path.read_text().count(" reboot 5") if path.exists() else 0
@@ -206,3 +211,13 @@ def test_secrets_only_encrypted_and_rules_owned_on_every_path(cgi, gateway, comp
     qmcfg("set", "PortMapping_1", "Name", "changed")
     send(reset="PortMapping_1:0")  # back to the factory values
     assert (value("PortMapping_1_Name") == "changed") != compat
+
+
+def test_functions_that_lock_need_same_origin(cgi, gateway, compat, root):
+    write_token(root, "abc123")
+    attacker = Browser(cgi, EVIL)
+    answer = attacker.send("generic.cgi", method="GET", query="token=abc123&fct=factoryReset")
+    assert (b'{"factoryReset" : "", "error" : "Cross-site call of symbol' in answer) != compat
+    assert ("factory" in events(root)) == compat
+    admin = Browser(cgi, SELF)
+    assert b"Cross-site" not in admin.send("generic.cgi", method="GET", query="token=abc123&fct=cgierror")
