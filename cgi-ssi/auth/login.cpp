@@ -434,12 +434,33 @@ void plain_login(const std::string &referrer) {
     redirect(result, referrer.c_str());
 }
 
+// By default only the signed-in user changes his own password: the
+// session's USER must be that login. The legacy policy asks only for the
+// current password.
+bool signed_in_as(const char *login) {
+    if (cgissi::policy::compat_mode()) return true;
+    char user[kSessionUserSize + 1] = {};
+    const bool same = QM_HasSession() != 0 &&
+                      QM_GetSessionInfo(QM_SessionToken, "USER", user, kSessionUserSize) == 1 &&
+                      std::strcmp(user, login) == 0;
+    if (!same) quelm::log::print(LOG_WARNING, "password change of '%s' from %s refused: not signed in as that user",
+                                 login, cgiRemoteAddr);
+    return same;
+}
+
 void password_change(const std::string &referrer) {
     char current[kPasswordSize];
     if (!form_value("currentpassword", current, sizeof current)) return;
     char login[kLoginSize];
     if (!form_value("login", login, sizeof login)) copy_bounded(login, sizeof login, kDefaultLogin);
-    if (retrieve_password(login, current, nullptr, kModeChangePassword) == 1) {
+    if (!signed_in_as(login) || logins_blocked()) {
+        redirect_html(referrer.c_str(), true);
+        return;
+    }
+    const int result = retrieve_password(login, current, nullptr, kModeChangePassword);
+    // The legacy policy does not count wrong current passwords.
+    if (result != 1 && !cgissi::policy::compat_mode()) count_failed_login();
+    if (result == 1) {
         redirect_html(success_page(referrer).c_str(), false);
     } else {
         redirect_html(referrer.c_str(), true);

@@ -9,6 +9,7 @@ from urllib.parse import urlencode
 
 import pytest
 
+from cipher import page_encrypt
 from conftest import make_user, write_token
 
 HOST = "192.168.1.1"
@@ -221,3 +222,28 @@ def test_functions_that_lock_need_same_origin(cgi, gateway, compat, root):
     assert ("factory" in events(root)) == compat
     admin = Browser(cgi, SELF)
     assert b"Cross-site" not in admin.send("generic.cgi", method="GET", query="token=abc123&fct=cgierror")
+
+
+def change_password(browser, current, new):
+    key = "K3y9Zq"
+    return browser.send("login.cgi", urlencode(dict(
+        cust_auth="1", request="change", login="admin", token=key, currentpassword=page_encrypt(key, current),
+        newpassword1=page_encrypt(key, new))).encode())
+
+
+def test_password_change_needs_that_users_session(cgi, gateway, compat, qmcfg):
+    stranger = Browser(cgi, SELF)  # knows the factory password, never signed in
+    stranger.send("login.cgi")
+    change_password(stranger, "admin", "taken-over")
+    assert (qmcfg("get", "User_1_Password").stdout.strip() == "taken-over") == compat
+    qmcfg("set", "User_1", "Password", "admin")
+    ops = Browser(cgi, SELF)  # signed in, but as another user
+    assert ops.login("ops", "ops-pw", "ops") == JSON_OK
+    change_password(ops, "admin", "taken-over")
+    assert (qmcfg("get", "User_1_Password").stdout.strip() == "taken-over") == compat
+    qmcfg("set", "User_1", "Password", "admin")
+    admin = signed_in_admin(cgi)
+    change_password(admin, "wrong", "n3w")  # a wrong current password counts
+    assert iad(qmcfg, "NumberTry") == ("0" if compat else "1")
+    assert b"indexOK.htm" in change_password(admin, "admin", "N3w-pw")
+    assert qmcfg("get", "User_1_Password").stdout.strip() == "N3w-pw"
