@@ -338,6 +338,7 @@ void redirect_html(const char *url, bool failed, int status = 0) {
     cgi_out_printf("text/html\r\n\r\n<HTML>\n");
     // The target is request text (the referrer): it is escaped for the
     // script string it lands in.
+    url = cgissi::policy::home_target(url);
     cgi_out_printf("<script>\r\ndocument.location.replace(\"%s%s\");\r\n</script>\r\n",
                    quelm::script_string(url != nullptr ? url : "").c_str(), failed ? "?pwd=ko" : "");
     cgi_out_printf("</HTML>\n");

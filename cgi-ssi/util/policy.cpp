@@ -79,4 +79,28 @@ bool request_is_same_origin() {
     return false;
 }
 
+bool stays_home(std::string_view url, std::string_view host) {
+    // Browsers drop blanks and control bytes and read "\\" as "/": any of
+    // them could turn a path into "//other-host".
+    for (char c : url) {
+        if (static_cast<unsigned char>(c) <= ' ' || c == '\x7f' || c == '\\') return false;
+    }
+    if (url.starts_with("//")) return false;
+    const std::size_t colon = url.find(':');
+    const std::size_t path_mark = url.find_first_of("/?#");
+    if (colon == std::string_view::npos || (path_mark != std::string_view::npos && path_mark < colon)) return true;
+    // A scheme: only an http(s) URL naming this host stays.
+    std::string_view origin = origin_of(url);
+    const std::size_t authority = origin.find("://");
+    return !host.empty() && authority != std::string_view::npos && origin.substr(authority + 3) == host;
+}
+
+const char *home_target(const char *url) {
+    if (url == nullptr || compat_mode()) return url;
+    const char *host = std::getenv("HTTP_HOST");
+    if (stays_home(url, host != nullptr ? host : "")) return url;
+    quelm::log::print(LOG_WARNING, "redirect to '%s' leaves the gateway: sent to %s instead", url, kStartPage);
+    return kStartPage;
+}
+
 }  // namespace cgissi::policy

@@ -31,4 +31,17 @@ bool same_origin(const char *origin, const char *referer, const char *host);
 // logging a refusal.
 bool request_is_same_origin();
 
+// The page a browser is sent to when a redirect target would leave the
+// gateway.
+constexpr const char *kStartPage = "/index.htm";
+
+// A redirect target that keeps the browser on host: a relative reference
+// (no scheme, not "//"), or an http(s) URL whose host-port is host; never
+// one holding a blank, a control byte or a backslash. Pure.
+bool stays_home(std::string_view url, std::string_view host);
+
+// url, or kStartPage when by default it would leave this request's host
+// (with QUELM_COMPAT=1, url as given); logs a replacement.
+const char *home_target(const char *url);
+
 }  // namespace cgissi::policy
