@@ -85,7 +85,8 @@ long idle_lifetime() {
 
 bool expired(const struct stat &st, std::time_t now, long lifetime) { return lifetime < now - st.st_mtime; }
 
-// Reads a whole session file; false when it is missing or not a session.
+}  // namespace
+
 bool read_session_file(const std::string &mapped, std::string &content) {
     UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) return false;
@@ -102,6 +103,8 @@ bool read_session_file(const std::string &mapped, std::string &content) {
     content.resize(got);
     return true;
 }
+
+namespace {
 
 // A new session file of this realm with a fresh token, holding content;
 // it becomes the request's session. False (and nothing changed) when the
@@ -121,7 +124,8 @@ bool create_session_file(const std::string &content) {
     return true;
 }
 
-// Value of the first line "key=value"; false when no line has that key.
+}  // namespace
+
 bool find_entry(std::string_view content, std::string_view key, std::string_view &value) {
     std::size_t pos = 0;
     while (pos < content.size()) {
@@ -136,6 +140,8 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
     }
     return false;
 }
+
+namespace {
 
 // A token's session file: the name that is logged, the mapped name, and
 // whether the token is well formed and its file there (st is then its status).
@@ -277,7 +283,7 @@ int QM_FlushSessions(void) {
                 ::unlink(mapped.c_str());
                 continue;
             }
-            if (QM_SessionMaxLimit != 0) ++QM_CurrentSession;
+            if (QM_SessionMaxLimit != 0 && counts_towards_limit(entry->d_name, mapped)) ++QM_CurrentSession;
         }
         return 0;
     });
@@ -296,6 +302,7 @@ int QM_CreateSession(void) {
             quelm::log::print(LOG_ERR, "failed to create session, aborting");
             return 0;
         }
+        make_room_for_anonymous(address);
         std::string content = std::string("REMOTE_ADDR=") + address + "\nHTTP_USER_AGENT=" + agent +
                               "\nREALM=" + realm() + "\n";
         if (!create_session_file(content)) {

@@ -263,3 +263,23 @@ def test_redirects_stay_home(cgi, gateway, compat):
                                         method="GET")) == "/basic/done.htm"
     answer = browser.send("reboot.cgi", query="sSuccessPage=//evil.example/x&iExpert=-2", method="GET")
     assert redirect_target(answer) == ("//evil.example/x" if compat else "/index.htm")
+
+
+def sessions_of(root, address):
+    return [p for p in (root / "var/quelm/session").iterdir() if f"REMOTE_ADDR={address}\n" in p.read_text()]
+
+
+def test_anonymous_sessions_cannot_lock_out_a_signed_in_visitor(cgi, gateway, compat, root):
+    (root / "var/quelm/webiad.d/http_session_maxlimit").write_text("5\n")
+    flood = []
+    for _ in range(10):  # cookie-less requests from one client
+        flood.append(cgi(page="index.htm", extra={"HTTP_HOST": HOST, "REMOTE_ADDR": "192.168.1.66"}))
+    refused = [a for a in flood if a.raw.startswith(b"Status: 503")]
+    assert len(refused) == (5 if compat else 0)
+    assert len(sessions_of(root, "192.168.1.66")) == (5 if compat else 8)
+    admin = Browser(cgi, SELF)  # another client
+    if compat:
+        answer = cgi(page="index.htm", extra={"HTTP_HOST": HOST, "REMOTE_ADDR": "192.168.1.10"})
+        assert answer.raw.startswith(b"Status: 503")
+    else:
+        assert admin.login() == JSON_OK
