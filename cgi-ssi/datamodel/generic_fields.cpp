@@ -124,6 +124,14 @@ bool foreign_rule_refused(const std::string &object, const char *field, GenericR
     return true;
 }
 
+// By default a write that would make a missing instance needs the
+// token's create right for its list; the legacy policy creates it.
+bool creation_allowed(const std::string &object, GenericRequest &request) {
+    if (cgissi::policy::compat_mode() || may_create_instance(object)) return true;
+    set_cgi_error(request, kErrorCreate, "No right to create %s. ", object.c_str());
+    return false;
+}
+
 // Creates the object of a property that has no value yet. The failure is
 // recorded twice, once without a code, as it always was.
 void create_for_write(const std::string &object, GenericRequest &request) {
@@ -236,6 +244,7 @@ void write_cgi_value(std::string &text, GenericRequest &request) {
     const auto [object, property] = split_last(resolved);
     MallocString current(QM_DAT_getobjproperty(object.c_str(), property.c_str()));
     const bool created = !current;
+    if (created && !creation_allowed(object, request)) return;
     if (created) create_for_write(object, request);
     if (!created && object != request.last_written && foreign_rule(object)) {
         set_cgi_error(request, kErrorForeignRule,
@@ -249,9 +258,9 @@ void write_cgi_value(std::string &text, GenericRequest &request) {
 }
 
 void writes_cgi_value(std::string &text, GenericRequest &request) {
-    // Writes answer to the token like write does; they still apply no rule
-    // ownership and do not mark the request modified (their changes are
-    // saved only with another field's).
+    // Writes answer to the token like write does and do not mark the
+    // request modified (their changes are saved only with another field's).
+    // The legacy policy applies no rule ownership to them.
     std::string object;
     const std::optional<std::size_t> colon =
         granted_object_field(text, request, "Wrong format when trying to writes %s (writes=PROPERTY:VALUES). ", object);
@@ -261,11 +270,12 @@ void writes_cgi_value(std::string &text, GenericRequest &request) {
     quelm::split(std::string_view(text).substr(*colon + 1), '|', [&](std::string_view item) {
         const bool is_first = std::exchange(first, false);
         const std::size_t equal = item.find('=');
-        if (equal == std::string_view::npos) return;
+        if (equal == std::string_view::npos) return true;
         const std::string property(item.substr(0, std::min(equal, kWritesPropertySize - 1)));
         const std::string value(item.substr(equal + 1));
         if (is_first) {
             MallocString current(QM_DAT_getobjproperty(object.c_str(), property.c_str()));
+            if (!current && !creation_allowed(object, request)) return false;
             if (!current) {
                 const int rc = QM_DAT_createobject(object.c_str(), 0);
                 if (rc != 0) set_cgi_error(request, kErrorCreate, kUnableToCreate, object.c_str(), rc);
@@ -276,6 +286,7 @@ void writes_cgi_value(std::string &text, GenericRequest &request) {
             stored = decrypted_secret(value, request);
         }
         if (stored) set_property(object, property, *stored, false, false, request);
+        return true;
     });
 }
 

@@ -283,3 +283,18 @@ def test_anonymous_sessions_cannot_lock_out_a_signed_in_visitor(cgi, gateway, co
         assert answer.raw.startswith(b"Status: 503")
     else:
         assert admin.login() == JSON_OK
+
+
+def test_writing_a_missing_instance_needs_a_create_right(cgi, gateway, compat, qmcfg, root):
+    browser = Browser(cgi, SELF)
+
+    def write(token, path):
+        browser.send("generic.cgi", urlencode(dict(token=token, write=f"{path}:x")).encode())
+        return qmcfg("get", path, check=False).stdout.strip() == "x"
+    write_token(root, "abc123", rights="PortMapping")
+    assert write("abc123", "PortMapping_12_Name") == compat
+    qmcfg("create", "PortMapping_5")
+    assert write("abc123", "PortMapping_5_Name")  # an existing instance
+    write_token(root, "def456", rights="PortMapping", more="PortMapping,10,\n")
+    assert write("def456", "PortMapping_12_Name")
+    assert write("def456", "PortMapping_9_Name") == compat  # below the first instance granted
