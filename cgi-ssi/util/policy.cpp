@@ -36,7 +36,7 @@ void pin() {
 
 bool compat_mode() { return pinned().pinned ? pinned().compat : compat_from_environment(); }
 
-std::string_view origin_of(std::string_view url) {
+std::string_view host_port_of(std::string_view url) {
     std::size_t start = 0;
     if (url.starts_with("http://")) {
         start = 7;
@@ -45,28 +45,19 @@ std::string_view origin_of(std::string_view url) {
     } else {
         return {};
     }
-    const std::size_t end = url.find_first_of("/?#", start);
-    if (end == start) return {};
-    return url.substr(0, end == std::string_view::npos ? url.size() : end);
+    const std::string_view rest = url.substr(start);
+    return rest.substr(0, rest.find_first_of("/?#"));
 }
 
 bool same_origin(const char *origin, const char *referer, const char *host) {
     if (host == nullptr || host[0] == '\0') return false;
-    std::string_view claimed;
     if (origin != nullptr && origin[0] != '\0') {
-        claimed = origin;
-    } else if (referer != nullptr) {
-        claimed = origin_of(referer);
+        // An Origin is scheme and host-port, nothing after them.
+        const std::string_view given = origin;
+        return (given.starts_with("http://") && given.substr(7) == host) ||
+               (given.starts_with("https://") && given.substr(8) == host);
     }
-    std::string_view rest;
-    if (claimed.starts_with("http://")) {
-        rest = claimed.substr(7);
-    } else if (claimed.starts_with("https://")) {
-        rest = claimed.substr(8);
-    } else {
-        return false;
-    }
-    return rest == host;
+    return referer != nullptr && host_port_of(referer) == host;
 }
 
 bool request_is_same_origin() {
@@ -80,8 +71,8 @@ bool request_is_same_origin() {
 }
 
 bool stays_home(std::string_view url, std::string_view host) {
-    // Browsers drop blanks and control bytes and read "\\" as "/": any of
-    // them could turn a path into "//other-host".
+    // Browsers drop blanks and control bytes and read a backslash as "/":
+    // any of them could turn a path into "//other-host".
     for (char c : url) {
         if (static_cast<unsigned char>(c) <= ' ' || c == '\x7f' || c == '\\') return false;
     }
@@ -90,9 +81,7 @@ bool stays_home(std::string_view url, std::string_view host) {
     const std::size_t path_mark = url.find_first_of("/?#");
     if (colon == std::string_view::npos || (path_mark != std::string_view::npos && path_mark < colon)) return true;
     // A scheme: only an http(s) URL naming this host stays.
-    std::string_view origin = origin_of(url);
-    const std::size_t authority = origin.find("://");
-    return !host.empty() && authority != std::string_view::npos && origin.substr(authority + 3) == host;
+    return !host.empty() && host_port_of(url) == host;
 }
 
 const char *home_target(const char *url) {

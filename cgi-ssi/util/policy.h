@@ -17,9 +17,9 @@ void pin();
 // True when QUELM_COMPAT was "1" at start (or, before pin(), is "1" now).
 bool compat_mode();
 
-// The scheme-host-port of an absolute http(s) URL ("http://h:8080"), or
-// empty when it is not one.
-std::string_view origin_of(std::string_view url);
+// The host-port of an http(s) URL ("h:8080" of "http://h:8080/a"), or
+// empty when it is not one. Pure.
+std::string_view host_port_of(std::string_view url);
 
 // The same-origin test of a state change: Origin, or without it the
 // Referer's origin, names the request's own Host ("http://" + host or

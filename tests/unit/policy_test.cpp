@@ -17,6 +17,8 @@ TEST(Policy, SameOriginComparesSchemeHostAndPortExactly) {
         {"http://192.168.1.1.evil.example", nullptr, "192.168.1.1", false},
         {"http://evil.example", "http://192.168.1.1/a.htm", "192.168.1.1", false},  // Origin decides
         {"null", nullptr, "192.168.1.1", false},                   // sandboxed or opaque
+        {"http://192.168.1.1?192.168.1.1", nullptr, "192.168.1.1", false},
+        {"http://192.168.1.1/", nullptr, "192.168.1.1", false},    // no path in an Origin
         {nullptr, "http://192.168.1.1/basic/a.htm?x=1", "192.168.1.1", true},
         {"", "http://192.168.1.1", "192.168.1.1", true},
         {nullptr, "http://evil.example/192.168.1.1/", "192.168.1.1", false},
