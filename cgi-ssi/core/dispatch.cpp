@@ -149,31 +149,13 @@ bool has_write_field(std::string_view query) {
 constexpr std::string_view kMaintenanceCgis[] = {
     "reboot.cgi", "firmware.cgi", "firmupgd.cgi", "import.cgi", "export.cgi",
 };
-// Session entry "SERVICES" is read into this many bytes.
-constexpr int kServicesSize = 1024;
-
-// The session is signed in with the admin level of its realm: its SERVICES
-// hold "web_<realm>_admin" as one of their ","-separated items.
-bool admin_session() {
-    if (QM_HasSession() == 0 || QM_SessionToken == nullptr) return false;
-    char services[kServicesSize + 1] = {};
-    if (QM_GetSessionInfo(QM_SessionToken, "SERVICES", services, kServicesSize) != 1) return false;
-    const std::string wanted = std::string("web_") + (QM_SessionRealm != nullptr ? QM_SessionRealm : "") + "_admin";
-    bool found = false;
-    quelm::split(std::string_view(services), ',', [&](std::string_view item) {
-        found = item == wanted;
-        return !found;
-    });
-    return found;
-}
-
 // Maintenance by default needs an admin's session; the legacy policy
 // serves it to anyone its referer test lets through.
 bool maintenance_refused(std::string_view cgi) {
     if (policy::compat_mode()) return false;
     for (std::string_view name : kMaintenanceCgis) {
         if (name != cgi) continue;
-        if (admin_session()) return false;
+        if (session::admin_session()) return false;
         quelm::log::print(LOG_WARNING, "%.*s refused to %s: the session is not signed in as an admin",
                           static_cast<int>(cgi.size()), cgi.data(), cgiRemoteAddr != nullptr ? cgiRemoteAddr : "");
         return true;

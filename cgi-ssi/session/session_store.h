@@ -37,6 +37,10 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
 // realm.
 bool counts_towards_limit(std::string_view name, const std::string &mapped);
 
+// The session is signed in with the admin level of its realm: its SERVICES
+// hold "web_<realm>_admin" as one of their ","-separated items.
+bool admin_session();
+
 // By default a client address keeps at most kAnonymousPerClient sessions
 // that never signed in: before a new one is made, the oldest of that
 // client's are removed. Nothing with the legacy policy.

@@ -298,3 +298,14 @@ def test_writing_a_missing_instance_needs_a_create_right(cgi, gateway, compat, q
     write_token(root, "def456", rights="PortMapping", more="PortMapping,10,\n")
     assert write("def456", "PortMapping_12_Name")
     assert write("def456", "PortMapping_9_Name") == compat  # below the first instance granted
+
+
+def test_maintenance_functions_need_an_admin(cgi, gateway, compat, root):
+    write_token(root, "abc123")
+    visitor = Browser(cgi, SELF)  # a token, the same origin, but no admin session
+    answer = visitor.send("generic.cgi", urlencode(dict(token="abc123", fct="reboot")).encode())
+    assert (b"needs an administrator" in answer) != compat
+    admin = signed_in_admin(cgi)
+    assert b"needs an administrator" not in admin.send("generic.cgi", urlencode(dict(token="abc123",
+                                                                                     fct="reboot")).encode())
+    assert events(root).count("reboot") == (2 if compat else 1)

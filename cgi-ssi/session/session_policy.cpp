@@ -1,5 +1,6 @@
-// Bounds on the sessions of visitors who never signed in (see
-// session_store.h): the per-client cap and what the realm limit counts.
+// The session side of the access policy (see session_store.h): the cap on
+// sessions that never signed in, what the realm limit counts, and whether
+// the session is an admin's.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
+#include "quelm_text.h"
 #include "session/session_store.h"
 #include "session/token_name.h"
 #include "util/policy.h"
@@ -20,6 +22,8 @@ namespace cgissi::session {
 namespace {
 
 constexpr const char *kSessionPath = "/var/quelm/session";
+// Session entry "SERVICES" is read into this many bytes.
+constexpr int kServicesSize = 1024;
 
 std::string_view current_realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
 
@@ -59,6 +63,14 @@ std::vector<Anonymous> anonymous_sessions_of(std::string_view address) {
 }
 
 }  // namespace
+
+bool admin_session() {
+    if (QM_HasSession() == 0 || QM_SessionToken == nullptr) return false;
+    char services[kServicesSize + 1] = {};
+    if (QM_GetSessionInfo(QM_SessionToken, "SERVICES", services, kServicesSize) != 1) return false;
+    const std::string wanted = "web_" + std::string(current_realm()) + "_admin";
+    return !quelm::split(std::string_view(services), ',', [&](std::string_view item) { return item != wanted; });
+}
 
 bool counts_towards_limit(std::string_view name, const std::string &mapped) {
     if (policy::compat_mode()) return true;
