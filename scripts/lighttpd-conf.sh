@@ -18,6 +18,9 @@ ln -sfn "$bin/qmcfg" "$root/bin/qmcfg"
 
 log_file=${QUELM_LOG_FILE:-$run/cgi-ssi.log}
 realm=${QUELM_REALM:-web}
+# QUELM_COMPAT=1 (the legacy access policy) reaches the responder only when set.
+compat_line=
+[ "${QUELM_COMPAT:-}" = 1 ] && compat_line='"QUELM_COMPAT" => "1",'
 srv_idx=${QUELM_SRV_IDX:-1}
 
 backend() { # name bin-path [sendfile]
@@ -34,7 +37,8 @@ backend() { # name bin-path [sendfile]
       $sendfile
       "bin-environment" => (
         "QUELM_ROOT" => "$root",
-        "QUELM_LOG_FILE" => "$log_file",
+        "QUELM_LOG_FILE" => "$log_file",${compat_line:+
+        $compat_line}
         "ASAN_OPTIONS" => "${ASAN_OPTIONS:-}",
         "UBSAN_OPTIONS" => "${UBSAN_OPTIONS:-}"
       )

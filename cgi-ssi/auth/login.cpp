@@ -4,9 +4,9 @@
 //
 // A successful login writes "USER", "PASSWORD" and "SERVICES" into the
 // session file; pages and the rights checks read them from there. Wrong
-// signatures count towards "MaxTry" of Services_IADConfigurator; refusing
-// logins while "TimeBlock" lies ahead is the web authentication library's
-// business.
+// logins count towards "MaxTry" of Services_IADConfigurator; while
+// "TimeBlock" lies ahead logins fail unchecked (see util/policy.h for the
+// legacy policy).
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +34,8 @@
 #include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
+#include "session/session_store.h"
+#include "util/policy.h"
 
 namespace cgissi::auth {
 namespace {
@@ -239,17 +241,35 @@ Records signature_candidates(const char *level) {
     return Records(QM_DAT_getobjdata(filter.c_str(), 0));
 }
 
-void count_failed_signature() {
+// A failed login counts towards MaxTry; reaching it sets TimeBlock. The
+// legacy policy blocks only on the exact count (a count past it never blocks
+// again); by default every MaxTry failures start a new block.
+void count_failed_login() {
     int max_try = int_property(kIad, "MaxTry");
     int try_delay = int_property(kIad, "TryDelay");
     int number_try = int_property(kIad, "NumberTry") + 1;
-    if (number_try == max_try) {
+    const bool compat = cgissi::policy::compat_mode();
+    if (compat ? number_try == max_try : max_try > 0 && number_try >= max_try) {
         char block[32];
         std::snprintf(block, sizeof block, "%ld", static_cast<long>(std::time(nullptr)) + try_delay);
         SetPropertyStrValue(kIad, "TimeBlock", block);
+        if (!compat) number_try = 0;
     }
     SetPropertyIntValue(kIad, "NumberTry", number_try);
     QM_FILE_commit(0);
+}
+
+// By default no login is checked while TimeBlock lies ahead; the legacy
+// policy leaves that to the web authentication library.
+bool logins_blocked() {
+    if (cgissi::policy::compat_mode()) return false;
+    std::string block;
+    if (!property(kIad, "TimeBlock", block)) return false;
+    const long until = std::strtol(block.c_str(), nullptr, 10);
+    if (until <= static_cast<long>(std::time(nullptr))) return false;
+    quelm::log::print(LOG_WARNING, "login from %s refused without a check: logins are blocked until %ld",
+                      cgiRemoteAddr, until);
+    return true;
 }
 
 int parse_config_auth_signature(const char *seed, const char *level, int mode) {
@@ -274,7 +294,7 @@ int parse_config_auth_signature(const char *seed, const char *level, int mode) {
         }
         QM_LOG_print("Signature failed");
         user[0] = password[0] = services[0] = '\0';
-        count_failed_signature();
+        count_failed_login();
     }
     if (matched == nullptr) return 0;
     int number = static_cast<int>(std::strtol(matched->name + kUserPrefixLength, nullptr, 10));
@@ -318,6 +338,7 @@ void redirect_html(const char *url, bool failed, int status = 0) {
     cgi_out_printf("text/html\r\n\r\n<HTML>\n");
     // The target is request text (the referrer): it is escaped for the
     // script string it lands in.
+    url = cgissi::policy::home_target(url);
     cgi_out_printf("<script>\r\ndocument.location.replace(\"%s%s\");\r\n</script>\r\n",
                    quelm::script_string(url != nullptr ? url : "").c_str(), failed ? "?pwd=ko" : "");
     cgi_out_printf("</HTML>\n");
@@ -373,15 +394,26 @@ std::string success_page(const std::string &referrer) {
     return referrer.substr(0, dot) + "OK.htm";
 }
 
+// By default a successful login moves the session to a fresh token and
+// sends its cookie (after the request loop's, which it overrides), so a
+// token planted or seen before the login is worth nothing. The legacy
+// policy keeps the token.
+void renew_session_at_login(int result) {
+    if (result != 1 || cgissi::policy::compat_mode()) return;
+    if (!cgissi::session::renew_session()) return;
+    cgi_out_printf("Set-Cookie: %s=%s;  Path=/; SameSite=Strict; \r\n", QM_SessionName, QM_SessionToken);
+}
+
 void signed_login(const std::string &referrer) {
     char seed[kSeedSize];
     char level[kLevelSize];
     int result = 0;
-    if (form_value("seed", seed, sizeof seed) && form_value("level", level, sizeof level)) {
+    if (!logins_blocked() && form_value("seed", seed, sizeof seed) && form_value("level", level, sizeof level)) {
         result = parse_config_auth_signature(seed, level, kModeLogin);
     }
     quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "signed login from %s %s", cgiRemoteAddr,
                       result == 1 ? "accepted" : "refused: no user's signature matched, or a field is missing");
+    renew_session_at_login(result);
     redirect(result, referrer.c_str());
 }
 
@@ -391,13 +423,30 @@ void plain_login(const std::string &referrer) {
     char level[kLevelSize];
     int result = 0;
     if (form_value("login", login, sizeof login) && form_value("password", password, sizeof password) &&
-        form_value("level", level, sizeof level) && QM_HasSession() != 0) {
+        form_value("level", level, sizeof level) && QM_HasSession() != 0 && !logins_blocked()) {
         result = retrieve_password(login, password, level, kModeLogin);
+        // The legacy policy counts signature failures only.
+        if (result != 1 && !cgissi::policy::compat_mode()) count_failed_login();
     }
     quelm::log::print(result == 1 ? LOG_INFO : LOG_WARNING, "login of user '%s' from %s %s",
                       form_value("login", login, sizeof login) ? login : "", cgiRemoteAddr,
                       result == 1 ? "accepted" : "refused (unknown user, wrong password or level, or missing field)");
+    renew_session_at_login(result);
     redirect(result, referrer.c_str());
+}
+
+// By default only the signed-in user changes his own password: the
+// session's USER must be that login. The legacy policy asks only for the
+// current password.
+bool signed_in_as(const char *login) {
+    if (cgissi::policy::compat_mode()) return true;
+    char user[kSessionUserSize + 1] = {};
+    const bool same = QM_HasSession() != 0 &&
+                      QM_GetSessionInfo(QM_SessionToken, "USER", user, kSessionUserSize) == 1 &&
+                      std::strcmp(user, login) == 0;
+    if (!same) quelm::log::print(LOG_WARNING, "password change of '%s' from %s refused: not signed in as that user",
+                                 login, cgiRemoteAddr);
+    return same;
 }
 
 void password_change(const std::string &referrer) {
@@ -405,7 +454,14 @@ void password_change(const std::string &referrer) {
     if (!form_value("currentpassword", current, sizeof current)) return;
     char login[kLoginSize];
     if (!form_value("login", login, sizeof login)) copy_bounded(login, sizeof login, kDefaultLogin);
-    if (retrieve_password(login, current, nullptr, kModeChangePassword) == 1) {
+    if (!signed_in_as(login) || logins_blocked()) {
+        redirect_html(referrer.c_str(), true);
+        return;
+    }
+    const int result = retrieve_password(login, current, nullptr, kModeChangePassword);
+    // The legacy policy does not count wrong current passwords.
+    if (result != 1 && !cgissi::policy::compat_mode()) count_failed_login();
+    if (result == 1) {
         redirect_html(success_page(referrer).c_str(), false);
     } else {
         redirect_html(referrer.c_str(), true);

@@ -25,6 +25,7 @@
 #include "cgic.h"
 #include "qm_config.h"
 #include "qm_token.h"
+#include "util/policy.h"
 #include "quelm_guard.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
@@ -300,6 +301,21 @@ int get_token_rights(token_context *context) {
     });
 }
 
+namespace {
+
+// A right grants the path when it is a leading run of the path's whole
+// "_"-separated components ("Device" grants "Device_Hostname", not
+// "LANDevice_1"); a filter's bracket also ends a component. The legacy
+// policy grants any path that holds the right anywhere.
+bool right_matches(std::string_view right, std::string_view path) {
+    if (cgissi::policy::compat_mode()) return path.find(right) != std::string_view::npos;
+    if (!path.starts_with(right)) return false;
+    return path.size() == right.size() || path[right.size()] == '_' || path[right.size()] == '[' ||
+           path[right.size()] == '{';
+}
+
+}  // namespace
+
 int has_right(const char *rights, const char *object) {
     return quelm::guarded(0, __func__, [&]() -> int {
         if (rights == nullptr || object == nullptr) return 0;
@@ -309,7 +325,7 @@ int has_right(const char *rights, const char *object) {
         // Empty items (",Wifi", "a,,b") grant nothing: they would match every
         // path.
         const bool granted = !quelm::split(all, ',', [&](std::string_view item) {
-            return item.empty() || path.find(item) == std::string_view::npos;
+            return item.empty() || !right_matches(item, path);
         });
         return granted ? 1 : 0;
     });

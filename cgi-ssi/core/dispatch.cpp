@@ -2,6 +2,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <cstdlib>
+#include <strings.h>
+#include <string>
 #include <string_view>
 
 #define NO_FCGI_DEFINES
@@ -15,9 +18,11 @@
 #include "quelm_guard.h"
 #include "quelm_log.h"
 #include "quelm_root.h"
+#include "quelm_text.h"
 #include "session/session_store.h"
 #include "ssi.h"
 #include "qm_token.h"
+#include "util/policy.h"
 
 namespace cgissi {
 namespace {
@@ -113,10 +118,73 @@ bool attach_session() {
     if (result == cgiFormTruncated) result = cgiFormNotFound;
     if (result == cgiFormSuccess && QM_InitSession(value) == 0) result = cgiFormNotFound;
     if (result == cgiFormNotFound && QM_CreateSession() == -1) return false;
-    // compat: pages and proxies in the field expect this spacing.
-    cgi_out_printf("Set-Cookie: %s=%s;  Path=%s; \r\n", QM_SessionName,
-                   QM_SessionToken != nullptr ? QM_SessionToken : "", "/");
+    // compat: pages and proxies in the field expect this spacing. Not
+    // HttpOnly: the pages' signed login reads the token.
+    cgi_out_printf("Set-Cookie: %s=%s;  Path=%s; %s\r\n", QM_SessionName,
+                   QM_SessionToken != nullptr ? QM_SessionToken : "", "/",
+                   policy::compat_mode() ? "" : "SameSite=Strict; ");
     return true;
+}
+
+// CGIs whose every request changes state (or hands out the configuration).
+constexpr std::string_view kStateChangingCgis[] = {
+    "login.cgi", "reboot.cgi", "firmware.cgi", "firmupgd.cgi", "import.cgi", "export.cgi",
+};
+// generic.cgi fields that change the configuration.
+constexpr std::string_view kGenericWriteFields[] = {
+    "write", "storeonly", "writes", "create", "clear", "delete", "remove", "reset",
+};
+
+// nas.cgi fields that change a disk.
+constexpr std::string_view kNasWriteFields[] = {
+    "iNasAddFile",        "iNasRenameFile",         "iNasDeleteFile",           "iNasAddThumb",
+    "iNasAddPlaylist",    "iNasRenamePlaylist",     "iNasDeletePlaylist",       "iNasAddPlaylistItem",
+    "iNasMoveUpPlaylistItem", "iNasMoveDownPlaylistItem", "iNasDeletePlaylistItem",
+};
+
+template <std::size_t N>
+bool has_field(std::string_view query, const std::string_view (&fields)[N]) {
+    bool found = false;
+    quelm::split(query, '&', [&](std::string_view item) {
+        const std::string_view name = item.substr(0, item.find('='));
+        for (std::string_view field : fields) found = found || name == field;
+        return !found;
+    });
+    return found;
+}
+
+// CGIs that reboot, flash or hand over the configuration.
+constexpr std::string_view kMaintenanceCgis[] = {
+    "reboot.cgi", "firmware.cgi", "firmupgd.cgi", "import.cgi", "export.cgi",
+};
+// Maintenance by default needs an admin's session; the legacy policy
+// serves it to anyone its referer test lets through.
+bool maintenance_refused(std::string_view cgi) {
+    if (policy::compat_mode()) return false;
+    for (std::string_view name : kMaintenanceCgis) {
+        if (name != cgi) continue;
+        if (session::admin_session()) return false;
+        quelm::log::print(LOG_WARNING, "%.*s refused to %s: the session is not signed in as an admin",
+                          static_cast<int>(cgi.size()), cgi.data(), cgiRemoteAddr != nullptr ? cgiRemoteAddr : "");
+        return true;
+    }
+    return false;
+}
+
+// A request that must come from a page of the gateway itself: any POST to
+// a built-in CGI, a GET to a CGI that changes state, a generic.cgi GET
+// that writes. The page renderer and _info.xml only read.
+bool changes_state(std::string_view cgi) {
+    if (cgi == "ssi" || cgi == "_info.xml") return false;
+    const char *method = std::getenv("REQUEST_METHOD");
+    if (method != nullptr && strcasecmp(method, "GET") != 0 && strcasecmp(method, "HEAD") != 0) return true;
+    for (std::string_view name : kStateChangingCgis) {
+        if (name == cgi) return true;
+    }
+    const char *query = std::getenv("QUERY_STRING");
+    if (query == nullptr) return false;
+    if (cgi == "generic.cgi") return has_field(query, kGenericWriteFields);
+    return cgi == "nas.cgi" && has_field(query, kNasWriteFields);
 }
 
 // The session limit is reached: the visitor gets a short page saying so.
@@ -217,7 +285,8 @@ int serve_request(plugin_registry_handle *registry, int argc, char **argv) {
     quelm::log::open(script_name);
     QM_LOG_set(1);
     cgiSecureInit(row->name);
-    if (cgiSecurePostAllowed() == 0) {
+    const bool cross_site = !policy::compat_mode() && changes_state(row->name) && !policy::request_is_same_origin();
+    if (cross_site || maintenance_refused(row->name) || cgiSecurePostAllowed() == 0) {
         cgiSecurePostAbort();
         return 0;
     }

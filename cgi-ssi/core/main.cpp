@@ -12,10 +12,12 @@
 #include "quelm_guard.h"
 #include "quelm_root.h"
 #include "session/session_store.h"
+#include "util/policy.h"
 
 int main(int argc, char **argv) {
     // The environment is replaced by each request's parameters from here on.
     quelm::pin_process_environment();
+    cgissi::policy::pin();
 
     plugin_registry_handle registry = nullptr;
     cgissi::init_cgi(&registry);

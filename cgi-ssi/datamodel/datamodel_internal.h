@@ -117,6 +117,12 @@ bool parse_indirect_index(std::string_view path, IndirectIndex &out);
 // an instance set grants nothing. An unclosed bracket drops the rest.
 std::string rights_path(std::string_view path);
 
+// Whether this request's token may bring the missing instance named in
+// object (its last all-digit component) into being: the token holds a
+// create line for its list whose first instance is not above it. True for
+// a path that names no instance.
+bool may_create_instance(const std::string &object);
+
 // atoi without its undefined overflow: what "%d" reads, 0 when nothing.
 int decimal_value(const char *text);
 

@@ -18,6 +18,7 @@
 #include "qm_generic.h"
 #include "qm_login.h"
 #include "qm_token.h"
+#include "util/policy.h"
 #include "quelm_chars.h"
 #include "quelm_config_errors.h"
 #include "quelm_log.h"
@@ -87,7 +88,9 @@ std::optional<std::string> decrypted_secret(const std::string &value, GenericReq
     char decoded[kCryptSize];
     if (decode64(value.c_str(), decoded, sizeof decoded) == nullptr) {
         set_cgi_error(request, kErrorBase64, "%s", "Error: Bad base64 signature");
-        return value;
+        // The legacy policy stores such a value as plain text.
+        if (cgissi::policy::compat_mode()) return value;
+        return std::nullopt;
     }
     char plain[kCryptSize];
     if (decrypt_post_value(token, decoded, plain, sizeof plain) == nullptr) {
@@ -96,6 +99,37 @@ std::optional<std::string> decrypted_secret(const std::string &value, GenericReq
         return std::nullopt;
     }
     return std::string(plain);
+}
+
+bool encrypted_secret(const std::string &name) {
+    int type = 0;
+    return schema_type(name.c_str(), type) && type == kTypeSecretEncrypted;
+}
+
+// By default an encrypted secret is stored only decrypted whichever way
+// its name was given; the legacy policy decrypts it only when the path as
+// written names it.
+void decrypt_resolved_secret(const std::string &path, const std::string &resolved, std::optional<std::string> &value,
+                             GenericRequest &request) {
+    if (cgissi::policy::compat_mode() || !value || resolved == path || encrypted_secret(path)) return;
+    if (encrypted_secret(resolved)) value = decrypted_secret(*value, request);
+}
+
+// By default every write path honours rule ownership; the legacy policy
+// checks it on "write" only.
+bool foreign_rule_refused(const std::string &object, const char *field, GenericRequest &request) {
+    if (cgissi::policy::compat_mode() || !foreign_rule(object)) return false;
+    set_cgi_error(request, kErrorForeignRule, "It's forbidden to %s on a rule that does not belong to you (%s). ",
+                  field, object.c_str());
+    return true;
+}
+
+// By default a write that would make a missing instance needs the
+// token's create right for its list; the legacy policy creates it.
+bool creation_allowed(const std::string &object, GenericRequest &request) {
+    if (cgissi::policy::compat_mode() || may_create_instance(object)) return true;
+    set_cgi_error(request, kErrorCreate, "No right to create %s. ", object.c_str());
+    return false;
 }
 
 // Creates the object of a property that has no value yet. The failure is
@@ -200,6 +234,7 @@ void write_cgi_value(std::string &text, GenericRequest &request) {
         set_cgi_error(request, kErrorRefused, kNoAccess, path.c_str());
         return;
     }
+    decrypt_resolved_secret(path, resolved, value, request);
 
     request.modified = true;
     if (resolved.find('_') == std::string::npos) {
@@ -209,6 +244,7 @@ void write_cgi_value(std::string &text, GenericRequest &request) {
     const auto [object, property] = split_last(resolved);
     MallocString current(QM_DAT_getobjproperty(object.c_str(), property.c_str()));
     const bool created = !current;
+    if (created && !creation_allowed(object, request)) return;
     if (created) create_for_write(object, request);
     if (!created && object != request.last_written && foreign_rule(object)) {
         set_cgi_error(request, kErrorForeignRule,
@@ -222,28 +258,35 @@ void write_cgi_value(std::string &text, GenericRequest &request) {
 }
 
 void writes_cgi_value(std::string &text, GenericRequest &request) {
-    // Writes answer to the token like write does; they still apply no rule
-    // ownership and do not mark the request modified (their changes are
-    // saved only with another field's).
+    // Writes answer to the token like write does and do not mark the
+    // request modified (their changes are saved only with another field's).
+    // The legacy policy applies no rule ownership to them.
     std::string object;
     const std::optional<std::size_t> colon =
         granted_object_field(text, request, "Wrong format when trying to writes %s (writes=PROPERTY:VALUES). ", object);
     if (!colon) return;
+    if (foreign_rule_refused(object, "writes", request)) return;
     bool first = true;
     quelm::split(std::string_view(text).substr(*colon + 1), '|', [&](std::string_view item) {
         const bool is_first = std::exchange(first, false);
         const std::size_t equal = item.find('=');
-        if (equal == std::string_view::npos) return;
+        if (equal == std::string_view::npos) return true;
         const std::string property(item.substr(0, std::min(equal, kWritesPropertySize - 1)));
         const std::string value(item.substr(equal + 1));
         if (is_first) {
             MallocString current(QM_DAT_getobjproperty(object.c_str(), property.c_str()));
+            if (!current && !creation_allowed(object, request)) return false;
             if (!current) {
                 const int rc = QM_DAT_createobject(object.c_str(), 0);
                 if (rc != 0) set_cgi_error(request, kErrorCreate, kUnableToCreate, object.c_str(), rc);
             }
         }
-        set_property(object, property, value, false, false, request);
+        std::optional<std::string> stored = value;
+        if (!cgissi::policy::compat_mode() && encrypted_secret(object + "_" + property)) {
+            stored = decrypted_secret(value, request);
+        }
+        if (stored) set_property(object, property, *stored, false, false, request);
+        return true;
     });
 }
 
@@ -312,6 +355,7 @@ void reset_cgi_value(std::string &text, GenericRequest &request) {
     const std::optional<std::size_t> colon =
         granted_object_field(text, request, "Wrong format when trying to write %s (reset=PROPERTY:VALUE). ", object);
     if (!colon) return;
+    if (foreign_rule_refused(object, "reset", request)) return;
     const int flag = text[*colon + 1] == '1' ? 1 : 0;
     if (QM_DAT_resetobjdata(object.c_str(), flag) == 0) {
         request.modified = true;

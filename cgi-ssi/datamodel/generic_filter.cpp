@@ -467,6 +467,27 @@ bool is_secret_name(const std::string &name) {
     return schema_type(name.c_str(), type) && is_secret_type(type);
 }
 
+bool may_create_instance(const std::string &object) {
+    // The last all-digit component is the instance; its list is what comes
+    // before it. A path without one names no instance.
+    std::size_t end = object.size();
+    while (end > 0) {
+        const std::size_t start = object.rfind('_', end - 1);
+        const std::size_t from = start == std::string::npos ? 0 : start + 1;
+        const std::string_view part = std::string_view(object).substr(from, end - from);
+        if (!part.empty() && std::all_of(part.begin(), part.end(), quelm::is_digit)) {
+            if (start == std::string::npos) return true;
+            const std::string list = object.substr(0, start);
+            CreateRight right;
+            return read_create_right(list.c_str(), __func__, right) &&
+                   decimal_value(std::string(part).c_str()) >= right.first;
+        }
+        if (start == std::string::npos) break;
+        end = start;
+    }
+    return true;
+}
+
 }  // namespace cgissi::datamodel
 
 using namespace cgissi::datamodel;

@@ -18,6 +18,8 @@
 #include "quelm_owned.h"
 #include "ssi.h"
 #include "ssi_buffer.h"
+#include "session/session_store.h"
+#include "util/policy.h"
 
 namespace cgissi::datamodel {
 namespace {
@@ -43,10 +45,36 @@ bool for_each_named(const Row *table, int count, const std::string &name, Visit 
     return found;
 }
 
+// Functions that reboot, reset or flash the gateway.
+constexpr std::string_view kMaintenanceFunctions[] = {"reboot", "factoryReset", "startFTPfwburn"};
+
+// By default a function that changes the configuration (lock flag) or
+// maintains the gateway is a state change, served only from the gateway's
+// own pages (POSTs were checked by the request loop; this catches GETs),
+// and maintenance needs an admin's session. Nothing with the legacy policy.
+bool refused_by_policy(const cgi_plugin &row, GenericRequest &request) {
+    if (cgissi::policy::compat_mode()) return false;
+    bool maintenance = false;
+    for (std::string_view name : kMaintenanceFunctions) maintenance = maintenance || name == row.name;
+    if ((row.lock != 0 || maintenance) && !cgissi::policy::request_is_same_origin()) {
+        set_cgi_error(request, kErrorRefused, "Cross-site call of symbol <%s> refused. ", row.name);
+        return true;
+    }
+    if (maintenance && !cgissi::session::admin_session()) {
+        set_cgi_error(request, kErrorRefused, "Symbol <%s> needs an administrator's session. ", row.name);
+        return true;
+    }
+    return false;
+}
+
 // Every row of the device function table with that name, in mode "cgi".
 // False when there is none.
 bool call_device_functions(const FunctionCall &call, GenericRequest &request) {
     return for_each_named(cgi_plugins, get_nbcgiplugins(), call.name, [&](const cgi_plugin &row) {
+        if (refused_by_policy(row, request)) {
+            request.answer.string("", json::Escape::strict);
+            return;
+        }
         if (row.lock != 0) get_lock();
         const int rc = row.handler("cgi", call.argument_ptr());
         // Device functions leave JSON (quotes included) in Ssi.

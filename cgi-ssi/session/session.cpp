@@ -85,7 +85,8 @@ long idle_lifetime() {
 
 bool expired(const struct stat &st, std::time_t now, long lifetime) { return lifetime < now - st.st_mtime; }
 
-// Reads a whole session file; false when it is missing or not a session.
+}  // namespace
+
 bool read_session_file(const std::string &mapped, std::string &content) {
     UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) return false;
@@ -103,7 +104,28 @@ bool read_session_file(const std::string &mapped, std::string &content) {
     return true;
 }
 
-// Value of the first line "key=value"; false when no line has that key.
+namespace {
+
+// A new session file of this realm with a fresh token, holding content;
+// it becomes the request's session. False (and nothing changed) when the
+// file could not be made; a short write leaves the session as written.
+bool create_session_file(const std::string &content) {
+    std::string path = std::string(kSessionPath) + "/" + realm() + "_XXXXXX";
+    if (path.size() >= kCreatePathSize) return false;
+    std::string mapped = quelm::root_path(path);
+    UniqueFd fd(::mkostemp(mapped.data(), O_CLOEXEC));
+    if (!fd) return false;
+    std::free(QM_SessionToken);
+    QM_SessionToken = strndup(mapped.c_str() + mapped.size() - kTokenLength, kTokenLength);
+    path.replace(path.size() - kTokenLength, kTokenLength, or_empty(QM_SessionToken));
+    std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", path.c_str());
+    ssize_t written = ::write(fd.get(), content.data(), content.size());
+    (void)written;
+    return true;
+}
+
+}  // namespace
+
 bool find_entry(std::string_view content, std::string_view key, std::string_view &value) {
     std::size_t pos = 0;
     while (pos < content.size()) {
@@ -118,6 +140,8 @@ bool find_entry(std::string_view content, std::string_view key, std::string_view
     }
     return false;
 }
+
+namespace {
 
 // A token's session file: the name that is logged, the mapped name, and
 // whether the token is well formed and its file there (st is then its status).
@@ -171,6 +195,20 @@ bool in_alias_list(std::string_view aliases, std::string_view host) {
 }
 
 }  // namespace
+
+bool renew_session() {
+    return quelm::guarded(false, __func__, [&] {
+        if (QM_SessionToken == nullptr || QM_SessionFullPath[0] == '\0') return false;
+        const std::string old_mapped = quelm::root_path(QM_SessionFullPath);
+        std::string content;
+        if (!read_session_file(old_mapped, content) || !create_session_file(content)) {
+            quelm::log::print(LOG_ERR, "failed to renew the session at login");
+            return false;
+        }
+        ::unlink(old_mapped.c_str());
+        return true;
+    });
+}
 
 void secure_store_directory() {
     const std::string mapped = quelm::root_path(kSessionPath);
@@ -245,7 +283,7 @@ int QM_FlushSessions(void) {
                 ::unlink(mapped.c_str());
                 continue;
             }
-            if (QM_SessionMaxLimit != 0) ++QM_CurrentSession;
+            if (QM_SessionMaxLimit != 0 && counts_towards_limit(entry->d_name, mapped)) ++QM_CurrentSession;
         }
         return 0;
     });
@@ -264,26 +302,13 @@ int QM_CreateSession(void) {
             quelm::log::print(LOG_ERR, "failed to create session, aborting");
             return 0;
         }
-        std::string path = std::string(kSessionPath) + "/" + realm() + "_XXXXXX";
-        if (path.size() >= kCreatePathSize) {
-            quelm::log::print(LOG_ERR, "failed to create session, aborting");
-            return 0;
-        }
-        std::string mapped = quelm::root_path(path);
-        UniqueFd fd(::mkostemp(mapped.data(), O_CLOEXEC));
-        if (!fd) {
-            quelm::log::print(LOG_ERR, "failed to create session, aborting");
-            return 0;
-        }
-        std::free(QM_SessionToken);
-        QM_SessionToken = strndup(mapped.c_str() + mapped.size() - kTokenLength, kTokenLength);
-        path.replace(path.size() - kTokenLength, kTokenLength, or_empty(QM_SessionToken));
-        std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", path.c_str());
-
+        make_room_for_anonymous(address);
         std::string content = std::string("REMOTE_ADDR=") + address + "\nHTTP_USER_AGENT=" + agent +
                               "\nREALM=" + realm() + "\n";
-        ssize_t written = ::write(fd.get(), content.data(), content.size());
-        (void)written;
+        if (!create_session_file(content)) {
+            quelm::log::print(LOG_ERR, "failed to create session, aborting");
+            return 0;
+        }
         return 1;
     });
 }

@@ -1,6 +1,9 @@
 // Session store internals used by the request loop.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 #include "qm_session.h"
 
 namespace cgissi::session {
@@ -14,5 +17,34 @@ void begin_request();
 // of another owner, or a link, is left alone and reported. Called once at
 // process start.
 void secure_store_directory();
+
+// Moves the request's session to a fresh token (its entries kept, the old
+// file removed), so that a token known before a login is worth nothing
+// after it. False, with the session unchanged, when it could not.
+bool renew_session();
+
+// Reads a whole session file (a mapped path); false when it is missing or
+// not a session.
+bool read_session_file(const std::string &mapped, std::string &content);
+
+// Value of the first line "key=value"; false when no line has that key.
+bool find_entry(std::string_view content, std::string_view key, std::string_view &value);
+
+// Whether the session file `name` (mapped: its path on this host) counts
+// towards the realm's session limit. By default only signed-in sessions of
+// exactly this realm count, so anonymous visitors never lock a signed-in
+// one out; the legacy policy counts every file whose name starts with the
+// realm.
+bool counts_towards_limit(std::string_view name, const std::string &mapped);
+
+// The session is signed in with the admin level of its realm: its SERVICES
+// hold "web_<realm>_admin" as one of their ","-separated items.
+bool admin_session();
+
+// By default a client address keeps at most kAnonymousPerClient sessions
+// that never signed in: before a new one is made, the oldest of that
+// client's are removed. Nothing with the legacy policy.
+constexpr std::size_t kAnonymousPerClient = 8;
+void make_room_for_anonymous(const char *address);
 
 }  // namespace cgissi::session

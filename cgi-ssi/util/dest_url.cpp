@@ -11,6 +11,7 @@
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "qm_util.h"
+#include "util/policy.h"
 
 // C linkage and export come from the declarations in qm_cgi_state.h.
 char url_page[QM_URL_PAGE_SIZE];
@@ -132,7 +133,7 @@ extern "C" void branch_dest_url(void) {
         format_line("../%s", url_page);
         break;
     case QM_DEST_AS_GIVEN:
-        format_line("%s", url_page);
+        format_line("%s", cgissi::policy::home_target(url_page));
         break;
     case QM_DEST_REFERER_TREE:
         compose_referer_tree(url_page);

@@ -94,10 +94,19 @@ def log_file(tmp_path):
     return tmp_path / "cgi-ssi.log"
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "compat: run the executables with QUELM_COMPAT=1 (the legacy access policy)")
+
+
+def compat_env(request):
+    """QUELM_COMPAT=1 for tests marked compat (they assert the legacy policy)."""
+    return {"QUELM_COMPAT": "1"} if request.node.get_closest_marker("compat") else {}
+
+
 @pytest.fixture
-def env(root, log_file):
+def env(root, log_file, request):
     base = {k: v for k, v in os.environ.items() if not k.startswith(("HTTP_", "QUELM_"))}
-    base.update(QUELM_ROOT=str(root), QUELM_LOG_FILE=str(log_file))
+    base.update(QUELM_ROOT=str(root), QUELM_LOG_FILE=str(log_file), **compat_env(request))
     return base
 
 
@@ -213,13 +222,14 @@ class Server:
 
 
 @pytest.fixture
-def lighttpd(bin_dir, root, log_file, tmp_path):
+def lighttpd(bin_dir, root, log_file, tmp_path, request):
     """lighttpd on a free loopback port with cgi-ssi as its FastCGI back end."""
     run_dir = tmp_path / "run"
     docroot = tmp_path / "www"
     docroot.mkdir(exist_ok=True)
     port = free_port()
-    conf_env = dict(os.environ, QUELM_LOG_FILE=str(log_file))
+    conf_env = {k: v for k, v in os.environ.items() if k != "QUELM_COMPAT"}
+    conf_env.update(QUELM_LOG_FILE=str(log_file), **compat_env(request))
     conf = subprocess.run([REPO / "scripts" / "lighttpd-conf.sh", root, str(port), bin_dir, docroot, run_dir],
                           env=conf_env, capture_output=True, text=True, check=True).stdout
     (run_dir / "lighttpd.conf").write_text(conf)

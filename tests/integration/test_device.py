@@ -14,6 +14,10 @@ from urllib.parse import urlencode
 
 import pytest
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 FORM = "application/x-www-form-urlencoded"
 TOKEN = "dev123"
 ERROR = ', "error" : "CGI(1) error for symbol \\u003C{}\\u003E"'

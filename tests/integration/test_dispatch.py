@@ -5,6 +5,10 @@ import pytest
 
 from fcgi import Responder
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 # "nas.cgi" is the probe for the request layer here: without any of its
 # fields, from a host outside the gateway's LAN (127.0.0.1), it answers that
 # its media service is closed; a body the request layer refuses gets that

@@ -14,6 +14,10 @@ from cipher import page_encrypt
 from conftest import plugin_symbols, write_token
 from fcgi import Responder
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 FORM = "application/x-www-form-urlencoded"
 TOKEN = "abc123"
 NO_ACCESS = "Your token does not give you access to the object {}. "

@@ -15,6 +15,10 @@ import pytest
 from cipher import decrypt, encrypt, page_encrypt
 from conftest import make_user
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 HOST = "192.168.1.1"
 PAGE = f"http://{HOST}/basic/password.htm"
 COOKIE_LINE = re.compile(rb"^Set-Cookie: QM_web_ID=([A-Za-z0-9]{6});  Path=/; \r\n")

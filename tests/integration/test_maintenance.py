@@ -14,6 +14,10 @@ import time
 import pytest
 from pathlib import Path
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 HOST = "192.168.1.1"
 REFERER = {"HTTP_HOST": HOST, "HTTP_REFERER": f"http://{HOST}/index.htm"}
 BOUNDARY = "----quelmtest7MA4YWxk"

@@ -7,6 +7,11 @@ from pathlib import Path
 import time
 
 from conftest import assert_no_sanitizer_report
+import pytest
+
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
 
 BOUNDARY = "b0undary"
 CONTENT_TYPE = f"multipart/form-data; boundary={BOUNDARY}"

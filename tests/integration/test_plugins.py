@@ -9,6 +9,10 @@ from urllib.parse import urlencode
 
 import pytest
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 UNKNOWN_NAME = b"Status: 404 Not Found\r\nContent-type: text/html\r\n\r\n"
 FORM = "application/x-www-form-urlencoded"
 TOKEN = "plg123"

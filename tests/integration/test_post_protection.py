@@ -5,6 +5,10 @@ logged and answered with the same page."""
 
 import pytest
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 REFUSAL = (b'Status: 404 Not Found\nContent-type: text/html\n\n<HTML><HEAD><TITLE>404 Not Found</TITLE>'
            b'<META HTTP-EQUIV="refresh" CONTENT="0;/index.htm"></HEAD>\n<BODY><H2>404 Not Found</H2>\n\n'
            b'</BODY></HTML>\n')

@@ -7,6 +7,10 @@ import time
 
 import pytest
 
+# These tests assert the legacy access policy (requests without Origin,
+# maintenance without an admin session); test_policy.py covers the default.
+pytestmark = pytest.mark.compat
+
 COOKIE_LINE = re.compile(rb"^Set-Cookie: QM_web_ID=([A-Za-z0-9]{6});  Path=/; \r\n")
 AGENT = "Mozilla/5.0 (test)"
 SESSION_LIMIT = b"Status: 503 Service Unavailable\r\nContent-type: text/html\r\n\r\n<HTML>"

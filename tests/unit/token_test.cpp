@@ -125,19 +125,31 @@ TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
     EXPECT_EQ(std::string(context->error_text), filler + invalid.substr(0, 9));
 }
 
-TEST_F(Token, RightsAreSubstringsOfThePath) {
-    struct Case { const char *rights, *object; int allowed; } cases[] = {
-        {"all", "Device_Hostname", 1},
-        {"Wifi,Hosts", "LANDevice_1_Hosts_3_Name", 1},
-        {"Wifi,Hosts", "Device_Hostname", 0},
-        {"LANDevice_1_Hosts", "Hosts", 0},   // the right inside the path, not the reverse
-        {"all,Wifi", "Device_Hostname", 0},  // only "all" alone is everything
-        {"all,Wifi", "Services_all_x", 1},
-        {"", "Device", 0},
-        {",Wifi", "Device", 0},              // empty items grant nothing
-        {"a,,b", "Device", 0},
+TEST_F(Token, RightsMatchWholeComponentsOrSubstringsInCompat) {
+    struct Case { const char *rights, *object; int allowed, compat_allowed; } cases[] = {
+        {"all", "Device_Hostname", 1, 1},
+        {"Device", "Device_Hostname", 1, 1},
+        {"Device", "Device", 1, 1},
+        {"Device", "LANDevice_1", 0, 1},                 // not a whole component
+        {"Device", "WANConnectionDevice_2_Enable", 0, 1},
+        {"Enable", "User_2_Enable", 0, 1},               // not a leading one
+        {"User_2", "User_22_Enable", 0, 1},
+        {"User", "User_*[Enable=1]_Username", 1, 1},
+        {"Wifi,LANDevice_1_Hosts", "LANDevice_1_Hosts_3_Name", 1, 1},
+        {"Wifi,Hosts", "Device_Hostname", 0, 0},
+        {"LANDevice_1_Hosts", "Hosts", 0, 0},            // the right inside the path, not the reverse
+        {"all,Wifi", "Device_Hostname", 0, 0},           // only "all" alone is everything
+        {"all,Wifi", "Services_all_x", 0, 1},
+        {"", "Device", 0, 0},
+        {",Wifi", "Device", 0, 0},                       // empty items grant nothing
+        {"a,,b", "Device", 0, 0},
     };
-    for (const Case &c : cases) EXPECT_EQ(has_right(c.rights, c.object), c.allowed) << c.rights << " / " << c.object;
+    for (const Case &c : cases) {
+        EXPECT_EQ(has_right(c.rights, c.object), c.allowed) << c.rights << " / " << c.object;
+        ::setenv("QUELM_COMPAT", "1", 1);
+        EXPECT_EQ(has_right(c.rights, c.object), c.compat_allowed) << "compat: " << c.rights << " / " << c.object;
+        ::unsetenv("QUELM_COMPAT");
+    }
 }
 
 TEST_F(Token, ExtendKeepsOtherLinesAndRefusesForeignPaths) {
