@@ -101,6 +101,19 @@ fastcgi.server += (
 CONF
 }
 
+# Sets backend_a and backend_b to the process ids of the two back ends
+# lighttpd started (by their argv0), waiting up to 5 s for both.
+wait_backends() { # argv0_a argv0_b
+  backend_a="" backend_b=""
+  for _ in $(seq 1 50); do
+    backend_a=$(backend_pid "$1" || true)
+    backend_b=$(backend_pid "$2" || true)
+    [ -n "$backend_a" ] && [ -n "$backend_b" ] && return 0
+    sleep 0.1
+  done
+  return 1
+}
+
 backend_pid() { # argv0
   local want=$1 p argv0
   for p in /proc/[0-9]*; do

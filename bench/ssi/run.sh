@@ -68,13 +68,8 @@ status_kb() { # pid field
   awk -v f="$2:" '$1 == f { print $2 }' "/proc/$1/status" 2>/dev/null || true
 }
 
-ssi_pid="" copy_pid=""
-for _ in $(seq 1 50); do
-  ssi_pid=$(backend_pid "$root/cgi-bin/ssi" || true)
-  copy_pid=$(backend_pid "$bin/bench-fcgi-copy" || true)
-  [ -n "$ssi_pid" ] && [ -n "$copy_pid" ] && break
-  sleep 0.1
-done
+wait_backends "$root/cgi-bin/ssi" "$bin/bench-fcgi-copy" || true
+ssi_pid=$backend_a copy_pid=$backend_b
 rss_ssi_idle=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmRSS || echo "?")
 rss_copy_idle=$( [ -n "$copy_pid" ] && status_kb "$copy_pid" VmRSS || echo "?")
 
