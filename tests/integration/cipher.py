@@ -11,9 +11,9 @@ def _load_page_tool():
     """scripts/quelm-cipher.py: what a page's script computes, shipped for
     users; the tests post what it makes."""
     path = Path(__file__).resolve().parents[2] / "scripts" / "quelm-cipher.py"
-    spec = importlib.util.spec_from_file_location("quelm_cipher", path)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    loader_info = importlib.util.spec_from_file_location("quelm_cipher", path)
+    module = importlib.util.module_from_spec(loader_info)
+    loader_info.loader.exec_module(module)
     return module
 
 
