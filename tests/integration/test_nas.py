@@ -13,6 +13,11 @@ import pytest
 from conftest import REPO
 from test_maintenance import CONTENT_TYPE, multipart
 
+# Operations are sent as the design's pages send them (GETs without Origin):
+# the legacy access policy. test_policy.py holds the default's same-origin
+# rule for disk changes.
+pytestmark = pytest.mark.compat
+
 HOST = "gateway"  # the gateway's own host name: a local request
 PNG = b"\x89PNG\r\n\x1a\n" + b"\x00\x00\x00\rIHDR" + bytes(17)
 
