@@ -18,6 +18,7 @@
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "quelm_guard.h"
+#include "quelm_http.h"
 #include "quelm_root.h"
 
 namespace cgissi::request {
@@ -38,12 +39,8 @@ char current_cgi[kCgiNameSize] = "";
 // Where the referer's path starts, behind scheme and host; npos (logged)
 // when the referer does not name the request's host.
 std::size_t path_start(std::string_view referer, const char *host_variable) {
-    std::size_t cursor = 0;
-    if (referer.starts_with("http://")) {
-        cursor = 7;
-    } else if (referer.starts_with("https://")) {
-        cursor = 8;
-    } else {
+    std::size_t cursor = quelm::http_scheme_length(referer);
+    if (cursor == 0) {
         QM_LOG_print("Unsupported protocol in referer %.*s", static_cast<int>(referer.size()), referer.data());
         return std::string_view::npos;
     }

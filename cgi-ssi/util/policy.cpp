@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "quelm_http.h"
 #include "quelm_log.h"
 
 namespace cgissi::policy {
@@ -37,14 +38,8 @@ void pin() {
 bool compat_mode() { return pinned().pinned ? pinned().compat : compat_from_environment(); }
 
 std::string_view host_port_of(std::string_view url) {
-    std::size_t start = 0;
-    if (url.starts_with("http://")) {
-        start = 7;
-    } else if (url.starts_with("https://")) {
-        start = 8;
-    } else {
-        return {};
-    }
+    const std::size_t start = quelm::http_scheme_length(url);
+    if (start == 0) return {};
     const std::string_view rest = url.substr(start);
     return rest.substr(0, rest.find_first_of("/?#"));
 }

@@ -1,6 +1,9 @@
 // HTTP status texts for the header blocks the gateway writes itself.
 #pragma once
 
+#include <cstddef>
+#include <string_view>
+
 namespace quelm {
 
 // Reason phrase of an HTTP status; "Error" for one the gateway never sends.
@@ -16,6 +19,13 @@ constexpr const char *reason_phrase(int status) {
     case 503: return "Service Unavailable";
     default: return "Error";
     }
+}
+
+// Length of a leading "http://" or "https://"; 0 for any other scheme.
+constexpr std::size_t http_scheme_length(std::string_view url) {
+    if (url.starts_with("http://")) return 7;
+    if (url.starts_with("https://")) return 8;
+    return 0;
 }
 
 }  // namespace quelm
