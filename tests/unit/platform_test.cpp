@@ -365,7 +365,7 @@ TEST_F(PlatformTest, ResetPutsBackFactoryOrSchemaValues) {
     EXPECT_EQ(QM_DAT_resetobjdata("Nope", 1), QM_ERR_UNKNOWN_OBJECT);
 }
 
-TEST_F(PlatformTest, LoadSkipsCommentsGrowsArraysAndNamesTheBadLine) {
+TEST_F(PlatformTest, LoadSkipsCommentsAndGrowsArrays) {
     std::string message;
     const char *text = "# comment\n\nUser_20_Username=bob\r\nStorage_Item_2_Status_State=ConnectedMounted\n"
                        "LANEthernetInterface_6_Name=eth5\n";
@@ -375,18 +375,7 @@ TEST_F(PlatformTest, LoadSkipsCommentsGrowsArraysAndNamesTheBadLine) {
     EXPECT_EQ(value_of("Storage_Item_2_Status", "State"), "ConnectedMounted");
     EXPECT_EQ(count_of("LANEthernetInterface"), "6");  // an Array grows up to the instance named
 
-    // A value that does not fit is driven through qmcfg.
-    struct Case { const char *text; int result; const char *line; } bad[] = {
-        {"Device_Hostname=x\nno equals sign\n", QM_ERR_BAD_VALUE, "line 2"},
-        {"User_22=x\n", QM_ERR_UNKNOWN_OBJECT, "line 1"},
-    };
-    for (const Case &c : bad) {
-        message.clear();
-        EXPECT_EQ(quelm::platform::load_text(c.text, message), c.result) << c.text;
-        EXPECT_NE(message.find(c.line), std::string::npos) << message;
-    }
-    EXPECT_EQ(count_of("User"), "1,2,3,20");
-    EXPECT_EQ(value_of("Device", "Hostname"), "gateway");
+    // Bad lines, their line numbers and all-or-nothing: test_qmcfg.py.
 
     std::string dump;
     EXPECT_EQ(quelm::platform::dump_text("WANConnectionDevice_1_Service_9", dump), QM_ERR_NOTHING);
