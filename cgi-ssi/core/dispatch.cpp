@@ -48,8 +48,6 @@ constexpr BuiltinCgi kBuiltins[kBuiltinCount] = {
 };
 
 constexpr std::string_view kSessionNameTemplate = "QM_%s_ID";
-constexpr const char *kSessionLimitFile = "/var/quelm/webiad.d/http_session_maxlimit";
-constexpr std::size_t kPathSize = 1024;
 constexpr int kNotFoundStatus = 404;      // no built-in and no plugin of that name
 constexpr int kSessionLimitStatus = 503;  // no room for a new session
 
@@ -67,29 +65,6 @@ void copy_name(char *out, std::size_t size, std::string_view name) {
 
 bool session_extension(std::string_view ext) {
     return ext == ".htm" || ext == ".html" || ext == ".xml" || ext == ".cgi" || ext == ".js";
-}
-
-// One decimal number; a missing, empty or unreadable file means no limit, a
-// file without a number keeps the previous request's limit.
-void read_session_limit() {
-    char path[kPathSize];
-    if (!quelm::root_path(kSessionLimitFile, path, sizeof path)) {
-        QM_SessionMaxLimit = 0;
-        return;
-    }
-    FCGI_FILE *file = FCGI_fopen(path, "r");
-    if (file == nullptr) {
-        QM_SessionMaxLimit = 0;
-        return;
-    }
-    int value = 0;
-    int matched = std::fscanf(FCGI_ToFILE(file), "%d", &value);
-    if (matched < 0) {
-        QM_SessionMaxLimit = 0;
-    } else if (matched == 1) {
-        QM_SessionMaxLimit = value;
-    }
-    FCGI_fclose(file);
 }
 
 // Builds the cookie name for the realm. A realm too long for the name keeps
@@ -216,8 +191,8 @@ bool set_up_session(std::string_view ext) {
         QM_SessionName[0] = '\0';
     }
 
-    read_session_limit();
-    QM_FlushSessions();
+    session::read_session_limit();
+    session::flush_sessions_if_due();
 
     if (want_session && QM_GetHostSession() != 0) {
         if (!attach_session()) {

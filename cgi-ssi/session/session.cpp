@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
 #include <string>
 #include <string_view>
@@ -53,7 +52,6 @@ constexpr off_t kMaxSessionFile = 64 * 1024;
 // The directory holds passwords: nobody but the responder lists or reads it.
 constexpr mode_t kStoreMode = 0700;
 
-using quelm::UniqueDir;
 using quelm::UniqueFd;
 
 const char *realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
@@ -206,6 +204,7 @@ bool renew_session() {
             return false;
         }
         ::unlink(old_mapped.c_str());
+        note_sessions_changed();
         return true;
     });
 }
@@ -255,40 +254,6 @@ int QM_clean_session(void) {
     return 0;
 }
 
-int QM_FlushSessions(void) {
-    return quelm::guarded(0, __func__, [&]() -> int {
-        std::time_t now = std::time(nullptr);
-        QM_CurrentSession = 0;
-        std::string dir_path = quelm::root_path(kSessionPath);
-        UniqueDir dir(::opendir(dir_path.c_str()));
-        if (!dir) {
-            QM_LOG_print("failed to check %s", kSessionPath);
-            return 0;
-        }
-        const char *r = realm();
-        std::size_t realm_len = std::strlen(r);
-        // One reading of the lifetime serves the whole pass over the folder.
-        long lifetime = -1;
-        while (struct dirent *entry = ::readdir(dir.get())) {
-            if (entry->d_name[0] == '.') continue;
-            if (std::strncmp(entry->d_name, r, realm_len) != 0) continue;
-            std::string mapped = quelm::root_path(cut(std::string(kSessionPath) + "/" + entry->d_name, kPathSize));
-            struct stat st {};
-            if (::stat(mapped.c_str(), &st) != 0) {
-                if (QM_SessionMaxLimit != 0) ++QM_CurrentSession;
-                continue;
-            }
-            if (lifetime < 0) lifetime = idle_lifetime();
-            if (expired(st, now, lifetime)) {
-                ::unlink(mapped.c_str());
-                continue;
-            }
-            if (QM_SessionMaxLimit != 0 && counts_towards_limit(entry->d_name, mapped)) ++QM_CurrentSession;
-        }
-        return 0;
-    });
-}
-
 int QM_CreateSession(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
         if (QM_SessionMaxLimit != 0 && QM_CurrentSession >= QM_SessionMaxLimit) {
@@ -309,6 +274,7 @@ int QM_CreateSession(void) {
             quelm::log::print(LOG_ERR, "failed to create session, aborting");
             return 0;
         }
+        note_session_created();
         return 1;
     });
 }
@@ -362,6 +328,7 @@ int QM_InitSession(const char *token) {
         }
         if (QM_CheckSession(token) == 0) {
             if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
+            note_sessions_changed();
             QM_SessionFullPath[0] = '\0';
             std::free(QM_SessionToken);
             QM_SessionToken = nullptr;
@@ -392,6 +359,7 @@ int QM_DestroySession(void) {
             return 0;
         }
         if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
+        note_sessions_changed();
         std::free(QM_SessionToken);
         QM_SessionToken = nullptr;
         QM_SessionFullPath[0] = '\0';
@@ -440,6 +408,7 @@ int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
         std::string line = std::string(key) + "=" + value + "\n";
         ssize_t written = ::write(fd.get(), line.data(), line.size());
         (void)written;
+        note_sessions_changed();
         return 1;
     });
 }
@@ -469,6 +438,7 @@ int QM_RemoveSessionInfo(const char *token, const char *key) {
         if (!fd) return 0;
         if (::write(fd.get(), kept.data(), kept.size()) == static_cast<ssize_t>(kept.size())) {
             ::rename(temp.c_str(), mapped.c_str());
+            note_sessions_changed();
         } else {
             ::unlink(temp.c_str());
         }

@@ -12,6 +12,20 @@ namespace cgissi::session {
 // belongs to the request that presented it.
 void begin_request();
 
+// The request loop's session step. read_session_limit reads the limit file
+// ("%d"; missing or empty: no limit; no number: the previous limit) again
+// only when its status changed. flush_sessions_if_due removes expired files
+// and recounts the realm's sessions, at most once a second per
+// process unless something the count depends on changed.
+void read_session_limit();
+void flush_sessions_if_due();
+
+// What this process did to the store, for the count kept between passes: a
+// new session file, or a change that may move the count (a file removed, an
+// entry written or removed), after which the next request passes again.
+void note_session_created();
+void note_sessions_changed();
+
 // Makes the session directory the responder's alone (0700): session files
 // hold the logged-in users' passwords. Created when missing; a directory
 // of another owner, or a link, is left alone and reported. Called once at

@@ -1,0 +1,66 @@
+"""The session pass of one long-lived FastCGI responder: expired files go and
+the realm's count holds across requests even though the folder is scanned
+at most once a second; the limit file is picked up as soon as it changes."""
+
+import os
+import re
+import time
+
+import pytest
+
+from fcgi import Responder
+
+AGENT = "Mozilla/5.0 (test)"
+COOKIE = re.compile(rb"Set-Cookie: QM_web_ID=([A-Za-z0-9]{6});")
+LIMITED = b"Status: 503 "
+
+
+@pytest.fixture
+def responder(bin_dir, env, tmp_path, qmcfg):
+    qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", "192.168.1.1")
+    qmcfg("set", "Services_IADConfigurator", "SessionDelay", "600")
+    with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as r:
+        yield r
+
+
+def page(responder, addr="192.168.1.10", cookie=None):
+    params = {"SCRIPT_FILENAME": "/www/index.htm", "SCRIPT_NAME": "/index.htm", "REQUEST_METHOD": "GET",
+              "QUELM_REALM": "web", "HTTP_HOST": "192.168.1.1", "REMOTE_ADDR": addr, "HTTP_USER_AGENT": AGENT}
+    if cookie:
+        params["HTTP_COOKIE"] = f"QM_web_ID={cookie}"
+    out, _ = responder.request(params)
+    return out
+
+
+def session_dir(root):
+    return root / "var/quelm/session"
+
+
+@pytest.mark.compat
+def test_count_and_limit_hold_between_passes(responder, root):
+    limit = root / "var/quelm/webiad.d/http_session_maxlimit"
+    answers = [page(responder, addr=f"192.168.1.{20 + i}") for i in range(3)]
+    assert not any(a.startswith(LIMITED) for a in answers)  # no limit file: no limit
+    # A limit written now applies to the very next request: the three
+    # sessions made within the last second count, a fourth is refused.
+    limit.write_text("4\n")
+    assert COOKIE.search(page(responder, addr="192.168.1.30"))
+    assert page(responder, addr="192.168.1.31").startswith(LIMITED)
+    # A visitor with a live session still gets in.
+    token = COOKIE.search(answers[0]).group(1).decode()
+    assert COOKIE.search(page(responder, addr="192.168.1.20", cookie=token)).group(1).decode() == token
+    # Lifting the limit (the file changes again) applies at once too.
+    limit.write_text("0\n")
+    assert COOKIE.search(page(responder, addr="192.168.1.32"))
+
+
+def test_expired_files_go_on_a_later_pass(responder, root):
+    page(responder)  # the first request passes over the folder
+    old = session_dir(root) / "web_OLD111"
+    other = session_dir(root) / "other_OLD222"
+    for path in (old, other):
+        path.write_text("REMOTE_ADDR=1.2.3.4\n")
+        os.utime(path, (time.time() - 3600,) * 2)
+    time.sleep(1.1)
+    page(responder)
+    assert not old.exists() and other.exists()
