@@ -28,6 +28,7 @@
 #define QM_CONFIG_H
 
 #include <stdint.h>
+#include <stddef.h>
 
 #include "qm_export.h"
 
@@ -113,6 +114,24 @@ QM_EXPORT char *QM_DAT_getobjcount(const char *object);
  * records of every instance for which all clauses hold. `flag` is 0. */
 QM_EXPORT QM_DAT_record *QM_DAT_getobjdata(const char *object, int flag);
 QM_EXPORT void QM_DAT_freedata(QM_DAT_record **records);
+
+/* One record as QM_DAT_visitobjdata shows it: the texts are the library's,
+ * valid during the call only, and NUL-terminated after their length. */
+typedef struct QM_DAT_view {
+    const char *name;
+    size_t name_len;
+    const char *value;
+    size_t value_len;
+    int8_t type;
+} QM_DAT_view;
+
+/* Calls visit(context, record) for each record QM_DAT_getobjdata would
+ * return, in the same order, without copying them; a visit that returns
+ * non-zero stops the walk. The visitor must not call the library. Returns
+ * 0, or the error code (also stored, as QM_DAT_getobjdata leaves it) when
+ * there are no records. */
+typedef int (*QM_DAT_visitor)(void *context, const QM_DAT_view *record);
+QM_EXPORT int QM_DAT_visitobjdata(const char *object, QM_DAT_visitor visit, void *context);
 
 /* Value of one property; null if absent. */
 QM_EXPORT char *QM_DAT_getobjproperty(const char *object, const char *property);

@@ -49,6 +49,9 @@ int set_error(int code) {
     return code;
 }
 
+// Cache key prefix of an instance count: a byte no property name holds.
+constexpr std::string_view kCountKeyPrefix = "\x01count ";
+
 // For the getters: no result, and code as the error.
 std::nullptr_t null_with_error(int code) {
     set_error(code);
@@ -95,6 +98,27 @@ int with_model(F &&f) {
     if (state == nullptr) return set_error(code);
     DataModel model = state->model();
     return set_error(f(model));
+}
+
+// The records of a getobjdata read, from the object cache when the data
+// model has not changed since; 0 or the error code (not stored).
+int object_records(const std::string &object, std::shared_ptr<const std::vector<Record>> &out) {
+    int code = 0;
+    State *state = open_state(code);
+    if (state == nullptr) return code;
+    if (const State::CachedObject *hit = state->cached_object(object)) {
+        out = hit->records;
+        return hit->code;
+    }
+    std::vector<Record> records;
+    DataModel model = state->model();
+    code = model.records(object, records);
+    // Only answers of the database are kept, not its failures.
+    if (code != QM_ERR_NONE && code != QM_ERR_NOTHING) return code;
+    if (code == QM_ERR_NOTHING) records.clear();
+    out = std::make_shared<const std::vector<Record>>(std::move(records));
+    state->remember_object(object, code, out);
+    return code;
 }
 
 }  // namespace
@@ -180,16 +204,49 @@ void drop_state() { globals().state.reset(); }
 // are a few dozen.
 constexpr std::size_t kMaxCachedValues = 4096;
 
-const State::CachedValue *State::cached(const std::string &name) {
-    if (!generation.usable()) return nullptr;
+// Bounds the object cache: the records of the largest lists a page reads,
+// a few times over.
+constexpr std::size_t kMaxCachedObjectBytes = 4 * 1024 * 1024;
+// Bookkeeping of one cached record beyond its texts.
+constexpr std::size_t kRecordOverhead = sizeof(Record);
+
+// Drops both caches when the data model changed since they were filled;
+// false when nothing may be cached.
+bool State::cache_current() {
+    if (!generation.usable()) return false;
     std::uint64_t now = generation.current();
     if (now != cached_generation) {
         values.clear();
+        objects.clear();
+        object_bytes = 0;
         cached_generation = now;
-        return nullptr;
     }
+    return true;
+}
+
+const State::CachedValue *State::cached(const std::string &name) {
+    if (!cache_current()) return nullptr;
     auto found = values.find(name);
     return found != values.end() ? &found->second : nullptr;
+}
+
+const State::CachedObject *State::cached_object(const std::string &name) {
+    if (!cache_current()) return nullptr;
+    auto found = objects.find(name);
+    return found != objects.end() ? &found->second : nullptr;
+}
+
+void State::remember_object(const std::string &name, int code, std::shared_ptr<const std::vector<Record>> records) {
+    if (!generation.usable()) return;
+    std::size_t bytes = name.size() + kRecordOverhead;
+    for (const Record &r : *records) bytes += r.name.size() + r.value.size() + kRecordOverhead;
+    if (bytes > kMaxCachedObjectBytes) return;
+    if (object_bytes + bytes > kMaxCachedObjectBytes) {
+        objects.clear();
+        object_bytes = 0;
+    }
+    objects[name] = CachedObject{code, std::move(records)};
+    object_bytes += bytes;
 }
 
 void State::remember(const std::string &name, int code, const std::string &value) {
@@ -263,6 +320,7 @@ bool read_file(const std::string &path, std::string &out, std::string &message) 
 }  // namespace quelm::platform
 
 using quelm::platform::DataModel;
+using quelm::platform::Record;
 using namespace quelm::platform::detail;
 
 extern "C" {
@@ -298,8 +356,20 @@ int QM_err_get(void) { return globals().error; }
 char *QM_DAT_getobjcount(const char *object) {
     return guarded_call(nullptr, __func__, [&]() -> char * {
         if (object == nullptr) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
+        int code = 0;
+        State *state = open_state(code);
+        if (state == nullptr) return null_with_error(code);
+        // Kept beside the property values, under a name no property has.
+        const std::string key = std::string(kCountKeyPrefix) + object;
         std::string text;
-        if (with_model([&](DataModel &m) { return m.count(object, text); }) != 0) return nullptr;
+        if (const State::CachedValue *hit = state->cached(key)) {
+            code = hit->code;
+            text = hit->value;
+        } else {
+            code = state->model().count(object, text);
+            if (code != QM_ERR_STORAGE) state->remember(key, code, text);
+        }
+        if (set_error(code) != 0) return nullptr;
         return copy_result(text);
     });
 }
@@ -307,11 +377,11 @@ char *QM_DAT_getobjcount(const char *object) {
 QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
     return guarded_call(nullptr, __func__, [&]() -> QM_DAT_record * {
         if (object == nullptr) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
-        std::vector<quelm::platform::Record> records;
-        if (with_model([&](DataModel &m) { return m.records(object, records); }) != 0) return nullptr;
+        std::shared_ptr<const std::vector<Record>> records;
+        if (set_error(object_records(object, records)) != 0) return nullptr;
         QM_DAT_record *head = nullptr;
         QM_DAT_record **tail = &head;
-        for (const auto &r : records) {
+        for (const auto &r : *records) {
             // Linked first, so that freeing the list also frees a part-made node.
             auto *node = static_cast<QM_DAT_record *>(std::calloc(1, sizeof(QM_DAT_record)));
             *tail = node;
@@ -327,6 +397,20 @@ QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
             }
         }
         return head;
+    });
+}
+
+int QM_DAT_visitobjdata(const char *object, QM_DAT_visitor visit, void *context) {
+    return guarded_call(QM_ERR_STORAGE, __func__, [&]() -> int {
+        if (object == nullptr || visit == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
+        std::shared_ptr<const std::vector<Record>> records;
+        if (set_error(object_records(object, records)) != 0) return QM_err_get();
+        for (const Record &r : *records) {
+            const QM_DAT_view view{r.name.c_str(), r.name.size(), r.value.c_str(), r.value.size(),
+                                   static_cast<int8_t>(r.type)};
+            if (visit(context, &view) != 0) break;
+        }
+        return 0;
     });
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -38,10 +39,26 @@ struct State {
     std::uint64_t cached_generation = 0;
     std::unordered_map<std::string, CachedValue> values;
 
+    // Whole objects read since the change counter last moved (the records a
+    // read gives, or the code of a read that gave none): a page or an API
+    // call reads the same lists again and again. Bounded in bytes.
+    struct CachedObject {
+        int code;
+        std::shared_ptr<const std::vector<Record>> records;
+    };
+    std::unordered_map<std::string, CachedObject> objects;
+    std::size_t object_bytes = 0;
+
     // The cached value of a property, or null; drops the cache when the
     // data model changed since it was filled.
     const CachedValue *cached(const std::string &name);
     void remember(const std::string &name, int code, const std::string &value);
+    // Drops both caches when the data model changed since they were filled;
+    // false when nothing may be cached.
+    bool cache_current();
+    // The same for whole objects.
+    const CachedObject *cached_object(const std::string &name);
+    void remember_object(const std::string &name, int code, std::shared_ptr<const std::vector<Record>> records);
 
     ~State();
     DataModel model() { return DataModel(*schema, *db, *factory); }

@@ -1,0 +1,112 @@
+// The configuration library's per-process cache of whole objects and
+// instance counts, and the copy-free visit of an object's records: what a
+// long-lived responder reads must follow every change, its own and other
+// processes', and a visit must show exactly what QM_DAT_getobjdata gives.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "qm_config.h"
+#include "quelm_owned.h"
+#include "test_support.h"
+
+namespace {
+
+using Record = std::tuple<std::string, std::string, int>;
+
+std::vector<Record> records_of(const char *object) {
+    QM_DAT_record *records = QM_DAT_getobjdata(object, 0);
+    std::vector<Record> out;
+    for (QM_DAT_record *r = records; r != nullptr; r = r->next) out.emplace_back(r->name, r->value, r->type);
+    QM_DAT_freedata(&records);
+    return out;
+}
+
+std::vector<Record> visited(const char *object, int &code, std::size_t stop_after = 0) {
+    struct Sink {
+        std::vector<Record> out;
+        std::size_t stop_after;
+    } sink{{}, stop_after};
+    code = QM_DAT_visitobjdata(
+        object,
+        [](void *context, const QM_DAT_view *r) -> int {
+            auto &s = *static_cast<Sink *>(context);
+            s.out.emplace_back(std::string(r->name, r->name_len), std::string(r->value, r->value_len), r->type);
+            return s.out.size() == s.stop_after ? 1 : 0;
+        },
+        &sink);
+    return sink.out;
+}
+
+std::string count_of(const char *object) {
+    quelm::MallocString text(QM_DAT_getobjcount(object));
+    return text ? text.get() : "(null)";
+}
+
+// Runs change in a child process, as another responder or qmcfg would.
+void in_other_process(int (*change)()) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(change() == 0 ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+class ConfigCacheTest : public test_support::GatewayRoot {};
+
+TEST_F(ConfigCacheTest, VisitShowsWhatGetobjdataGives) {
+    for (const char *object : {"User", "User_2", "User_1_Password", "User_*[Enable=1]", "Device", "HttpServer_*"}) {
+        for (int pass = 0; pass < 2; ++pass) {  // the second pass answers from the cache
+            int code = -1;
+            const std::vector<Record> seen = visited(object, code);
+            EXPECT_EQ(code, 0) << object;
+            EXPECT_EQ(seen, records_of(object)) << object;
+            EXPECT_FALSE(seen.empty()) << object;
+        }
+    }
+    for (const char *object : {"User_4", "Nope", "User_*[Enable=1"}) {
+        int code = 0;
+        EXPECT_TRUE(visited(object, code).empty()) << object;
+        EXPECT_NE(code, 0) << object;
+        EXPECT_EQ(QM_err_get(), code) << object;
+        EXPECT_EQ(QM_DAT_getobjdata(object, 0), nullptr);
+        EXPECT_EQ(QM_err_get(), code) << object;
+    }
+    int code = -1;
+    EXPECT_EQ(visited("User", code, 2).size(), 2u);  // a visitor may stop the walk
+    EXPECT_EQ(code, 0);
+}
+
+TEST_F(ConfigCacheTest, CachedReadsFollowEveryChange) {
+    const std::vector<Record> before = records_of("User");
+    ASSERT_EQ(count_of("User"), "1,2,3");
+
+    // This process.
+    ASSERT_EQ(QM_DAT_setobjproperty("User_2", "Username", "renamed", 0), 0);
+    int code = -1;
+    const std::vector<Record> after = visited("User", code);
+    EXPECT_NE(after, before);
+    EXPECT_NE(std::find(after.begin(), after.end(), Record{"User_2_Username", "renamed", QM_TYPE_STRING}),
+              after.end());
+    ASSERT_EQ(QM_DAT_createobject("User_7", 0), 0);
+    EXPECT_EQ(count_of("User"), "1,2,3,7");
+    EXPECT_EQ(records_of("User").size(), before.size() + 5);
+
+    // Another process: the shared change counter moves.
+    in_other_process([] { return QM_DAT_deleteobject("User_1", 0); });
+    EXPECT_EQ(count_of("User"), "2,3,7");
+    EXPECT_EQ(records_of("User").size(), before.size());
+    in_other_process([] { return QM_DAT_setobjproperty("User_3", "Username", "elsewhere", 0); });
+    const std::vector<Record> last = visited("User", code);
+    EXPECT_NE(std::find(last.begin(), last.end(), Record{"User_3_Username", "elsewhere", QM_TYPE_STRING}),
+              last.end());
+}
+
+}  // namespace
