@@ -16,6 +16,8 @@
 #ifndef SSI_H
 #define SSI_H
 
+#include <stddef.h>
+
 #include "qm_export.h"
 #include "ssi_buffer.h"
 
@@ -64,6 +66,15 @@ QM_EXPORT int SSI_Get_Mode(void);
  * the response, escaped for the current mode. Returns the length the
  * formatting produced before any cut, or -1 on a format error. */
 QM_EXPORT int ssiprintf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/* The bytes ssiprintf("%.*s", len, text) prints in the current mode,
+ * written to out instead of the response: the text cut at its first NUL or
+ * at SSI_FORMAT_SIZE - 1 bytes, then escaped; nothing in a mode that prints
+ * nothing. Like ssiprintf it leaves Ssi empty in the JS and JSON modes. out
+ * must hold six bytes for each byte of text taken (SSI_ESCAPED_MAX at
+ * most). Returns the number of bytes written. */
+enum { SSI_ESCAPED_MAX = 6 * (SSI_FORMAT_SIZE - 1) };
+QM_EXPORT size_t ssi_escape_value(const char *text, size_t len, char *out);
 
 /* Stores byte at position pos of Ssi and returns the next position. When
  * pos has reached SSI_BUFFER_SIZE - 1, the staged text is written first and

@@ -1,5 +1,7 @@
 // Escaped value output: ssiprintf and its staging through the shared Ssi
 // buffer.
+#include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -56,6 +58,19 @@ std::string_view escape_of(unsigned char byte, int mode) {
     }
 }
 
+// Whether escape_of has a replacement for the byte (in either mode).
+constexpr bool escaped_byte(unsigned char byte) {
+    return (byte >= 7 && byte <= 13) || byte == '"' || byte == '\'' || byte == '\\' || byte == '<' || byte == '>';
+}
+
+constexpr std::array<bool, 256> kEscaped = [] {
+    std::array<bool, 256> table{};
+    for (unsigned byte = 0; byte < table.size(); ++byte) table[byte] = escaped_byte(static_cast<unsigned char>(byte));
+    return table;
+}();
+
+bool needs_escape(unsigned char byte) { return kEscaped[byte]; }
+
 // Stages `text` escaped for `mode` (1 or 2) and writes it; Ssi is left
 // empty.
 void write_escaped(std::string_view text, int mode) {
@@ -106,6 +121,32 @@ int ssisendbyte(int pos, char byte) {
     }
     Ssi[pos] = byte;
     return pos + 1;
+}
+
+size_t ssi_escape_value(const char *text, size_t len, char *out) {
+    if (text == nullptr || out == nullptr) return 0;
+    const std::size_t taken = std::min<std::size_t>(len, SSI_FORMAT_SIZE - 1);
+    const int mode = Ssi_mode;
+    if (mode != SSI_MODE_PLAIN && mode != SSI_MODE_JS && mode != SSI_MODE_JSON) return 0;  // compat: as write_value
+    // Like "%.*s", the text ends at its first NUL.
+    const std::size_t length = ::strnlen(text, taken);
+    if (mode == SSI_MODE_PLAIN) {
+        std::memcpy(out, text, length);
+        return length;
+    }
+    char *at = out;
+    for (std::size_t i = 0; i < length; ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (!needs_escape(byte)) {
+            *at++ = text[i];
+            continue;
+        }
+        const std::string_view escaped = escape_of(byte, mode);
+        std::memcpy(at, escaped.data(), escaped.size());
+        at += escaped.size();
+    }
+    Ssi[0] = '\0';
+    return static_cast<size_t>(at - out);
 }
 
 int ssiprintf(const char *format, ...) {

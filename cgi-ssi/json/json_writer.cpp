@@ -16,6 +16,7 @@
 //     which pages use to tell an empty secret list from a set one.
 #include "json/json_writer.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "cgi_output.h"
@@ -24,43 +25,91 @@
 namespace cgissi::json {
 namespace {
 
-void write_out(std::string_view text) {
-    if (!text.empty()) cgi_out_write(text.data(), text.size());
-}
-
-void write_output_mode(std::string_view text) {
-    // One ssiprintf call per text, which cuts it at SSI_FORMAT_SIZE - 1
-    // bytes as every value printed through it has always been.
-    ssiprintf("%.*s", static_cast<int>(text.size()), text.data());
-}
-
 constexpr std::size_t kControlEscapeSize = sizeof "\\u0000";
+constexpr std::size_t kFirstBufferSize = 16 * 1024;
+
+// Bytes that strict JSON escaping replaces.
+constexpr bool strict_escaped(unsigned char byte) { return byte == '"' || byte == '\\' || byte < 0x20; }
+
+// Appends text escaped strictly; Out has append(string_view) and append(char).
+template <typename Out>
+void append_escape_strict(Out &out, std::string_view text) {
+    std::size_t plain = 0;  // start of the run not yet appended
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (!strict_escaped(byte)) continue;
+        out.append(text.substr(plain, i - plain));
+        plain = i + 1;
+        if (byte < 0x20) {
+            char escape[kControlEscapeSize];
+            std::snprintf(escape, sizeof escape, "\\u%04x", byte);
+            out.append(std::string_view(escape));
+        } else {
+            out.append('\\');
+            out.append(static_cast<char>(byte));
+        }
+    }
+    out.append(text.substr(plain));
+}
+
+// std::string with the two appends OutBuffer has.
+struct StringOut {
+    std::string &text;
+    void append(std::string_view more) { text.append(more); }
+    void append(char c) { text += c; }
+};
 
 }  // namespace
 
 std::string escape_strict(std::string_view text) {
     std::string out;
     out.reserve(text.size());
-    for (char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (byte < 0x20) {
-            char escape[kControlEscapeSize];
-            std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-            out += escape;
-        } else {
-            out += c;
-        }
-    }
+    StringOut sink{out};
+    append_escape_strict(sink, text);
     return out;
+}
+
+void OutBuffer::grow(std::size_t n) {
+    std::size_t capacity = capacity_ != 0 ? capacity_ : kFirstBufferSize;
+    while (capacity - size_ < n) capacity *= 2;
+    auto bigger = std::make_unique_for_overwrite<char[]>(capacity);
+    if (size_ != 0) std::memcpy(bigger.get(), data_.get(), size_);
+    data_ = std::move(bigger);
+    capacity_ = capacity;
 }
 
 std::string masked(std::string_view secret) {
     const std::size_t commas = secret.find_first_not_of(',');
     if (commas == std::string_view::npos) return std::string(secret);
     return std::string(secret.substr(0, commas)).append(kMask);
+}
+
+void Writer::write_out(std::string_view text) {
+    if (buffer_ != nullptr) {
+        buffer_->append(text);
+    } else if (!text.empty()) {
+        cgi_out_write(text.data(), text.size());
+    }
+}
+
+void Writer::write_escaped(std::string_view text) {
+    if (buffer_ != nullptr) {
+        append_escape_strict(*buffer_, text);
+    } else {
+        write_out(escape_strict(text));
+    }
+}
+
+void Writer::write_output_mode(std::string_view text) {
+    if (buffer_ == nullptr) {
+        // One ssiprintf call per text, which cuts it at SSI_FORMAT_SIZE - 1
+        // bytes as every value printed through it has always been.
+        ssiprintf("%.*s", static_cast<int>(text.size()), text.data());
+        return;
+    }
+    // Escaping makes at most six bytes of one.
+    const std::size_t taken = std::min<std::size_t>(text.size(), SSI_FORMAT_SIZE - 1);
+    buffer_->commit(ssi_escape_value(text.data(), taken, buffer_->room(taken * 6)));
 }
 
 void Writer::punctuation(std::string_view text) {
@@ -90,7 +139,7 @@ void Writer::end_object() {
 void Writer::key(std::string_view name) {
     separate();
     write_out("\"");
-    write_out(escape_strict(name));
+    write_escaped(name);
     write_out("\"");
     write_out(layout_.key_separator);
 }
@@ -98,7 +147,7 @@ void Writer::key(std::string_view name) {
 void Writer::compact_member(std::string_view name, std::string_view value) {
     separate();
     write_out("\"");
-    write_out(escape_strict(name));
+    write_escaped(name);
     write_out("\":");
     string(value, Escape::strict);
 }
@@ -106,7 +155,7 @@ void Writer::compact_member(std::string_view name, std::string_view value) {
 void Writer::string(std::string_view value, Escape escape) {
     write_out("\"");
     switch (escape) {
-    case Escape::strict: write_out(escape_strict(value)); break;
+    case Escape::strict: write_escaped(value); break;
     case Escape::output_mode: write_output_mode(value); break;
     case Escape::verbatim: write_out(value); break;
     }

@@ -8,10 +8,14 @@
 //     answer.string(value, json::Escape::output_mode);
 //     answer.end_object();                  // {"Device_Name" : "..."}
 //
-// A Writer only tracks where separators go; it owns no output. Keys are
-// always escaped as JSON; values are escaped as the caller says.
+// A Writer only tracks where separators go; it owns no output: it writes
+// to the response, or appends to a caller's buffer that the caller then
+// writes in one piece (the same bytes). Keys are always escaped as JSON;
+// values are escaped as the caller says.
 #pragma once
 
+#include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,9 +57,37 @@ std::string escape_strict(std::string_view text);
 // replaced by kMask; an empty value stays empty.
 std::string masked(std::string_view secret);
 
+// Output gathered for one write to the response: appends without the
+// bookkeeping of std::string, growing by doubling.
+class OutBuffer {
+public:
+    // At least n writable bytes at the end; commit() what was written.
+    char *room(std::size_t n) {
+        if (capacity_ - size_ < n) grow(n);
+        return data_.get() + size_;
+    }
+    void commit(std::size_t n) { size_ += n; }
+    void append(std::string_view text) {
+        std::memcpy(room(text.size()), text.data(), text.size());
+        size_ += text.size();
+    }
+    void append(char c) {
+        *room(1) = c;
+        ++size_;
+    }
+    std::string_view view() const { return {data_.get(), size_}; }
+
+private:
+    void grow(std::size_t n);
+    std::unique_ptr<char[]> data_;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
+};
+
 class Writer {
 public:
     explicit Writer(const Layout &layout) : layout_(layout) {}
+    Writer(const Layout &layout, OutBuffer &buffer) : layout_(layout), buffer_(&buffer) {}
 
     void begin_object();
     void end_object();
@@ -75,8 +107,12 @@ public:
 private:
     void punctuation(std::string_view text);
     void separate();
+    void write_out(std::string_view text);
+    void write_escaped(std::string_view text);
+    void write_output_mode(std::string_view text);
 
     Layout layout_;
+    OutBuffer *buffer_ = nullptr;  // null: straight to the response
     // One entry per open object: whether it has a member yet.
     std::vector<bool> has_member_;
 };
