@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "datamodel/result_tree.h"
 #include "json/json_writer.h"
 #include "qm_config.h"
 #include "qm_config_records.h"
@@ -177,8 +178,12 @@ using Tree = std::unique_ptr<qm_node, TreeDeleter>;
 
 using Records = quelm::ConfigRecords;
 
-// Prints the chain that starts at node as a result tree.
-void write_tree(const qm_node *node, bool shadow);
+// The result tree of a path of the path language (what create_tree_full
+// gives for it with no suffix and no records); false when there is none.
+bool read_tree(const std::string &path, ResultTree &tree);
+
+// Prints the chain that starts at node as a result tree, in one write.
+void write_tree(const TreeNode *node, bool shadow);
 
 // True when the token grants path (has_right result 1); names inside
 // brackets grant nothing (rights_path).

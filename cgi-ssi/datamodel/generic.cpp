@@ -142,9 +142,9 @@ void print_read(const char *argument) {
     strip_cli_options(path, options);
     if (options.autolearn) token_ssi_autolearn = 1;
     token_shadow_password = options.shadow;
-    Tree tree(create_tree_full(path.c_str(), nullptr, nullptr));
-    if (tree && tree->child != nullptr) {
-        write_tree(tree->child, token_shadow_password != 0);
+    ResultTree tree;
+    if (read_tree(path, tree) && tree.root->child != nullptr) {
+        write_tree(tree.root->child, token_shadow_password != 0);
     } else {
         // A script literal, not a JSON value.
         ssiprintf("%s", "undefined");

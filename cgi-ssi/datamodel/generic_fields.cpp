@@ -201,10 +201,11 @@ void read_cgi_value(std::string &path, GenericRequest &request) {
         set_cgi_error(request, kErrorReadRefused, kNoAccess, path.c_str());
         return;
     }
-    Tree tree(create_tree_full(path.c_str(), nullptr, nullptr));
+    ResultTree tree;
+    const bool found = read_tree(path, tree);
     request.answer.key(path);
-    if (tree && tree->child != nullptr) {
-        write_tree(tree->child, true);
+    if (found && tree.root->child != nullptr) {
+        write_tree(tree.root->child, true);
     } else {
         request.answer.string("", json::Escape::strict);
         // The latest message goes into the error text twice, with no code:
