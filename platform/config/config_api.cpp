@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include "event_log.h"
@@ -51,6 +52,17 @@ int set_error(int code) {
 
 // Cache key prefix of an instance count: a byte no property name holds.
 constexpr std::string_view kCountKeyPrefix = "\x01count ";
+
+// The process id, read once per process: every call of the library checks
+// that its state was opened by this process, and getpid is a system call.
+// A child made by fork learns its own id from the handler.
+pid_t current_pid() {
+    static pid_t pid = [] {
+        ::pthread_atfork(nullptr, nullptr, [] { pid = ::getpid(); });
+        return ::getpid();
+    }();
+    return pid;
+}
 
 // For the getters: no result, and code as the error.
 std::nullptr_t null_with_error(int code) {
@@ -125,7 +137,7 @@ int object_records(const std::string &object, std::shared_ptr<const std::vector<
 
 State::~State() {
     // A connection or lock inherited across fork belongs to the parent.
-    if (pid != getpid()) {
+    if (pid != current_pid()) {
         if (db) db->abandon();
         lock.forget();
     }
@@ -162,12 +174,12 @@ int load_definitions(std::unique_ptr<Schema> &schema, std::unique_ptr<FactoryDef
 State *open_state(int &code, bool need_database) {
     Globals &g = globals();
     std::string root(quelm::root_prefix());
-    if (g.state && (g.state->root != root || g.state->pid != getpid())) g.state.reset();
+    if (g.state && (g.state->root != root || g.state->pid != current_pid())) g.state.reset();
     std::string message;
     if (!g.state) {
         auto state = std::make_unique<State>();
         state->root = root;
-        state->pid = getpid();
+        state->pid = current_pid();
         state->lock_wait_ms = lock_wait_from_environment();
         code = load_definitions(state->schema, state->factory, message);
         if (code != QM_ERR_NONE) {
@@ -530,7 +542,7 @@ int QM_FILE_lock(void) {
 
 int QM_FILE_unlock(void) {
     State *state = globals().state.get();
-    if (state == nullptr || state->lock_depth == 0 || state->pid != getpid()) return set_error(QM_ERR_NOTHING);
+    if (state == nullptr || state->lock_depth == 0 || state->pid != current_pid()) return set_error(QM_ERR_NOTHING);
     if (--state->lock_depth == 0) state->lock.release();
     return set_error(QM_ERR_NONE);
 }
