@@ -16,3 +16,5 @@ echo "== bench/upload"
 bench/upload/run.sh build
 echo "== bench/nas"
 bench/nas/run.sh build
+echo "== summary"
+bench/summary.sh build | tee build/bench/summary.txt

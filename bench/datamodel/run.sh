@@ -13,7 +13,12 @@
 #
 #   bench/datamodel/run.sh [BUILD_DIR]      (default: build)
 #
-# Knobs (environment): BENCH_SIZES ("10 100 1000"), BENCH_DURATION seconds
+# With the largest N, the "one" read is loaded again with 1,000 and 10,000
+# live session files in the folder (each round: none, 1,000, 10,000), and a
+# warm FastCGI responder's instructions per request are counted
+# (bench/fcgi_ir.py); "per property" is the "all" read's count / (N x 8).
+#
+# Knobs (environment): BENCH_SIZES ("100 1000"), BENCH_DURATION seconds
 # per wrk run (3), BENCH_THREADS (1), BENCH_CONNECTIONS (4), BENCH_PORT,
 # BENCH_CALLGRIND=0 / BENCH_WRK=0 skip a part.
 #
@@ -25,7 +30,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../common.sh"
 bench_setup datamodel "${1:-}"
 
-sizes=${BENCH_SIZES:-"10 100 1000"}
+sizes=${BENCH_SIZES:-"100 1000"}
 duration=${BENCH_DURATION:-3}
 threads=${BENCH_THREADS:-1}
 connections=${BENCH_CONNECTIONS:-4}
@@ -130,6 +135,7 @@ rps() { # url
   printf '%-6s %-6s %10s %14s %14s %10s %10s %6s\n' N read bytes instructions net req/s copy-req/s ratio
 } | tee "$report"
 
+declare -A all_rate=() all_copy=()
 for n in $sizes; do
   root=$work/root-$n
   make_root "$n" "$root"
@@ -150,6 +156,9 @@ for n in $sizes; do
     stop_lighttpd
   fi
   for r in "${reads[@]}"; do
+    all_rate[${n}_$r]=${rate[$r]:-?} all_copy[${n}_$r]=${copy_rate[$r]:-?}
+  done
+  for r in "${reads[@]}"; do
     size=$(answer_size "$root" "${query[$r]}")
     total=${ir[$r]:--}
     net=-
@@ -162,4 +171,72 @@ for n in $sizes; do
       "${copy_rate[$r]:--}" "$ratio"
   done | tee -a "$report"
 done
+# ----------------------------------------------- sessions, warm responder --
+largest=${sizes##* }
+root=$work/root-$largest
+set_queries "$largest"
+sessions=$root/var/quelm/session
+add_sessions() { # total
+  python3 - "$sessions" "$1" <<'PY'
+import os, sys
+folder, total = sys.argv[1], int(sys.argv[2])
+os.makedirs(folder, mode=0o700, exist_ok=True)
+for i in range(total):
+    path = f"{folder}/web_s{i:05d}"
+    if not os.path.exists(path):
+        with open(path, "w") as f:
+            f.write(f"REMOTE_ADDR=10.0.{i // 250}.{i % 250}\nHTTP_USER_AGENT=other\nREALM=web\n")
+PY
+}
+declare -A session_rate=()
+if [ "$do_wrk" = 1 ]; then
+  serve_root "$root" "$work/run-sessions"
+  for _ in 1 2; do
+    for count in 0 1000 10000; do
+      [ "$count" = 0 ] && find "$sessions" -name 'web_s*' -delete 2>/dev/null
+      add_sessions "$count"
+      r=$(rps "$base/generic.cgi?${query[one]}")
+      if [[ "$r" =~ ^[0-9.]+$ ]] && awk -v a="$r" -v b="${session_rate[$count]:-0}" 'BEGIN { exit !(a > b) }'; then
+        session_rate[$count]=$r
+      fi
+    done
+  done
+  stop_lighttpd
+  find "$sessions" -name 'web_s*' -delete 2>/dev/null
+  for count in 1000 10000; do
+    printf '%-6s %-6s with %5d live sessions: %10s req/s, against none %10s: ratio %s\n' "$largest" one "$count" \
+      "${session_rate[$count]:--}" "${session_rate[0]:--}" \
+      "$(awk -v a="${session_rate[$count]:-0}" -v b="${session_rate[0]:-0}" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }')"
+  done | tee -a "$report"
+fi
+
+declare -A warm=()
+if [ "$do_callgrind" = 1 ]; then
+  for r in all one none; do
+    params=$(python3 -c 'import json, sys; print(json.dumps({"SCRIPT_FILENAME": "/www/generic.cgi", "SCRIPT_NAME": "/generic.cgi",
+      "REQUEST_METHOD": "GET", "QUERY_STRING": sys.argv[1], "QUELM_REALM": "web", "REMOTE_ADDR": "127.0.0.1",
+      "HTTP_HOST": "127.0.0.1"}))' "${query[$r]}")
+    count=20
+    [ "$r" = all ] && count=3
+    read -r warm[$r] _ < <(python3 "$here/../fcgi_ir.py" "$bin/cgi-ssi" ssi "$root" "$params" --count $count 2>/dev/null ||
+                           echo "? ?")
+  done
+  per_property=$(awk -v a="${warm[all]}" -v n="$largest" 'BEGIN { if (a ~ /^[0-9]+$/) printf "%.0f", a / (n * 8); else print "?" }')
+  echo "warm responder, instructions per request: all ${warm[all]} (${per_property} per property), one ${warm[one]}, none ${warm[none]}" |
+    tee -a "$report"
+fi
+
+# For the summary of scripts/bench.sh: one "key value" per line.
+{
+  for n in $sizes; do
+    for r in "${reads[@]}"; do
+      echo "rate_${n}_${r} ${all_rate[${n}_$r]:-?}"
+      echo "copy_${n}_${r} ${all_copy[${n}_$r]:-?}"
+    done
+  done
+  for count in 0 1000 10000; do echo "sessions_${count}_rate ${session_rate[$count]:-?}"; done
+  echo "largest $largest"
+  echo "ir_all_warm ${warm[all]:-?}"
+  echo "ir_per_property ${per_property:-?}"
+} > "$out_dir/datamodel.summary"
 echo "report: $report"

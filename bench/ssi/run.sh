@@ -36,6 +36,16 @@ bench_need_built "build the target bench-tools" cgi-ssi qmcfg bench-fcgi-copy
 
 # ---------------------------------------------------------------- set-up --
 bench_make_root
+# The visitor is the gateway's own: the Host (127.0.0.1:PORT) names the
+# gateway's LAN address, and every request carries the cookie of a live
+# session of this client, so (a) pays what a signed-in visitor's page costs
+# (the cookie's session checked and refreshed, the folder pass) and no
+# session is made per request.
+"$bin/qmcfg" set LANDevice_1_IPInterface_1 IPAddress 127.0.0.1 >/dev/null
+sessions=$root/var/quelm/session
+mkdir -p "$sessions" && chmod 700 "$sessions"
+printf 'REMOTE_ADDR=127.0.0.1\nHTTP_USER_AGENT=%s\nREALM=web\n' "$user_agent" > "$sessions/web_bench1"
+cookie='QM_web_ID=bench1'
 
 # One file under four names: every target serves exactly the same bytes.
 cp "$here/page.shtml" "$docroot/page.shtml"
@@ -71,6 +81,7 @@ status_kb() { # pid field
 wait_backends "$root/cgi-bin/ssi" "$bin/bench-fcgi-copy" || true
 ssi_pid=$backend_a copy_pid=$backend_b
 rss_ssi_idle=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmRSS || echo "?")
+anon_ssi_idle=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" RssAnon || echo "?")
 rss_copy_idle=$( [ -n "$copy_pid" ] && status_kb "$copy_pid" VmRSS || echo "?")
 
 # ----------------------------------------------------------------- probe --
@@ -84,7 +95,7 @@ url[d]="/page.txt?$query";   label[d]="static file"
 problems=()
 for t in "${targets[@]}"; do
   body=$work/probe-$t.out
-  line=$(curl -s --max-time 5 -o "$body" -H "User-Agent: $user_agent" -H "Accept: $accept" \
+  line=$(curl -s --max-time 5 -o "$body" -H "User-Agent: $user_agent" -H "Accept: $accept" -H "Cookie: $cookie" \
               -w '%{http_code} %{size_download} %{content_type}' "$base${url[$t]}" || echo "000 0 -")
   read -r "probe_status[$t]" "probe_size[$t]" "probe_type[$t]" <<<"$line"
   probe_note[$t]=""
@@ -102,8 +113,8 @@ done
 load() { # target seconds
   local t=$1 secs=$2 text
   text=$(timeout $((secs + 15)) wrk -t"$threads" -c"$connections" -d"${secs}s" --timeout 2s \
-           -H "User-Agent: $user_agent" -H "Accept: $accept" \
-           -s "$here/wrk.lua" "$base${url[$t]}" 2>&1) || true
+           -H "User-Agent: $user_agent" -H "Accept: $accept" -H "Cookie: $cookie" \
+           -s "${BENCH_LUA:-$here/wrk.lua}" "$base${url[$t]}" 2>&1) || true
   awk '
     /^BENCH / {
       for (i = 2; i <= NF; i++) { split($i, kv, "="); v[kv[1]] = kv[2] }
@@ -145,6 +156,50 @@ for t in "${targets[@]}"; do
   fi
 done
 
+# ---------------------------------------------- live sessions, memory --
+# (a) again with 1,000 and then 10,000 live sessions of other visitors in
+# the folder; best of the rounds, against (a) with none.
+add_sessions() { # total
+  python3 - "$sessions" "$1" <<'PY'
+import os, sys
+folder, total = sys.argv[1], int(sys.argv[2])
+for i in range(total):
+    path = f"{folder}/web_s{i:05d}"
+    if not os.path.exists(path):
+        with open(path, "w") as f:
+            f.write(f"REMOTE_ADDR=10.0.{i // 250}.{i % 250}\nHTTP_USER_AGENT=other\nREALM=web\n")
+PY
+}
+# Each round loads (a) with none, then 1,000, then 10,000 such sessions, so
+# that the three are measured minutes apart at most.
+session_counts=(0 1000 10000)
+declare -A best_sessions
+for n in "${session_counts[@]}"; do best_sessions[$n]=0; done
+for _ in $(seq 1 "$rounds"); do
+  for n in "${session_counts[@]}"; do
+    [ "$n" = 0 ] && find "$sessions" -name 'web_s*' -delete
+    add_sessions "$n"
+    load a "$warmup" >/dev/null
+    read -r rps _ < <(load a "$duration")
+    if awk -v a="$rps" -v b="${best_sessions[$n]}" 'BEGIN { exit !(a > b) }'; then best_sessions[$n]=$rps; fi
+  done
+done
+anon_ssi_before=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" RssAnon || echo "?")
+# 100,000 requests of a mix (pages with and without directives, data-model
+# reads, a missing page) against the same responder; its private memory
+# before and after.
+mixed_requests=${BENCH_MIXED_REQUESTS:-100000}
+printf '%s\n' '<html><!--#echo jsonvar="cli=User_*" --><!--#echo var="cli=Device" --></html>' > "$docroot/model.htm"
+export BENCH_PATHS="${url[a]} /plain.htm /model.htm /nosuch.htm" BENCH_LUA=$here/mixed.lua
+saved_cap=$BENCH_MAX_REQUESTS
+export BENCH_MAX_REQUESTS=$(( mixed_requests / threads ))
+# wrk runs for its whole duration even when its threads stop early: the
+# duration is set from the page rate so that the cap ends the run.
+mixed_secs=$(awk -v n="$mixed_requests" -v r="${best[a]}" 'BEGIN { s = (r > 0 ? n / (0.7 * r) : 60); print int(s) + 2 }')
+read -r mixed_rps mixed_done _ < <(load a "$mixed_secs")
+export BENCH_MAX_REQUESTS=$saved_cap
+unset BENCH_PATHS BENCH_LUA
+anon_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" RssAnon || echo "?")
 rss_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmRSS || echo "?")
 hwm_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmHWM || echo "?")
 rss_copy_after=$( [ -n "$copy_pid" ] && status_kb "$copy_pid" VmRSS || echo "?")
@@ -163,7 +218,7 @@ cgi_env() { # script-file script-name
     PATH=/usr/bin:/bin QUELM_ROOT="$root" QUELM_LOG_FILE="$run/cgi-ssi-callgrind.log"
     QUELM_REALM=web QUELM_SRV_IDX=1 GATEWAY_INTERFACE=CGI/1.1 REQUEST_METHOD=GET
     QUERY_STRING="$query" REQUEST_URI="$2?$query" DOCUMENT_ROOT="$docroot"
-    HTTP_HOST="127.0.0.1:$port" HTTP_USER_AGENT="$user_agent" HTTP_ACCEPT="$accept"
+    HTTP_HOST="127.0.0.1:$port" HTTP_USER_AGENT="$user_agent" HTTP_ACCEPT="$accept" HTTP_COOKIE="$cookie"
     REMOTE_ADDR=127.0.0.1 REMOTE_PORT=40000 SERVER_NAME=127.0.0.1 SERVER_ADDR=127.0.0.1
     SERVER_PORT="$port" SERVER_PROTOCOL=HTTP/1.1 SERVER_SOFTWARE=lighttpd
   )
@@ -183,6 +238,22 @@ callgrind_ir() { # name script-file script-name
 inclusive_ir() { # function annotate-text
   awk -v f="$1" '{ for (i = 2; i <= NF; i++) if ($i ~ ("(^|[^:]:)" f "$") && $(i + 1) ~ /^\[/) { gsub(",", "", $1); print $1; exit } }' "$2"
 }
+# A warm FastCGI responder's instructions per page request (bench/fcgi_ir.py):
+# with the 10,000 live sessions, then with none but the visitor's.
+warm_ir() { # -> "instructions bytes"
+  cgi_env "$docroot/page.htm" /page.htm | python3 -c '
+import json, sys
+print(json.dumps(dict(kv.split("=", 1) for kv in sys.stdin.read().split("\0") if kv)))' |
+    { read -r params; python3 "$here/../fcgi_ir.py" "$bin/cgi-ssi" ssi "$root" "$params" --count 20 2>/dev/null; } || echo "? ?"
+}
+ir_warm_sessions="?" ir_warm="?"
+if [ "${BENCH_CALLGRIND:-1}" != 0 ] && command -v valgrind >/dev/null; then
+  read -r ir_warm_sessions _ < <(warm_ir)
+  find "$sessions" -name 'web_s*' -delete
+  read -r ir_warm _ < <(warm_ir)
+fi
+find "$sessions" -name 'web_s*' -delete
+
 ir_page="?" ir_plain="?" ir_start="?" ir_request="?" ir_handler="?" cg_status="?"
 if [ "${BENCH_CALLGRIND:-1}" != 0 ] && command -v valgrind >/dev/null; then
   ir_page=$(callgrind_ir page "$docroot/page.htm" /page.htm)
@@ -241,6 +312,14 @@ target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (
   echo "b/d = $bd   (FastCGI round trip against the static file)"
   echo "c/d = $cd_   (mod_ssi against the static file)"
   echo
+  echo "(a) with live sessions of other visitors in the folder (best of $rounds rounds, against none in the same rounds):"
+  for n in "${session_counts[@]}"; do
+    echo "  $n sessions: $(num "${best_sessions[$n]}") req/s, ratio $(ratio "${best_sessions[$n]}" "${best_sessions[0]}")   (target 0.90)"
+  done
+  echo
+  echo "cgi-ssi responder private memory (RssAnon): idle ${anon_ssi_idle:-?} kB, before the mixed run ${anon_ssi_before:-?} kB,"
+  echo "  after ${mixed_done:-?} mixed requests (${mixed_rps:-?} req/s: page, plain page, data-model page, missing page) ${anon_ssi_after:-?} kB"
+  echo
   echo "cgi-ssi responder memory (VmRSS of the \"ssi\" FastCGI process, pid ${ssi_pid:-?}):"
   echo "  idle after start: ${rss_ssi_idle:-?} kB   after the load: ${rss_ssi_after:-?} kB   peak (VmHWM): ${hwm_ssi_after:-?} kB"
   echo "  (copy responder for comparison: ${rss_copy_idle:-?} kB idle, ${rss_copy_after:-?} kB after the load)"
@@ -253,8 +332,23 @@ target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (
   echo "  per plain request = plain - start-up: $(diff_ir "$ir_plain" "$ir_start")"
   echo "  per directive     = (page - plain) / $directives: $(diff_ir "$ir_page" "$ir_plain" "$directives")"
   echo "  inside the page run, inclusive: the request (main_CGI) ${ir_request:-?}, of which the page handler (ssi) ${ir_handler:-?}"
+  echo "  warm FastCGI responder, per page request (bench/fcgi_ir.py): ${ir_warm:-?}; with 10000 live sessions: ${ir_warm_sessions:-?}"
   echo "  (subtracted: the start-up run is the same process with no SCRIPT_FILENAME; it pays exec, dynamic"
   echo "   linking, data-model initialisation and exit, which a FastCGI responder pays once, not per page)"
   echo
   echo "files: $work (probe-*.out bodies, lighttpd.conf, callgrind.*.out)"
 } | tee "$report"
+
+# For the summary of scripts/bench.sh: one "key value" per line.
+{
+  echo "page_rate ${best[a]}"
+  echo "copy_rate ${best[b]}"
+  for n in "${session_counts[@]}"; do echo "sessions_${n}_rate ${best_sessions[$n]}"; done
+  echo "rss_anon_idle ${anon_ssi_idle:-?}"
+  echo "rss_anon_before ${anon_ssi_before:-?}"
+  echo "rss_anon_after ${anon_ssi_after:-?}"
+  echo "mixed_requests ${mixed_done:-?}"
+  echo "ir_page_warm ${ir_warm:-?}"
+  echo "ir_page_warm_sessions ${ir_warm_sessions:-?}"
+  echo "problems ${#problems[@]}"
+} > "$out_dir/ssi.summary"

@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Prints the summary of a `make bench` run: one row per goal of the
+# benchmarks, from the "key value" files the benchmarks leave in
+# BUILD_DIR/bench (ssi.summary, datamodel.summary). Ratios are against the
+# reference measured in the same run; a row without its numbers is "-".
+#
+#   bench/summary.sh [BUILD_DIR]
+set -euo pipefail
+out_dir=${1:-build}/bench
+
+value() { # file key
+  awk -v k="$2" '$1 == k { print $2; found = 1 } END { if (!found) print "?" }' "$out_dir/$1" 2>/dev/null || echo "?"
+}
+
+# Work, product, reference, ratio = product / reference, target ratio.
+row() { # work product reference target [unit]
+  awk -v w="$1" -v p="$2" -v r="$3" -v t="$4" 'BEGIN {
+    ok = (p ~ /^[0-9.]+$/ && r ~ /^[0-9.]+$/ && r + 0 > 0)
+    ratio = ok ? p / r : 0
+    printf "%-46s | %12s | %12s | %6s | %7s | %s\n", w, p, r, ok ? sprintf("%.2f", ratio) : "-", ">= " t,
+           ok ? (ratio >= t ? "PASS" : "FAIL") : "-"
+  }'
+}
+
+# A count that must stay at or below its bound.
+bound_row() { # work value bound
+  awk -v w="$1" -v v="$2" -v b="$3" 'BEGIN {
+    ok = (v ~ /^-?[0-9.]+$/)
+    printf "%-46s | %12s | %12s | %6s | %7s | %s\n", w, v, "-", "-", "<= " b, ok ? (v + 0 <= b ? "PASS" : "FAIL") : "-"
+  }'
+}
+
+n=$(value datamodel.summary largest)
+printf '%-46s | %12s | %12s | %6s | %7s | %s\n' Work product reference ratio target result
+printf '%s\n' "-----------------------------------------------+--------------+--------------+--------+---------+-------"
+row "8 KB page, 20 echoes (req/s; copy responder)" "$(value ssi.summary page_rate)" "$(value ssi.summary copy_rate)" 0.90
+for count in 1000 10000; do
+  row "page, $count live sessions (req/s; none)" "$(value ssi.summary "sessions_${count}_rate")" \
+    "$(value ssi.summary sessions_0_rate)" 0.90
+done
+for size in "$n" 100; do
+  row "generic.cgi all of $size x 8 (req/s; copy)" "$(value datamodel.summary "rate_${size}_all")" \
+    "$(value datamodel.summary "copy_${size}_all")" 0.50
+done
+row "generic.cgi one property (req/s; copy)" "$(value datamodel.summary "rate_${n}_one")" \
+  "$(value datamodel.summary "copy_${n}_one")" 0.90
+row "request with nothing to do (req/s; copy)" "$(value datamodel.summary "rate_${n}_none")" \
+  "$(value datamodel.summary "copy_${n}_none")" 0.90
+for count in 1000 10000; do
+  row "generic.cgi one, $count live sessions (req/s; none)" "$(value datamodel.summary "sessions_${count}_rate")" \
+    "$(value datamodel.summary sessions_0_rate)" 0.90
+done
+bound_row "instructions per property (all of $n x 8, warm)" "$(value datamodel.summary ir_per_property)" 1500
+before=$(value ssi.summary rss_anon_before) after=$(value ssi.summary rss_anon_after)
+growth=$(awk -v a="$after" -v b="$before" 'BEGIN { if (a ~ /^[0-9]+$/ && b ~ /^[0-9]+$/) print a - b; else print "?" }')
+bound_row "RssAnon growth, kB, $(value ssi.summary mixed_requests) mixed requests" "$growth" 256
+echo "RssAnon of the page responder: idle $(value ssi.summary rss_anon_idle) kB, before the mixed run $before kB, after $after kB"
+echo "warm instructions per page request: $(value ssi.summary ir_page_warm) ($(value ssi.summary ir_page_warm_sessions) with 10000 live sessions)"
