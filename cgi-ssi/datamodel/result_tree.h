@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -36,8 +37,10 @@ public:
     // A new node pointing at text, which must stay valid while the tree is
     // used (a text of the tree's own, or of records that outlive it).
     TreeNode *node_of(std::string_view text) {
-        if (nodes_used_ == kNodesPerBlock || node_blocks_.empty()) {
-            node_blocks_.push_back(std::make_unique<TreeNode[]>(kNodesPerBlock));
+        if (nodes_used_ == node_block_size_) {
+            // Blocks grow with the tree: a one-value read stays small.
+            node_block_size_ = node_blocks_.empty() ? kFirstNodeBlock : std::min(2 * node_block_size_, kMaxNodeBlock);
+            node_blocks_.push_back(std::make_unique<TreeNode[]>(node_block_size_));
             nodes_used_ = 0;
         }
         TreeNode *n = &node_blocks_.back()[nodes_used_++];
@@ -48,13 +51,15 @@ public:
     // A copy of text that lives as long as the tree.
     std::string_view copy(std::string_view text) {
         if (text.empty()) return {};
-        if (text.size() > kTextBlockSize / 4) {
-            large_texts_.push_back(std::make_unique<char[]>(text.size()));
+        if (text.size() > kMaxTextBlock / 4) {
+            large_texts_.push_back(std::make_unique_for_overwrite<char[]>(text.size()));
             std::memcpy(large_texts_.back().get(), text.data(), text.size());
             return {large_texts_.back().get(), text.size()};
         }
-        if (text_blocks_.empty() || text_used_ + text.size() > kTextBlockSize) {
-            text_blocks_.push_back(std::make_unique<char[]>(kTextBlockSize));
+        if (text_used_ + text.size() > text_block_size_) {
+            text_block_size_ = text_blocks_.empty() ? kFirstTextBlock : std::min(2 * text_block_size_, kMaxTextBlock);
+            if (text.size() > text_block_size_) text_block_size_ = kMaxTextBlock;
+            text_blocks_.push_back(std::make_unique_for_overwrite<char[]>(text_block_size_));
             text_used_ = 0;
         }
         char *at = text_blocks_.back().get() + text_used_;
@@ -67,12 +72,16 @@ public:
     TreeNode *root = nullptr;
 
 private:
-    static constexpr std::size_t kNodesPerBlock = 1024;
-    static constexpr std::size_t kTextBlockSize = 64 * 1024;
+    static constexpr std::size_t kFirstNodeBlock = 32;
+    static constexpr std::size_t kMaxNodeBlock = 1024;
+    static constexpr std::size_t kFirstTextBlock = 512;
+    static constexpr std::size_t kMaxTextBlock = 64 * 1024;
 
     std::vector<std::unique_ptr<TreeNode[]>> node_blocks_;
+    std::size_t node_block_size_ = 0;
     std::size_t nodes_used_ = 0;
     std::vector<std::unique_ptr<char[]>> text_blocks_;
+    std::size_t text_block_size_ = 0;
     std::size_t text_used_ = 0;
     std::vector<std::unique_ptr<char[]>> large_texts_;
 };
