@@ -123,3 +123,18 @@ backend_pid() { # argv0
   done
   return 1
 }
+
+# Makes total live session files of other clients ("web_sNNNNN", realm web)
+# in the session folder, keeping those already there.
+bench_add_sessions() { # folder total
+  python3 - "$1" "$2" <<'PY'
+import os, sys
+folder, total = sys.argv[1], int(sys.argv[2])
+os.makedirs(folder, mode=0o700, exist_ok=True)
+for i in range(total):
+    path = f"{folder}/web_s{i:05d}"
+    if not os.path.exists(path):
+        with open(path, "w") as f:
+            f.write(f"REMOTE_ADDR=10.0.{i // 250}.{i % 250}\nHTTP_USER_AGENT=other\nREALM=web\n")
+PY
+}

@@ -176,25 +176,13 @@ largest=${sizes##* }
 root=$work/root-$largest
 set_queries "$largest"
 sessions=$root/var/quelm/session
-add_sessions() { # total
-  python3 - "$sessions" "$1" <<'PY'
-import os, sys
-folder, total = sys.argv[1], int(sys.argv[2])
-os.makedirs(folder, mode=0o700, exist_ok=True)
-for i in range(total):
-    path = f"{folder}/web_s{i:05d}"
-    if not os.path.exists(path):
-        with open(path, "w") as f:
-            f.write(f"REMOTE_ADDR=10.0.{i // 250}.{i % 250}\nHTTP_USER_AGENT=other\nREALM=web\n")
-PY
-}
 declare -A session_rate=()
 if [ "$do_wrk" = 1 ]; then
   serve_root "$root" "$work/run-sessions"
   for _ in 1 2; do
     for count in 0 1000 10000; do
       [ "$count" = 0 ] && find "$sessions" -name 'web_s*' -delete 2>/dev/null
-      add_sessions "$count"
+      bench_add_sessions "$sessions" "$count"
       r=$(rps "$base/generic.cgi?${query[one]}")
       if [[ "$r" =~ ^[0-9.]+$ ]] && awk -v a="$r" -v b="${session_rate[$count]:-0}" 'BEGIN { exit !(a > b) }'; then
         session_rate[$count]=$r

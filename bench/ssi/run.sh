@@ -114,7 +114,7 @@ load() { # target seconds
   local t=$1 secs=$2 text
   text=$(timeout $((secs + 15)) wrk -t"$threads" -c"$connections" -d"${secs}s" --timeout 2s \
            -H "User-Agent: $user_agent" -H "Accept: $accept" -H "Cookie: $cookie" \
-           -s "${BENCH_LUA:-$here/wrk.lua}" "$base${url[$t]}" 2>&1) || true
+           -s "$here/wrk.lua" "$base${url[$t]}" 2>&1) || true
   awk '
     /^BENCH / {
       for (i = 2; i <= NF; i++) { split($i, kv, "="); v[kv[1]] = kv[2] }
@@ -159,17 +159,6 @@ done
 # ---------------------------------------------- live sessions, memory --
 # (a) again with 1,000 and then 10,000 live sessions of other visitors in
 # the folder; best of the rounds, against (a) with none.
-add_sessions() { # total
-  python3 - "$sessions" "$1" <<'PY'
-import os, sys
-folder, total = sys.argv[1], int(sys.argv[2])
-for i in range(total):
-    path = f"{folder}/web_s{i:05d}"
-    if not os.path.exists(path):
-        with open(path, "w") as f:
-            f.write(f"REMOTE_ADDR=10.0.{i // 250}.{i % 250}\nHTTP_USER_AGENT=other\nREALM=web\n")
-PY
-}
 # Each round loads (a) with none, then 1,000, then 10,000 such sessions, so
 # that the three are measured minutes apart at most.
 session_counts=(0 1000 10000)
@@ -178,7 +167,7 @@ for n in "${session_counts[@]}"; do best_sessions[$n]=0; done
 for _ in $(seq 1 "$rounds"); do
   for n in "${session_counts[@]}"; do
     [ "$n" = 0 ] && find "$sessions" -name 'web_s*' -delete
-    add_sessions "$n"
+    bench_add_sessions "$sessions" "$n"
     load a "$warmup" >/dev/null
     read -r rps _ < <(load a "$duration")
     if awk -v a="$rps" -v b="${best_sessions[$n]}" 'BEGIN { exit !(a > b) }'; then best_sessions[$n]=$rps; fi
@@ -190,7 +179,7 @@ anon_ssi_before=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" RssAnon || echo "?"
 # before and after.
 mixed_requests=${BENCH_MIXED_REQUESTS:-100000}
 printf '%s\n' '<html><!--#echo jsonvar="cli=User_*" --><!--#echo var="cli=Device" --></html>' > "$docroot/model.htm"
-export BENCH_PATHS="${url[a]} /plain.htm /model.htm /nosuch.htm" BENCH_LUA=$here/mixed.lua
+export BENCH_PATHS="${url[a]} /plain.htm /model.htm /nosuch.htm"
 saved_cap=$BENCH_MAX_REQUESTS
 export BENCH_MAX_REQUESTS=$(( mixed_requests / threads ))
 # wrk runs for its whole duration even when its threads stop early: the
@@ -198,7 +187,7 @@ export BENCH_MAX_REQUESTS=$(( mixed_requests / threads ))
 mixed_secs=$(awk -v n="$mixed_requests" -v r="${best[a]}" 'BEGIN { s = (r > 0 ? n / (0.7 * r) : 60); print int(s) + 2 }')
 read -r mixed_rps mixed_done _ < <(load a "$mixed_secs")
 export BENCH_MAX_REQUESTS=$saved_cap
-unset BENCH_PATHS BENCH_LUA
+unset BENCH_PATHS
 anon_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" RssAnon || echo "?")
 rss_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmRSS || echo "?")
 hwm_ssi_after=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" VmHWM || echo "?")

@@ -4,15 +4,24 @@
 local max_requests = tonumber(os.getenv("BENCH_MAX_REQUESTS") or "") or 1000000
 local sent = 0
 local req = nil
+-- With BENCH_PATHS (paths separated by blanks) the requests cycle through
+-- those paths instead.
+local paths = {}
 
 function init(args)
    req = wrk.format()
+   for p in string.gmatch(os.getenv("BENCH_PATHS") or "", "%S+") do
+      paths[#paths + 1] = p
+   end
 end
 
 function request()
    sent = sent + 1
    if sent >= max_requests then
       wrk.thread:stop()
+   end
+   if #paths > 0 then
+      return wrk.format(nil, paths[(sent % #paths) + 1])
    end
    return req
 end

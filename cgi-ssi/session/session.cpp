@@ -72,7 +72,10 @@ std::string session_path(const char *token) {
 
 bool valid_token(const char *token) { return token != nullptr && cgissi::session::valid_token(token); }
 
-// Idle lifetime in seconds, read afresh at every use.
+bool expired(const struct stat &st, std::time_t now, long lifetime) { return lifetime < now - st.st_mtime; }
+
+}  // namespace
+
 long idle_lifetime() {
     char *value = QM_DAT_getobjproperty("Services_IADConfigurator", "SessionDelay");
     int delay = kSessionFlushTime;
@@ -80,10 +83,6 @@ long idle_lifetime() {
     std::free(value);
     return delay;
 }
-
-bool expired(const struct stat &st, std::time_t now, long lifetime) { return lifetime < now - st.st_mtime; }
-
-}  // namespace
 
 bool read_session_file(const std::string &mapped, std::string &content) {
     UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));

@@ -28,7 +28,6 @@ namespace {
 
 constexpr const char *kSessionPath = "/var/quelm/session";
 constexpr const char *kSessionLimitFile = "/var/quelm/webiad.d/http_session_maxlimit";
-constexpr int kSessionFlushTime = 1200;  // seconds of idle time
 constexpr std::size_t kPathSize = 128;   // gateway path of a session file
 constexpr std::size_t kLimitTextSize = 64;
 // Seconds between two passes over the folder in one process.
@@ -54,14 +53,6 @@ struct LimitFileState {
 LimitFileState limit_file;
 
 const char *realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
-
-long idle_lifetime() {
-    char *value = QM_DAT_getobjproperty("Services_IADConfigurator", "SessionDelay");
-    int delay = kSessionFlushTime;
-    if (value == nullptr || std::sscanf(value, "%d", &delay) != 1) delay = kSessionFlushTime;
-    std::free(value);
-    return delay;
-}
 
 bool same_status(const struct stat &a, const struct stat &b) {
     return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size &&

@@ -37,6 +37,10 @@ void secure_store_directory();
 // after it. False, with the session unchanged, when it could not.
 bool renew_session();
 
+// Idle lifetime of a session in seconds ("SessionDelay" of
+// Services_IADConfigurator, 1200 when it cannot be read), read afresh.
+long idle_lifetime();
+
 // Reads a whole session file (a mapped path); false when it is missing or
 // not a session.
 bool read_session_file(const std::string &mapped, std::string &content);
