@@ -17,7 +17,7 @@ row() { # work product reference target [unit]
   awk -v w="$1" -v p="$2" -v r="$3" -v t="$4" 'BEGIN {
     ok = (p ~ /^[0-9.]+$/ && r ~ /^[0-9.]+$/ && r + 0 > 0)
     ratio = ok ? p / r : 0
-    printf "%-46s | %12s | %12s | %6s | %7s | %s\n", w, p, r, ok ? sprintf("%.2f", ratio) : "-", ">= " t,
+    printf "%-52s | %12s | %12s | %6s | %7s | %s\n", w, p, r, ok ? sprintf("%.2f", ratio) : "-", ">= " t,
            ok ? (ratio >= t ? "PASS" : "FAIL") : "-"
   }'
 }
@@ -26,13 +26,13 @@ row() { # work product reference target [unit]
 bound_row() { # work value bound
   awk -v w="$1" -v v="$2" -v b="$3" 'BEGIN {
     ok = (v ~ /^-?[0-9.]+$/)
-    printf "%-46s | %12s | %12s | %6s | %7s | %s\n", w, v, "-", "-", "<= " b, ok ? (v + 0 <= b ? "PASS" : "FAIL") : "-"
+    printf "%-52s | %12s | %12s | %6s | %7s | %s\n", w, v, "-", "-", "<= " b, ok ? (v + 0 <= b ? "PASS" : "FAIL") : "-"
   }'
 }
 
 n=$(value datamodel.summary largest)
-printf '%-46s | %12s | %12s | %6s | %7s | %s\n' Work product reference ratio target result
-printf '%s\n' "-----------------------------------------------+--------------+--------------+--------+---------+-------"
+printf '%-52s | %12s | %12s | %6s | %7s | %s\n' Work product reference ratio target result
+printf '%s\n' "-----------------------------------------------------+--------------+--------------+--------+---------+-------"
 row "8 KB page, 20 echoes (req/s; copy responder)" "$(value ssi.summary page_rate)" "$(value ssi.summary copy_rate)" 0.90
 for count in 1000 10000; do
   row "page, $count live sessions (req/s; none)" "$(value ssi.summary "sessions_${count}_rate")" \
