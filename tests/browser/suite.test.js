@@ -1,0 +1,16 @@
+// The reference pages in a real browser: one test per flow a gateway owner
+// goes through, against one server (scripts/browser-test.sh) and one
+// chromium shared by all tests.
+import { after, before, test } from "node:test";
+import { startBrowser, stopBrowser } from "./harness.js";
+import { lockout, signInAndOut } from "./flows/signin.js";
+import { status } from "./flows/status.js";
+
+before(startBrowser);
+after(stopBrowser);
+
+test("1 sign in with the signed form, messages after a wrong password and a lockout, sign out", async () => {
+  await signInAndOut();
+  await lockout();
+});
+test("2 status: device, line rates, LAN, disk and uptime", status);
