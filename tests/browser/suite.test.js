@@ -5,12 +5,17 @@ import { after, before, test } from "node:test";
 import { startBrowser, stopBrowser } from "./harness.js";
 import { lockout, signInAndOut } from "./flows/signin.js";
 import { status } from "./flows/status.js";
+import { wifi } from "./flows/wifi.js";
+
+// A flow that hangs fails instead of holding the suite.
+const limit = { timeout: 120000 };
 
 before(startBrowser);
 after(stopBrowser);
 
-test("1 sign in with the signed form, messages after a wrong password and a lockout, sign out", async () => {
+test("1 sign in with the signed form, messages after a wrong password and a lockout, sign out", limit, async () => {
   await signInAndOut();
   await lockout();
 });
-test("2 status: device, line rates, LAN, disk and uptime", status);
+test("2 status: device, line rates, LAN, disk and uptime", limit, status);
+test("3 Wi-Fi: name, security, encrypted key, WPS, channel, default keys", limit, wifi);
