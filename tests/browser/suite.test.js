@@ -6,6 +6,8 @@ import { startBrowser, stopBrowser } from "./harness.js";
 import { lockout, signInAndOut } from "./flows/signin.js";
 import { status } from "./flows/status.js";
 import { wifi } from "./flows/wifi.js";
+import { lan } from "./flows/lan.js";
+import { users } from "./flows/users.js";
 
 // A flow that hangs fails instead of holding the suite.
 const limit = { timeout: 120000 };
@@ -19,3 +21,5 @@ test("1 sign in with the signed form, messages after a wrong password and a lock
 });
 test("2 status: device, line rates, LAN, disk and uptime", limit, status);
 test("3 Wi-Fi: name, security, encrypted key, WPS, channel, default keys", limit, wifi);
+test("4 LAN and DHCP settings, port forwarding rules added, edited and deleted", limit, lan);
+test("5 password change and web accounts", limit, users);

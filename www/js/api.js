@@ -100,7 +100,7 @@ export function settingsForm(form, { message, encrypt = () => null, afterSave } 
     const fields = todo.map((i) => ["write", `${i.dataset.path}:${i.dataset.secret ? encrypt(token, i.value) : valueOf(i)}`]);
     const answer = await call(fields);
     if (answer.error) return say(message, `Not saved: ${answer.error}`, "error");
-    say(message, `Saved: ${todo.map((i) => i.labels[0]?.textContent.trim() || i.name).join(", ")}.`, "ok");
+    say(message, `Saved: ${todo.map((i) => i.labels[0]?.textContent.trim() || i.getAttribute("aria-label") || i.name).join(", ")}.`, "ok");
     await load();
     if (afterSave) afterSave();
   });

@@ -38,7 +38,11 @@ async function signIn(event) {
   const body = new URLSearchParams({ seed, level: "admin", redirect: "no" });
   const response = await fetch("login.cgi", { method: "POST", body });
   const answer = await response.text();
-  if (/"codeError": 0/.test(answer)) location.replace("status.htm");
+  if (/"codeError": 0/.test(answer)) {
+    // The Users page changes the password of the user signed in here.
+    sessionStorage.setItem("user", form.login.value);
+    location.replace("status.htm");
+  }
   else location.replace("index.htm?pwd=ko");
 }
 
