@@ -4,11 +4,13 @@
 # its own run folder BUILD/browser-run, drives Debian's chromium headless
 # through playwright-core, writes screenshots to BUILD/screenshots/ and
 # stops the server.
-#   browser-test.sh [BUILD]          (BUILD defaults to build)
+#   browser-test.sh [BUILD [NODE_TEST_OPTIONS...]]   (BUILD defaults to build;
+#   e.g. --test-name-pattern=Wi-Fi runs one flow)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$PWD
 build=$top/${1:-build}
+shift || true
 suite=tests/browser
 
 if [ ! -d "$suite/node_modules/playwright-core" ]; then
@@ -40,4 +42,4 @@ done
 echo "== browser tests (http://127.0.0.1:$port)"
 GATEWAY_URL=http://127.0.0.1:$port QUELM_ROOT=$run_dir/root QMCFG=$build/bin/qmcfg \
   SCREENSHOTS=$build/screenshots CHROMIUM=${CHROMIUM:-/usr/bin/chromium} \
-  node --test --test-concurrency=1 "$suite/suite.test.js"
+  node --test --test-concurrency=1 "$@" "$suite/suite.test.js"

@@ -8,6 +8,7 @@ import { status } from "./flows/status.js";
 import { wifi } from "./flows/wifi.js";
 import { lan } from "./flows/lan.js";
 import { users } from "./flows/users.js";
+import { diagnostics, logs } from "./flows/diagnostics.js";
 
 // A flow that hangs fails instead of holding the suite.
 const limit = { timeout: 120000 };
@@ -23,3 +24,5 @@ test("2 status: device, line rates, LAN, disk and uptime", limit, status);
 test("3 Wi-Fi: name, security, encrypted key, WPS, channel, default keys", limit, wifi);
 test("4 LAN and DHCP settings, port forwarding rules added, edited and deleted", limit, lan);
 test("5 password change and web accounts", limit, users);
+test("6 diagnostics: ping, traceroute, nslookup started, polled and stopped", limit, diagnostics);
+test("7 logs: refresh and clear", limit, logs);
