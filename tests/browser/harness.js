@@ -38,8 +38,10 @@ export async function visitor() {
   return { context, page, close };
 }
 
+// qmcfg with its arguments; "load", "-" takes a third argument as its input.
 export function qmcfg(...args) {
-  return execFileSync(process.env.QMCFG, args, { env: { ...process.env, QUELM_ROOT: root }, encoding: "utf8" }).trimEnd();
+  const input = args[0] === "load" ? args.pop() : undefined;
+  return execFileSync(process.env.QMCFG, args, { env: { ...process.env, QUELM_ROOT: root }, encoding: "utf8", input }).trimEnd();
 }
 
 export function rootPath(...parts) {

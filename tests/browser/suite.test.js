@@ -9,6 +9,7 @@ import { wifi } from "./flows/wifi.js";
 import { lan } from "./flows/lan.js";
 import { users } from "./flows/users.js";
 import { diagnostics, logs } from "./flows/diagnostics.js";
+import { maintenance } from "./flows/maintenance.js";
 
 // A flow that hangs fails instead of holding the suite.
 const limit = { timeout: 120000 };
@@ -26,3 +27,4 @@ test("4 LAN and DHCP settings, port forwarding rules added, edited and deleted",
 test("5 password change and web accounts", limit, users);
 test("6 diagnostics: ping, traceroute, nslookup started, polled and stopped", limit, diagnostics);
 test("7 logs: refresh and clear", limit, logs);
+test("8 maintenance: firmware with flashing progress, backup and restore, restart, factory reset", limit, maintenance);
