@@ -10,6 +10,7 @@ import { lan } from "./flows/lan.js";
 import { users } from "./flows/users.js";
 import { diagnostics, logs } from "./flows/diagnostics.js";
 import { maintenance } from "./flows/maintenance.js";
+import { diskFlow } from "./flows/disk.js";
 
 // A flow that hangs fails instead of holding the suite.
 const limit = { timeout: 120000 };
@@ -28,3 +29,4 @@ test("5 password change and web accounts", limit, users);
 test("6 diagnostics: ping, traceroute, nslookup started, polled and stopped", limit, diagnostics);
 test("7 logs: refresh and clear", limit, logs);
 test("8 maintenance: firmware with flashing progress, backup and restore, restart, factory reset", limit, maintenance);
+test("9 disk: browse, play, download, upload, rename, delete, thumbnails, playlists", limit, diskFlow);
