@@ -45,6 +45,7 @@ async function start(event) {
   const pieces = { diag_ping: [f.host.value, f.size.value, f.count.value], diag_traceroute: [f.host.value, f.hops.value],
     diag_nslookup: [f.host.value] }[tool];
   output.textContent = "";
+  say(message, "Starting…");
   const { value, error } = await fct(tool, ["START", ...pieces].join("|"));
   if (error || !/^\d+$/.test(value || "")) return say(message, `The test could not be started: ${error || value}`, "error");
   running = { tool, id: value };

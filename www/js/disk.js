@@ -63,6 +63,8 @@ const size = (n) => (n >= 1048576 ? `${(n / 1048576).toFixed(1)} MB` : n >= 1024
 function thumbnail(file, name) {
   const img = el("img", { class: "thumb", alt: `Thumbnail of ${name}`, src: thumbUrl(state.disk, file) });
   const { disk, path } = state;
+  // A picture the browser cannot show (a damaged file) gets no thumbnail.
+  img.addEventListener("error", () => img.remove(), { once: true });
   img.addEventListener("load", () => {
     if (img.naturalWidth <= THUMB_PX && img.naturalHeight <= THUMB_PX) return;
     const canvas = el("canvas", { width: THUMB_PX, height: THUMB_PX });

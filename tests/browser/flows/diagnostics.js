@@ -8,6 +8,7 @@ async function run(page, tool, fields) {
   await page.getByLabel("Test", { exact: true }).selectOption({ label: tool });
   for (const [label, value] of Object.entries(fields)) await page.getByLabel(label).fill(value);
   await page.getByRole("button", { name: "Start" }).click();
+  await page.locator("#diag-message").getByText(`Running ${tool} of `).waitFor();
 }
 
 export async function diagnostics() {
