@@ -8,15 +8,78 @@ export function pageData() {
   return el ? JSON.parse(el.textContent) : {};
 }
 
-// The answer is one JSON object; the gateway writes a single quote as \'
-// inside its error text, which JSON does not know.
+// The gateway's JSON with its string escapes made standard: it writes
+// control bytes in octal (\011), a single quote as \', and in generic.cgi
+// answers a double quote inside a value as \\" (kept so by the gateway for
+// its older pages); a \\" before a comma, a closing brace or the end is a
+// value ending in a backslash (a value's closing quote is followed by one).
+export function parseGatewayJson(text) {
+  let out = "";
+  let inString = false;
+  for (let i = 0; i < text.length; i++) {
+    const c = text[i];
+    if (!inString || c !== "\\") {
+      if (c === '"') inString = !inString;
+      out += c;
+      continue;
+    }
+    const rest = text.slice(i + 1, i + 4);
+    if (/^[0-7]{3}$/.test(rest)) {
+      out += `\\u${parseInt(rest, 8).toString(16).padStart(4, "0")}`;
+      i += 3;
+    } else if (rest[0] === "'") {
+      out += "'";
+      i += 1;
+    } else if (rest.startsWith('\\"') && !/^[,}]?$/.test(text[i + 3] ?? "")) {
+      out += '\\"';
+      i += 2;
+    } else {
+      out += c + (rest[0] ?? "");
+      i += 1;
+    }
+  }
+  return JSON.parse(out);
+}
+
 export function parseAnswer(text) {
   try {
-    return JSON.parse(text.replace(/\\'/g, "'"));
+    return parseGatewayJson(text);
   } catch {
-    const error = /"error" : "((?:[^"\\]|\\.)*)"/.exec(text);
-    return { error: error ? error[1].replace(/\\(.)/g, "$1") : `Unreadable answer: ${text.slice(0, 200)}` };
+    // An answer broken elsewhere (a function that printed no value) still
+    // carries its error text.
+    const error = /"error" : ("(?:[^"\\]|\\.)*")/.exec(text);
+    try {
+      return { error: parseGatewayJson(`[${error[1]}]`)[0] };
+    } catch {
+      return { error: `Unreadable answer: ${text.slice(0, 200)}` };
+    }
   }
+}
+
+// The page symbols' string escapes: octal for control bytes (a tab is
+// \011; kept so by the gateway for its older pages), \uXXXX, and a
+// backslash before quotes and backslashes. JSON.parse knows no octal.
+export function unescapeSsi(text) {
+  return text.replace(/\\(?:([0-7]{3})|u([0-9a-fA-F]{4})|(.))/g, (_, oct, hex, other) =>
+    oct ? String.fromCharCode(parseInt(oct, 8)) : hex ? String.fromCharCode(parseInt(hex, 16)) : other === "f" ? "\f" : other);
+}
+
+// Values the page was rendered with by its cli= directives, as
+// {"Object_Property": value}: <script type="text/plain" data-first="Object">
+// holding the object's tree in the script-string mode (jsvar).
+export function firstValues() {
+  const values = {};
+  for (const node of document.querySelectorAll("script[data-first]")) {
+    try {
+      const tree = parseGatewayJson(node.textContent.trim());
+      for (const [key, value] of Object.entries(tree)) {
+        if (typeof value !== "object") values[`${node.dataset.first}_${key}`] = value;
+      }
+    } catch {
+      // An object the page could not render is read through generic.cgi.
+    }
+  }
+  return values;
 }
 
 // fields: [name, value] pairs, sent in this order after the page's token.
@@ -45,19 +108,6 @@ export function say(el, text, kind = "") {
   el.hidden = !text;
 }
 
-// The values of a read answer by property name: {"Obj_Prop": v} and the
-// nested trees of Obj reads both give plain names.
-export function flatten(answer, into = {}) {
-  for (const [key, value] of Object.entries(answer || {})) {
-    if (key === "error") continue;
-    if (value && typeof value === "object") flatten(value, into);
-    else into[key] = value;
-    const short = key.split("_").pop();
-    if (!(short in into) && (value === null || typeof value !== "object")) into[short] = value;
-  }
-  return into;
-}
-
 // A settings form whose inputs carry data-path="Object_Property". load()
 // fills them from the data model, save() writes the changed ones in one
 // request (committed together, or reverted together on any error), and
@@ -73,8 +123,11 @@ export function settingsForm(form, { message, encrypt = () => null, afterSave } 
   const changed = () => inputs.filter((i) => valueOf(i) !== stored[i.dataset.path]);
   const markDirty = () => form.classList.toggle("dirty", changed().length > 0);
 
-  async function load() {
-    const answer = await read(...new Set(inputs.map((i) => i.dataset.path)));
+  // The first values come with the page; later ones from generic.cgi.
+  async function load(first = false) {
+    const known = first ? firstValues() : {};
+    const paths = [...new Set(inputs.map((i) => i.dataset.path))];
+    const answer = paths.every((p) => p in known) ? known : await read(...paths);
     if (answer.error) say(message, answer.error, "error");
     stored = {};
     for (const input of inputs) {

@@ -91,14 +91,16 @@ async function remove(name) {
   await change(() => post({ iNasDeleteFile: 1, disk: state.disk, path: state.path, name }), `${name} deleted.`);
 }
 
+// The listing is shown afresh before the outcome is told.
 async function change(request, done) {
+  let outcome = [done, "ok"];
   try {
     await request();
-    say(message, done, "ok");
   } catch (error) {
-    say(message, `Not done: ${error.message}`, "error");
+    outcome = [`Not done: ${error.message}`, "error"];
   }
   await open(state.path);
+  say(message, ...outcome);
 }
 
 async function uploadFile(event) {
@@ -112,12 +114,12 @@ async function uploadFile(event) {
   const url = `nas.cgi/upload/1/disk/${encodeURIComponent(state.disk)}`;
   const fields = [["iNasAddFile", "1"], ["disk", state.disk], ["path", state.path], ["UploadFile", file]];
   const answer = await upload(url, fields, (p) => { bar.value = p; }).catch((e) => ({ status: 0, text: e.message }));
+  await open(state.path);
   if (answer.status === 200) {
     bar.value = 100;
     say(message, `${file.name} uploaded.`, "ok");
     form.reset();
   } else say(message, `Not uploaded: the disk service answered ${answer.status || answer.text}.`, "error");
-  await open(state.path);
 }
 
 async function start() {

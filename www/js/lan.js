@@ -48,22 +48,22 @@ async function saveRule(event) {
   const writes = fields.map((name) => ["write", `${object}_${name}:${value(name)}`]);
   const answer = await call(editing ? writes : [["create", "PortMapping"], ...writes]);
   if (answer.error) return say(rulesMessage, `Rule not saved: ${answer.error}`, "error");
-  say(rulesMessage, `Rule ${value("Name")} saved.`, "ok");
   ruleForm.hidden = true;
   await loadRules();
+  say(rulesMessage, `Rule ${value("Name")} saved.`, "ok");
 }
 
 async function deleteRule(n, rule) {
   if (!confirm(`Delete the rule ${rule.Name}?`)) return;
   const answer = await call([["delete", `PortMapping_${n}`]]);
   if (answer.error) return say(rulesMessage, `Rule not deleted: ${answer.error}`, "error");
-  say(rulesMessage, `Rule ${rule.Name} deleted.`, "ok");
   await loadRules();
+  say(rulesMessage, `Rule ${rule.Name} deleted.`, "ok");
 }
 
 const lanForm = document.getElementById("lan-form");
 if (lanForm) {
-  settingsForm(lanForm, { message: document.getElementById("lan-message") }).load();
+  settingsForm(lanForm, { message: document.getElementById("lan-message") }).load(true);
   loadRules();
   document.getElementById("rule-add").addEventListener("click", () => openForm(null, {}));
   document.getElementById("rule-cancel").addEventListener("click", () => {

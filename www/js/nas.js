@@ -1,3 +1,5 @@
+import { unescapeSsi } from "./api.js";
+
 // The pages' side of nas.cgi: reads are GETs, changes are same-origin POSTs;
 // listings and playlists come back as XML.
 
@@ -40,14 +42,6 @@ export async function folder(disk, path) {
 export async function playlist(disk, name) {
   const doc = await get({ iNasGetPlaylist: 1, disk, name });
   return [...doc.querySelectorAll("playlistset > path")].map((p) => p.textContent);
-}
-
-// The page symbols' string escapes: octal for control bytes (a tab is
-// \011; kept so by the gateway for its older pages), \uXXXX, and a
-// backslash before quotes and backslashes. JSON.parse knows no octal.
-export function unescapeSsi(text) {
-  return text.replace(/\\(?:([0-7]{3})|u([0-9a-fA-F]{4})|(.))/g, (_, oct, hex, other) =>
-    oct ? String.fromCharCode(parseInt(oct, 8)) : hex ? String.fromCharCode(parseInt(hex, 16)) : other === "f" ? "\f" : other);
 }
 
 // Playlist names of a disk, from the page symbol that lists them

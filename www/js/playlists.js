@@ -44,8 +44,8 @@ export const playlistTargets = {
   async add(d, path, song) {
     if (!current()) return say(message, "Create a playlist first.", "error");
     await post({ iNasAddPlaylistItem: 1, disk: d, name: current(), path, song });
-    say(message, `${song} added to ${current()}.`, "ok");
     await showItems();
+    say(message, `${song} added to ${current()}.`, "ok");
   },
 };
 
@@ -55,16 +55,16 @@ async function create(event) {
   if ((await playlists(disk)).includes(name)) return say(message, `A playlist named ${name} exists already.`, "error");
   await post({ iNasAddPlaylist: 1, disk, name });
   event.target.reset();
-  say(message, `Playlist ${name} created.`, "ok");
   await fill(name);
+  say(message, `Playlist ${name} created.`, "ok");
 }
 
 async function removePlaylist() {
   const name = current();
   if (!name || !confirm(`Delete the playlist ${name}? The songs stay on the disk.`)) return;
   await post({ iNasDeletePlaylist: 1, disk, name });
-  say(message, `Playlist ${name} deleted.`, "ok");
   await fill();
+  say(message, `Playlist ${name} deleted.`, "ok");
 }
 
 async function playAll() {

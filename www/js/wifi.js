@@ -15,7 +15,7 @@ async function run(messageId, name, argument, done) {
 
 if (form) {
   const settings = settingsForm(form, { message: document.getElementById("wifi-message"), encrypt: encryptValue });
-  settings.load();
+  settings.load(true);
   document.getElementById("wps-push").addEventListener("click", () => run("wps-message", "wifi_wps_push", undefined, {
     ok: () => "Pairing started: press the WPS button of your device within two minutes.",
     failed: "Pairing could not be started",

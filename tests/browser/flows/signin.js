@@ -17,9 +17,13 @@ export async function signInAndOut() {
   await page.waitForURL(/status\.htm$/);
   assert.match(posted[0], /^seed=[0-9a-f]{64}&level=admin&redirect=no$/);
   assert.equal(qmcfg("get", "Services_IADConfigurator_NumberTry"), "0");
+  await page.goto("/index.htm");
+  await page.getByRole("heading", { name: "Welcome" }).waitFor();
+  await capture(page, "home");
   await page.getByRole("button", { name: "Sign out" }).click();
   await page.waitForURL(/signedout=1/);
   await page.getByText("You are signed out.").waitFor();
+  await capture(page, "signin");
   await page.goto("/status.htm");
   await page.getByText("sign in").first().waitFor();
   await close();

@@ -6,31 +6,34 @@ import { closeSync, constants, mkdirSync, openSync, readFileSync, readSync } fro
 import path from "node:path";
 import { capture, qmcfg, rootPath, signedIn } from "../harness.js";
 
+// Quotes and markup characters travel as text, both ways.
+const NAME = `Flat "3" & <friend's>`;
+
 async function settings(page) {
   const posted = [];
   page.on("request", (r) => { if (r.url().endsWith("/generic.cgi")) posted.push(r.postData() || ""); });
   await page.goto("/wifi.htm");
   const ssid = page.getByLabel("Network name (SSID)");
   await assertValue(ssid, qmcfg("get", "WLANInterface_1_Config_SSID"));
-  await ssid.fill("Flat 3 & <friends>");
+  await ssid.fill(NAME);
   await page.getByLabel("Security").selectOption("WPAand11i");
   await page.getByLabel("Wi-Fi key").fill("correct-horse-battery");
   await page.getByRole("button", { name: "Save" }).click();
   await page.getByText(/^Saved: .*Network name/).waitFor();
-  assert.equal(qmcfg("get", "WLANInterface_1_Config_SSID"), "Flat 3 & <friends>");
+  assert.equal(qmcfg("get", "WLANInterface_1_Config_SSID"), NAME);
   assert.equal(qmcfg("get", "WLANInterface_1_Config_BeaconType"), "WPAand11i");
   assert.equal(qmcfg("get", "WLANInterface_1_Config_KeyPassphrase"), "correct-horse-battery");
   assert.ok(!posted.some((body) => /horse/.test(decodeURIComponent(body))), "the key went out in clear");
 
   // Values after reload; a discarded change is neither kept nor stored.
   await page.reload();
-  await assertValue(ssid, "Flat 3 & <friends>");
+  await assertValue(ssid, NAME);
   assert.equal(await page.getByLabel("Wi-Fi key").inputValue(), "");
   await ssid.fill("nobody's");
   await page.getByRole("button", { name: "Discard changes" }).click();
   await page.getByText("Changes discarded").waitFor();
-  assert.equal(await ssid.inputValue(), "Flat 3 & <friends>");
-  assert.equal(qmcfg("get", "WLANInterface_1_Config_SSID"), "Flat 3 & <friends>");
+  assert.equal(await ssid.inputValue(), NAME);
+  assert.equal(qmcfg("get", "WLANInterface_1_Config_SSID"), NAME);
 }
 
 async function assertValue(input, expected) {
