@@ -6,7 +6,7 @@ const cgiErrorTexts = {
   8: "Refused: this needs a signed-in administrator.",
   10: "The gateway ran out of memory or could not examine the file.",
   20: "The file could not be found, read or written.",
-  22: "This is not a backup file of this gateway.",
+  22: "The gateway takes only its own binary backup files.",
   23: "The backup could not be made.",
   24: "A value the request needs is missing.",
   25: "An entry of that name exists already.",

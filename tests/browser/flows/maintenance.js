@@ -36,7 +36,7 @@ async function backupAndRestore(page) {
   const file = page.getByLabel("Backup file");
   await file.setInputFiles({ name: "notes.txt", mimeType: "text/plain", buffer: Buffer.from("Device_Hostname=x\n") });
   await page.getByRole("button", { name: "Restore this backup" }).click();
-  await message.getByText("Not restored: This is not a backup file of this gateway. (error 22)").waitFor();
+  await message.getByText("Not restored: The gateway takes only its own binary backup files. (error 22)").waitFor();
 
   qmcfg("set", "Device_Hostname", "changed-after-backup");
   await file.setInputFiles({ name: "router.bin", mimeType: "application/octet-stream", buffer: backup });
@@ -65,12 +65,23 @@ async function restarts(page) {
   assert.match(events(), / factory 2/);
 }
 
+// A form post that fails sends the browser back to the page, which shows
+// the stored error (iCgiError) once.
+async function failedExport(page) {
+  await page.locator('#backup-form input[name="sExportMode"]').evaluate((input) => { input.value = "text"; });
+  await page.getByRole("button", { name: "Download a backup" }).click();
+  await page.locator("#page-error").getByText("The gateway takes only its own binary backup files. (error 22)").waitFor();
+  await page.reload();
+  assert.ok(await page.locator("#page-error").isHidden());
+}
+
 export async function maintenance() {
   const { page, close } = await signedIn();
   await page.goto("/maintenance.htm");
   await firmware(page);
   await backupAndRestore(page);
   await capture(page, "maintenance");
+  await failedExport(page);
   try {
     await restarts(page);
   } finally {
