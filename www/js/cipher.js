@@ -32,9 +32,8 @@ export function encryptValue(token, text) {
   return btoa(pairs);
 }
 
-// The session cookie's value is the key of the signed login.
-export function sessionKey(realm = "web") {
-  const name = `QM_${realm}_ID=`;
-  const item = document.cookie.split(/;\s*/).find((c) => c.startsWith(name));
-  return item ? item.slice(name.length) : "";
+// The session cookie's value (QM_<realm>_ID) is the key of the signed login.
+export function sessionKey() {
+  const item = document.cookie.split(/;\s*/).find((c) => /^QM_[^=]+_ID=/.test(c));
+  return item ? item.slice(item.indexOf("=") + 1) : "";
 }
