@@ -48,6 +48,16 @@ export function rootPath(...parts) {
   return path.join(root, ...parts);
 }
 
+// Waits until check() holds, for what the gateway does after its answer
+// (a background restart of the logger); fails after WAIT_MS.
+export async function eventually(check, what) {
+  const end = Date.now() + WAIT_MS;
+  while (!check()) {
+    if (Date.now() > end) throw new Error(`still not true after ${WAIT_MS} ms: ${what}`);
+    await new Promise((resolve) => setTimeout(resolve, 50));
+  }
+}
+
 export async function signIn(page, user = "admin", password = qmcfg("get", "User_1", "Password")) {
   await page.goto("/index.htm");
   await page.getByLabel("User name").fill(user);

@@ -3,7 +3,7 @@
 import assert from "node:assert/strict";
 import { createHash, randomBytes } from "node:crypto";
 import { readFileSync } from "node:fs";
-import { capture, qmcfg, rootPath, signedIn } from "../harness.js";
+import { capture, eventually, qmcfg, rootPath, signedIn } from "../harness.js";
 
 const events = () => readFileSync(rootPath("var/quelm/platform/events.log"), "utf8");
 
@@ -55,7 +55,8 @@ async function restarts(page) {
   page.once("dialog", (dialog) => dialog.accept());
   await page.getByRole("button", { name: "Restart the gateway" }).click();
   await message.getByText("The gateway is restarting").waitFor();
-  assert.equal(reboots(), before + 1);
+  // The restart is asked for after the answer went out.
+  await eventually(() => reboots() === before + 1, "one restart recorded");
 
   qmcfg("set", "Device_Hostname", "before-factory-reset");
   page.once("dialog", (dialog) => dialog.accept());
