@@ -36,6 +36,7 @@ asan: $(call first-deps,build-asan)
 test: deps
 	@$(MAKE) --no-print-directory build asan
 	@scripts/test.sh build build-asan
+	@scripts/browser-test.sh build
 
 run: deps
 	@scripts/run.sh --check-port $(PORT)

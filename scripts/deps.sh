@@ -9,8 +9,14 @@ packages=(
   build-essential cmake pkg-config
   libfcgi-dev libfcgi-bin libssl-dev libiksemel-dev libsqlite3-dev libexif-dev
   libgtest-dev python3-pytest lighttpd curl
+  chromium
   "$@"
 )
+# The browser suite runs on Node (its npm packages come from
+# tests/browser/package-lock.json); Debian's node is taken when present.
+if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+  packages+=(nodejs npm)
+fi
 
 # dpkg-query names every package it knows with its status, and complains on
 # stderr about the ones it does not know (those are missing too).

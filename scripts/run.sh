@@ -41,6 +41,18 @@ export QUELM_LOG_FILE=$run/cgi-ssi.log
 mkdir -p "$run"
 "$bin/qmcfg" init
 scripts/sample-disk.sh "$root"
+# A gateway's platform lists each mounted disk in the data model
+# (Storage_Item), where the Status and Disk pages find it; so is the sample.
+if [ -z "$("$bin/qmcfg" count Storage_Item)" ]; then
+  "$bin/qmcfg" load - >/dev/null <<'CONF'
+Storage_Item_1_Name=usb1
+Storage_Item_1_Vendor=Quelm
+Storage_Item_1_Model=Sample disk
+Storage_Item_1_Capacity=16000
+Storage_Item_1_Status_State=ConnectedMounted
+Storage_Item_1_Status_MountPoint=/var/mnt/usb1
+CONF
+fi
 
 # Sessions are only handed to requests whose Host names the gateway; on a PC
 # it is reached as localhost or 127.0.0.1. Both names go into this root's
