@@ -9,6 +9,7 @@ packages=(
   build-essential cmake pkg-config
   libfcgi-dev libfcgi-bin libssl-dev libiksemel-dev libsqlite3-dev libexif-dev
   libgtest-dev python3-pytest lighttpd curl
+  clang libclang-rt-14-dev
   "$@"
 )
 
