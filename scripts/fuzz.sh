@@ -13,7 +13,8 @@
 # a finding is saved as build-fuzz/findings/<target>/crash-* (or leak-,
 # timeout-, oom-) and makes the script fail. One line per target reports the
 # executions, executions per second and coverage; build-fuzz/fuzz-summary.tsv
-# keeps them.
+# keeps them (build-fuzz/fuzz-short.tsv for --short, so that a test run
+# beside a campaign leaves the campaign's record alone).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,11 +22,11 @@ build=build-fuzz
 seconds=60
 runs=""
 jobs=1
-short=0
+summary=$build/fuzz-summary.tsv
 targets=()
 while [ $# -gt 0 ]; do
   case "$1" in
-    --short) short=1; seconds=10 ;;
+    --short) summary=$build/fuzz-short.tsv; seconds=10 ;;
     --time) seconds="$2"; shift ;;
     --runs) runs="$2"; shift ;;
     --jobs) jobs="$2"; shift ;;
@@ -44,7 +45,8 @@ if [ -f $build/CMakeCache.txt ] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$P
   rm -rf $build
 fi
 if [ ! -f $build/CMakeCache.txt ]; then
-  CC=clang CXX=clang++ cmake -S . -B $build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUELM_FUZZ=ON -DQUELM_TESTS=OFF >/dev/null
+  CC=clang CXX=clang++ cmake -S . -B $build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUELM_FUZZ=ON \
+    -DQUELM_TESTS=OFF >/dev/null
 fi
 cmake --build $build -j"$(nproc 2>/dev/null || echo 2)" --target "${targets[@]/#/fuzz_}" >/dev/null
 
@@ -78,18 +80,18 @@ run_target() {
   local result=ok
   [ $status -eq 0 ] || result="FINDING (see $log, $findings/)"
   printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "${execs:-0}" "${rate:-0}" "${cov:-0}" "${ft:-0}" "$result" \
-    | tee -a $build/fuzz-summary.tsv
+    | tee -a "$summary"
   return $status
 }
 
-: >$build/fuzz-summary.tsv
+: >"$summary"
 printf 'target\texecs\texecs/s\tcov\tft\tresult\n'
 status=0
 if [ "$jobs" -le 1 ]; then
   for name in "${targets[@]}"; do run_target "$name" || status=1; done
 else
   export -f run_target
-  export build seconds runs
+  export build seconds runs summary
   printf '%s\n' "${targets[@]}" | xargs -P "$jobs" -I{} bash -c 'run_target {}' || status=1
 fi
 exit $status

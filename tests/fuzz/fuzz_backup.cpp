@@ -35,37 +35,21 @@ std::string decode_in_blocks(std::string_view upload, unsigned seed) {
     return out;
 }
 
-// CR becomes LF; an LF right after a CR goes.
-std::string translated(std::string_view text) {
-    std::string out;
-    bool after_cr = false;
-    for (char c : text) {
-        if (c == '\n' && after_cr) {
-            after_cr = false;
-            continue;
-        }
-        after_cr = c == '\r';
-        out.push_back(after_cr ? '\n' : c);
-    }
-    return out;
-}
-
-void round_trip(std::string_view archive) {
+// An archive without CR (the exports' own: the line-end translation is
+// checked above) imports back byte for byte.
+void round_trip(std::string_view text) {
+    std::string archive(text);
+    std::erase(archive, '\r');
     Scrambler scrambler(ScrambleDirection::scramble, kExportSeed);
     const auto header = start_scramble(scrambler);
     std::string exported(header.begin(), header.end());
-    std::string body(archive);
+    std::string body = archive;
     scrambler.apply(reinterpret_cast<unsigned char *>(body.data()), body.size());
     exported += body;
-    fuzz::require(decode_in_blocks(exported, 0) == translated(archive), "an export does not import back");
+    fuzz::require(decode_in_blocks(exported, 0) == archive, "an export does not import back");
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size < 1 || size > 1 << 15) return 0;

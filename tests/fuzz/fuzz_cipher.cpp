@@ -57,11 +57,6 @@ void cipher(const std::string &key, const std::string &plain, std::size_t size) 
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size < 1 || size > 4096) return 0;
     const std::size_t out_size = data[0] % kLargestOutput;

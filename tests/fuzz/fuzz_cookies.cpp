@@ -78,7 +78,6 @@ void write_headers(const std::string &value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
     cgiSetupConstants();
     firstCookie = 1;  // no leading blank line: the header block starts at once
     return 0;

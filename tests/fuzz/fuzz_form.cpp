@@ -48,7 +48,6 @@ void read_through_accessors(const char *name) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
     cgiSetupConstants();
     return 0;
 }

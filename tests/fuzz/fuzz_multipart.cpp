@@ -85,11 +85,6 @@ int parse(std::string_view boundary, std::string_view body, Recorder &events, Re
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size < 2 || size > 1 << 16) return 0;
     const unsigned seed = data[0];

@@ -76,7 +76,6 @@ void read_model(const std::string &path) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
     fuzz::gateway_root();
     QM_DAT_setobjproperty("User_1", "Password", kUserSecret, 1);
     QM_DAT_setobjproperty("WLANInterface_1_Config", "KeyPassphrase", kWifiSecret, 1);

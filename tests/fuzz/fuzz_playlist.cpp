@@ -89,7 +89,6 @@ void make_sample_disk() {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
     make_sample_disk();
     return 0;
 }

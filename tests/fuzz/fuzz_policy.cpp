@@ -109,13 +109,13 @@ void check_host_rules(const std::string &host) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
     fuzz::gateway_root();
     QM_DAT_setobjproperty("Device", "Aliases", "box,gw.lan", 1);
     QM_DAT_setobjproperty("LANDevice_1_IPInterface_1", "IPAddress", "192.168.1.1", 1);
     ::unsetenv("QUELM_REALM");
     names = {property("Device", "Hostname"), property("Device", "Aliases"), property("Device", "Domain"),
-             property("LANDevice_1_IPInterface_1", "IPAddress"), property("LANDevice_1_IPv6Status", "CurrentIPAddress")};
+             property("LANDevice_1_IPInterface_1", "IPAddress"),
+             property("LANDevice_1_IPv6Status", "CurrentIPAddress")};
     return 0;
 }
 

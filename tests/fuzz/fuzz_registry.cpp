@@ -27,7 +27,6 @@ void write_registry(std::string_view content) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
     registry_path = fuzz::gateway_root() + kFuzzRegistry;
     return 0;
 }

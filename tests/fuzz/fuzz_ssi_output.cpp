@@ -59,11 +59,6 @@ void require_string_safe(std::string_view out, bool quotes) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size < 1 || size > 1 << 16) return 0;
     const int mode = data[0] % 4;

@@ -98,11 +98,6 @@ void check_match(std::string_view line) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    fuzz::quiet_process();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size > 1 << 16) return 0;
     // An exact-size copy: a read past the end is a heap overflow ASan sees.

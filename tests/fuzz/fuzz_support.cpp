@@ -67,6 +67,10 @@ std::string captured(const std::function<void()> &write) {
     return out;
 }
 
+// Every target links this file: the process is quiet before libFuzzer
+// runs its first input.
+[[maybe_unused]] const bool quiet = (quiet_process(), true);
+
 void fail(const char *what) {
     std::fprintf(stderr, "fuzz property broken: %s\n", what);
     std::abort();

@@ -12,8 +12,8 @@
 namespace fuzz {
 
 // Keeps messages off the system log (they are still formatted and escaped)
-// and binds the FastCGI streams to the process's own. Call once, from
-// LLVMFuzzerInitialize.
+// and binds the FastCGI streams to the process's own. Runs at start-up of
+// every target (a static initializer of fuzz_support.cpp).
 void quiet_process();
 
 // A gateway root as "qmcfg init" makes it, under /tmp, made on the first

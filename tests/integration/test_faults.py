@@ -6,7 +6,6 @@ import os
 import random
 import signal
 import socket
-import sqlite3
 import subprocess
 import threading
 import time
@@ -15,31 +14,16 @@ from pathlib import Path
 
 import pytest
 from conftest import write_token
+from test_load import configuration
 from test_maintenance import CONTENT_TYPE, multipart
 
 HOST = {"Host": "192.168.1.1", "User-Agent": "faults"}
-GROUP = ("Device_Name", "Device_Domain", "Device_Hostname")
 RESTART_SECONDS = 20
 
 
 @pytest.fixture
 def gateway(qmcfg):
     qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", "192.168.1.1")
-
-
-def configuration(root):
-    """(saved, running) values of GROUP, and the database's own check."""
-    db = sqlite3.connect(f"file:{root}/var/quelm/config/config.db?mode=ro", uri=True, timeout=10)
-    try:
-        marks = ",".join("?" * len(GROUP))
-        tables = []
-        for table in ("saved", "running"):
-            rows = dict(db.execute(f"SELECT name, value FROM {table} WHERE name IN ({marks})", GROUP).fetchall())
-            tables.append(tuple(rows.get(name) for name in GROUP))
-        assert db.execute("PRAGMA integrity_check").fetchone() == ("ok",)
-        return tables
-    finally:
-        db.close()
 
 
 def responder_pid(server, socket_name="cgi.sock"):

@@ -19,11 +19,13 @@ REQUEST_TIMEOUT = 20
 GROUP = ("Device_Name", "Device_Domain", "Device_Hostname")
 
 
-def saved_and_running(root):
+def configuration(root):
     """The group's values in the saved and the running configuration, read
-    from the database as another process sees it."""
+    from the database as another process sees it, after the database's own
+    integrity check."""
     db = sqlite3.connect(f"file:{root}/var/quelm/config/config.db?mode=ro", uri=True, timeout=10)
     try:
+        assert db.execute("PRAGMA integrity_check").fetchone() == ("ok",)
         marks = ",".join("?" * len(GROUP))
         tables = []
         for table in ("saved", "running"):
@@ -42,7 +44,7 @@ def test_concurrent_writers_commit_whole_values(lighttpd, cgi, root):
     three, and no request hangs."""
     write_token(root, name="load01")
     origin = {"Origin": lighttpd.url, "Content-Type": "application/x-www-form-urlencoded"}
-    factory = saved_and_running(root)[0]
+    factory = configuration(root)[0]
     sent, answers, problems = set(), [], []
     deadline = time.monotonic() + WRITE_SECONDS
 
@@ -69,7 +71,7 @@ def test_concurrent_writers_commit_whole_values(lighttpd, cgi, root):
 
     def checker():
         while time.monotonic() < deadline:
-            saved, _ = saved_and_running(root)
+            saved, _ = configuration(root)
             if saved != factory and not (len(set(saved)) == 1 and saved[0] in sent):
                 problems.append(saved)
             time.sleep(0.05)
@@ -85,7 +87,7 @@ def test_concurrent_writers_commit_whole_values(lighttpd, cgi, root):
     assert len(answers) >= WRITERS * 2
     assert {(status, answer.strip()) for status, answer, _ in answers} == {(200, b"{}")}
     assert max(seconds for _, _, seconds in answers) < REQUEST_TIMEOUT
-    saved, running = saved_and_running(root)
+    saved, running = configuration(root)
     assert saved == running and len(set(saved)) == 1 and saved[0] in sent
 
 
