@@ -46,7 +46,7 @@ open(path, "w", encoding="utf-8").write(text.replace(old, new))
 PY
 }
 
-run_tests() { # spec...
+run_tests() { # unit FILTER | py NODE...
   local kind=$1
   shift
   if [ "$kind" = unit ]; then
