@@ -13,8 +13,9 @@
 # a finding is saved as build-fuzz/findings/<target>/crash-* (or leak-,
 # timeout-, oom-) and makes the script fail. One line per target reports the
 # executions, executions per second and coverage; build-fuzz/fuzz-summary.tsv
-# keeps them (build-fuzz/fuzz-short.tsv for --short, so that a test run
-# beside a campaign leaves the campaign's record alone).
+# keeps them, the logs stay in build-fuzz/logs/ (fuzz-short.tsv and
+# logs-short/ for --short, so that a test run beside a campaign leaves the
+# campaign's record alone).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,10 +24,11 @@ seconds=60
 runs=""
 jobs=1
 summary=$build/fuzz-summary.tsv
+logs=$build/logs
 targets=()
 while [ $# -gt 0 ]; do
   case "$1" in
-    --short) summary=$build/fuzz-short.tsv; seconds=10 ;;
+    --short) summary=$build/fuzz-short.tsv logs=$build/logs-short; seconds=10 ;;
     --time) seconds="$2"; shift ;;
     --runs) runs="$2"; shift ;;
     --jobs) jobs="$2"; shift ;;
@@ -58,8 +60,8 @@ export LSAN_OPTIONS="suppressions=$PWD/tests/fuzz/lsan.supp:print_suppressions=0
 run_target() {
   local name=$1 bin=$build/bin/fuzz_$1
   local seeds=tests/fuzz/corpus/$name corpus=$build/corpus/$name findings=$build/findings/$name
-  local log=$build/logs/$name.log
-  mkdir -p "$corpus" "$findings" "$build/logs"
+  local log=$logs/$name.log
+  mkdir -p "$corpus" "$findings" "$logs"
   local regressions=(tests/fuzz/regressions/$name/*)
   if [ -e "${regressions[0]}" ] && ! "$bin" "${regressions[@]}" >"$log" 2>&1; then
     echo "$name: a regression input fails again (see $log)"
@@ -75,8 +77,8 @@ run_target() {
   local execs rate cov ft
   execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log" | tail -1)
-  cov=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | cut -d' ' -f2)
-  ft=$(grep -o 'ft: [0-9]*' "$log" | tail -1 | cut -d' ' -f2)
+  cov=$(grep -ao 'cov: [0-9]*' "$log" | tail -1 | cut -d' ' -f2)
+  ft=$(grep -ao 'ft: [0-9]*' "$log" | tail -1 | cut -d' ' -f2)
   local result=ok
   [ $status -eq 0 ] || result="FINDING (see $log, $findings/)"
   printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$name" "${execs:-0}" "${rate:-0}" "${cov:-0}" "${ft:-0}" "$result" \
@@ -91,7 +93,7 @@ if [ "$jobs" -le 1 ]; then
   for name in "${targets[@]}"; do run_target "$name" || status=1; done
 else
   export -f run_target
-  export build seconds runs summary
+  export build seconds runs summary logs
   printf '%s\n' "${targets[@]}" | xargs -P "$jobs" -I{} bash -c 'run_target {}' || status=1
 fi
 exit $status
