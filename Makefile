@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 PORT ?= 8080
 
-.PHONY: all deps build asan test run bench clean
+.PHONY: all deps build asan test run bench fuzz clean
 
 all: build
 
@@ -37,6 +37,7 @@ test: deps
 	@$(MAKE) --no-print-directory build asan
 	@scripts/test.sh build build-asan
 	@scripts/browser-test.sh build
+	@scripts/fuzz.sh --short
 
 run: deps
 	@scripts/run.sh --check-port $(PORT)
@@ -46,7 +47,12 @@ run: deps
 bench: build
 	@scripts/bench.sh
 
-# Removes both builds and ./run (the gateway root of `make run`: its data
-# model, sessions and logs).
+# Every fuzz target for FUZZ_SECONDS each (clang, in build-fuzz/).
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@scripts/fuzz.sh --time $(FUZZ_SECONDS)
+
+# Removes the builds (build/, build-asan/, build-fuzz/, build-mutate/) and ./run (the
+# gateway root of `make run`: its data model, sessions and logs).
 clean:
-	rm -rf build build-asan run
+	rm -rf build build-asan build-fuzz build-mutate run

@@ -10,6 +10,7 @@ packages=(
   libfcgi-dev libfcgi-bin libssl-dev libiksemel-dev libsqlite3-dev libexif-dev
   libgtest-dev python3-pytest lighttpd curl
   chromium
+  clang libclang-rt-14-dev
   "$@"
 )
 # The browser suite runs on Node (its npm packages come from

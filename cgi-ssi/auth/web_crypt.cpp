@@ -103,7 +103,8 @@ char *encode64(const void *input, size_t length, char *output, size_t size) {
     BUF_MEM *encoded = nullptr;
     BIO_get_mem_ptr(bio.get(), &encoded);
     if (encoded == nullptr || encoded->length + 1 >= size) return nullptr;
-    std::memcpy(output, encoded->data, encoded->length);
+    // An empty input leaves the memory BIO without a buffer (data is null).
+    if (encoded->length > 0) std::memcpy(output, encoded->data, encoded->length);
     return output;
 }
 

@@ -215,3 +215,11 @@ def test_referer_cannot_leave_the_script_string(browser):
     line = answer.split(b"\r\n")[3]
     assert line == (b'document.location.replace("http://x/\\");alert(1)//\\\'\\\\\\u000A\\u003C/script\\u003E'
                     b'\\u003Cscript\\u003Ealert(2)\\u003C/script\\u003E\\u2028?pwd=ko");')
+
+
+def test_plain_password_must_match_whole(browser):
+    """A prefix, an extension or another case of the password is refused:
+    the comparison covers the whole stored password, not its first bytes."""
+    for password in ("admi", "a", "admin!", "ADMIN"):
+        assert browser.plain("admin", password, redirect="no") == JSON_FAILED, password
+    assert browser.plain("admin", "admin", redirect="no") == JSON_OK

@@ -124,6 +124,7 @@ TEST_F(LoginCrypt, Base64Bounds) {
     for (Guarded *g : {&roomy, &tight, &fits, &full}) EXPECT_TRUE(g->intact());
     char out[64];
     for (const char *bad : {"", "!!!!", "QUJD\nREVG"}) EXPECT_EQ(decode64(bad, out, sizeof out), nullptr) << bad;
+    EXPECT_STREQ(encode64("", 0, out, sizeof out), "");  // no bytes: nothing copied from an empty BIO
 }
 
 }  // namespace

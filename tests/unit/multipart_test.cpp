@@ -105,6 +105,21 @@ TEST(MultipartParser, DelimiterSplitAtEveryOffsetAroundTheBufferBorder) {
     }
 }
 
+// A part whose content ends in a CR that fills the last byte of the buffer,
+// with the delimiter straight after it: the CR is held back, then the
+// delimiter stands one byte into the next buffer and the CR stays content.
+TEST(MultipartParser, CarriageReturnHeldAtTheBufferEndStaysContent) {
+    const std::string content = std::string(kMultipartBufferSize - 1, 'a') + "\r";
+    const std::string body = file("f", "a.bin", "").substr(0, file("f", "a.bin", "").size() - 2) + content +
+                             closing();
+    for (std::size_t chunk : {0UL, 1UL, 4096UL}) {
+        Recorder events;
+        ASSERT_EQ(parse(body, events, chunk), kMultipartSuccess) << chunk;
+        ASSERT_EQ(events.parts.size(), 1u);
+        EXPECT_TRUE(events.parts[0].content == content) << "size " << events.parts[0].content.size() << "/" << chunk;
+    }
+}
+
 TEST(MultipartParser, EmptyPartsAndNames) {
     struct Case {
         const char *desc;

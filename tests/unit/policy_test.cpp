@@ -22,6 +22,8 @@ TEST(Policy, SameOriginComparesSchemeHostAndPortExactly) {
         {nullptr, "http://192.168.1.1/basic/a.htm?x=1", "192.168.1.1", true},
         {"", "http://192.168.1.1", "192.168.1.1", true},
         {nullptr, "http://evil.example/192.168.1.1/", "192.168.1.1", false},
+        {nullptr, "http://192.168.1.1.evil.example/", "192.168.1.1", false},  // the host is only a prefix
+        {nullptr, "https://192.168.1.1:81/a.htm", "192.168.1.1", false},
         {nullptr, "ftp://192.168.1.1/", "192.168.1.1", false},
         {nullptr, nullptr, "192.168.1.1", false},                  // neither header
         {"http://", nullptr, "", false},                           // no Host
