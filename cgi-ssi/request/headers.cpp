@@ -27,11 +27,11 @@ bool are_header_texts(std::initializer_list<const char *> texts) {
     return std::all_of(texts.begin(), texts.end(), is_header_text);
 }
 
-// compat: before any request of this process has been set up, a blank line
-// goes out first, as the pages have always seen it.
-void begin_header() {
-    if (firstCookie == 0) cgi_out_write("\r\n", 2);
-}
+// No blank line goes out before the header block, not even before the first
+// request of a process has been set up (firstCookie 0, e.g. after a failed
+// upload): it would end the block at once, and the web server would answer
+// 200 with the status line in the body.
+void begin_header() {}
 
 }  // namespace
 

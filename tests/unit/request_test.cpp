@@ -388,12 +388,13 @@ TEST_F(RequestCookie, HugeHeaderFromEnvironment) {
 TEST_F(RequestHeader, ExactBytes) {
     struct Case { const char *desc; int first_cookie; std::function<void()> write; std::string bytes; } cases[] = {
         {"content type", 1, [] { cgiHeaderContentType("text/html"); }, "Content-type: text/html\r\n\r\n"},
+        // No blank line before the block, even in a process with no request set up yet.
         {"content type, no request yet", 0, [] { cgiHeaderContentType("text/xml"); },
-         "\r\nContent-type: text/xml\r\n\r\n"},
+         "Content-type: text/xml\r\n\r\n"},
         {"status", 1, [] { cgiHeaderStatus(404, "Not Found"); }, "Status: 404 Not Found\r\n\r\n"},
-        {"status, no request yet", 0, [] { cgiHeaderStatus(500, "Oops"); }, "\r\nStatus: 500 Oops\r\n\r\n"},
-        {"location, no request yet: one blank line", 0, [] { cgiHeaderLocation("/a"); },
-         "\r\nContent-type: text/html\r\n\r\n<HTML>\n<script>\r\ndocument.location.replace(\"/a\");\r\n"
+        {"status, no request yet", 0, [] { cgiHeaderStatus(500, "Oops"); }, "Status: 500 Oops\r\n\r\n"},
+        {"location, no request yet", 0, [] { cgiHeaderLocation("/a"); },
+         "Content-type: text/html\r\n\r\n<HTML>\n<script>\r\ndocument.location.replace(\"/a\");\r\n"
          "</script>\r\n</HTML>\n"},
         {"cookie string", 0, [] { cgiHeaderCookieSetString("QM_x_ID", "tok", 600, "/", "gw.lan"); },
          "Set-Cookie: QM_x_ID=tok; Domain=gw.lan; Max-Age=600; Path=/; \r\n"},
