@@ -30,15 +30,19 @@ def responder_pid(server, socket_name="cgi.sock"):
     """The process that serves socket_name: its standard input is that
     listening socket (lighttpd numbers it: "<name>-0" for the one process)."""
     path = str(server.run_dir / socket_name)
-    inodes = {line.split()[6] for line in Path("/proc/net/unix").read_text().splitlines()[1:]
-              if line.split()[-1] in (path, path + "-0")}
-    for entry in Path("/proc").iterdir():
-        try:
-            if entry.name.isdigit() and os.readlink(entry / "fd/0")[8:-1] in inodes:
-                return int(entry.name)
-        except OSError:
-            continue
-    return None
+    deadline = time.monotonic() + RESTART_SECONDS  # lighttpd may still be starting it
+    while True:
+        inodes = {line.split()[6] for line in Path("/proc/net/unix").read_text().splitlines()[1:]
+                  if line.split()[-1] in (path, path + "-0")}
+        for entry in Path("/proc").iterdir():
+            try:
+                if entry.name.isdigit() and os.readlink(entry / "fd/0")[8:-1] in inodes:
+                    return int(entry.name)
+            except OSError:
+                continue
+        if time.monotonic() > deadline:
+            return None
+        time.sleep(0.05)
 
 
 def served_again(server):
@@ -126,6 +130,10 @@ def test_killed_between_write_and_commit(lighttpd, root, napping):
     served_again(lighttpd)
     status, _, body = post_generic(lighttpd, [("write", "Device_Hostname:after")])
     assert (status, body.strip()) == (200, b"{}"), "the lock of the killed responder was not released"
+    # generic.cgi commits after its answer has gone out: wait for it.
+    deadline = time.monotonic() + RESTART_SECONDS
+    while configuration(root)[0][2] != "after" and time.monotonic() < deadline:
+        time.sleep(0.05)
     assert configuration(root)[0][2] == "after"
 
 
