@@ -1,13 +1,18 @@
 #include "quelm_log.h"
 
 #include "quelm_chars.h"
+#include "quelm_owned.h"
 #include "quelm_root.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <cerrno>
 #include <fcntl.h>
+#include <paths.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace quelm::log {
@@ -21,6 +26,10 @@ constexpr std::size_t kMessageSize = 4096;
 constexpr std::size_t kTimeSize = 32;
 // Created readable by the group only: messages name users and objects.
 constexpr mode_t kLogFileMode = 0640;
+
+// Seconds a system log that took no connection stands before it is tried
+// again.
+constexpr std::time_t kSyslogRetrySeconds = 1;
 
 // openlog keeps the pointer it is given, so the identity lives here.
 char ident_buf[kIdentSize] = "cgi-ssi";
@@ -84,6 +93,43 @@ void iso_time(char (&out)[kTimeSize]) {
     }
 }
 
+// Whether the system log's socket took a connection when last tried. The C
+// library tries (and fails) a new connection for every message on a host
+// without a log daemon; a failure here stands for kSyslogRetrySeconds. A
+// socket that answered once is left to the C library, which reconnects.
+struct SyslogProbe {
+    bool tried = false;
+    bool reachable = false;
+    std::time_t at = 0;
+};
+SyslogProbe syslog_probe;
+
+// 0 when a socket of that type connects to the system log, else the error.
+int connect_error(int type) {
+    quelm::UniqueFd fd(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    if (!fd) return errno;
+    struct sockaddr_un addr {};
+    addr.sun_family = AF_UNIX;
+    static_assert(sizeof _PATH_LOG <= sizeof addr.sun_path);
+    std::memcpy(addr.sun_path, _PATH_LOG, sizeof _PATH_LOG);
+    return ::connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&addr), sizeof addr) == 0 ? 0 : errno;
+}
+
+bool syslog_reachable() {
+    const std::time_t now = std::time(nullptr);
+    if (syslog_probe.tried &&
+        (syslog_probe.reachable || (now >= syslog_probe.at && now - syslog_probe.at < kSyslogRetrySeconds))) {
+        return syslog_probe.reachable;
+    }
+    // The C library's order: a datagram socket, a stream socket when the
+    // daemon listens on one.
+    int error = connect_error(SOCK_DGRAM);
+    if (error == EPROTOTYPE) error = connect_error(SOCK_STREAM);
+    const bool reachable = error == 0;
+    syslog_probe = SyslogProbe{true, reachable, now};
+    return reachable;
+}
+
 void append_to_file(int priority, const char *message) {
     const char *path = quelm::process_env("QUELM_LOG_FILE");
     if (path == nullptr || *path == '\0') return;
@@ -117,7 +163,7 @@ void vprint(int priority, const char *format, va_list args) {
     std::vsnprintf(message, sizeof message, format, args);
     char escaped[kMessageSize];
     escape_controls(message, escaped);
-    ::syslog(priority, "%s", escaped);
+    if (syslog_reachable()) ::syslog(priority, "%s", escaped);
     append_to_file(priority, escaped);
 }
 
