@@ -53,16 +53,9 @@ int set_error(int code) {
 // Cache key prefix of an instance count: a byte no property name holds.
 constexpr std::string_view kCountKeyPrefix = "\x01count ";
 
-// The process id, read once per process: every call of the library checks
-// that its state was opened by this process, and getpid is a system call.
-// A child made by fork learns its own id from the handler.
-pid_t current_pid() {
-    static pid_t pid = [] {
-        ::pthread_atfork(nullptr, nullptr, [] { pid = ::getpid(); });
-        return ::getpid();
-    }();
-    return pid;
-}
+// Every call of the library checks that its state was opened by this
+// process (quelm::current_pid: no system call).
+using quelm::current_pid;
 
 // For the getters: no result, and code as the error.
 std::nullptr_t null_with_error(int code) {
