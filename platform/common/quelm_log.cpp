@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <paths.h>
@@ -44,6 +45,17 @@ void escape_controls(const char *message, char (&out)[kMessageSize]) {
     while (len > 0 && (message[len - 1] == '\n' || message[len - 1] == '\r')) --len;
     std::size_t used = 0;
     for (std::size_t i = 0; i < len; ++i) {
+        // A run of plain bytes is copied at once.
+        std::size_t run = i;
+        while (run < len && message[run] != '\n' && !is_ascii_control(message[run])) ++run;
+        if (run > i) {
+            const std::size_t n = std::min(run - i, kMessageSize - 1 - used);
+            std::memcpy(out + used, message + i, n);
+            used += n;
+            if (n < run - i) break;
+            i = run - 1;
+            continue;
+        }
         auto byte = static_cast<unsigned char>(message[i]);
         char spelled[4] = {static_cast<char>(byte)};
         std::size_t width = 1;
@@ -80,8 +92,7 @@ const char *level_name(int priority) {
 }
 
 // Local time as ISO 8601 with the offset, e.g. 2026-11-23T15:14:25+00:00.
-void iso_time(char (&out)[kTimeSize]) {
-    std::time_t now = std::time(nullptr);
+void format_iso_time(std::time_t now, char (&out)[kTimeSize]) {
     struct tm local {};
     std::size_t n = 0;
     if (::localtime_r(&now, &local) != nullptr) n = std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%S%z", &local);
@@ -91,6 +102,22 @@ void iso_time(char (&out)[kTimeSize]) {
         std::memmove(out + n - 1, out + n - 2, 3);
         out[n - 2] = ':';
     }
+}
+
+// The time of the last message, formatted once per second.
+struct TimeText {
+    std::time_t at = -1;
+    char text[kTimeSize] = "";
+};
+TimeText last_time;
+
+const char *iso_time() {
+    const std::time_t now = std::time(nullptr);
+    if (now != last_time.at) {
+        format_iso_time(now, last_time.text);
+        last_time.at = now;
+    }
+    return last_time.text;
 }
 
 // Whether the system log's socket took a connection when last tried. The C
@@ -133,13 +160,17 @@ bool syslog_reachable() {
 void append_to_file(int priority, const char *message) {
     const char *path = quelm::process_env("QUELM_LOG_FILE");
     if (path == nullptr || *path == '\0') return;
-    char when[kTimeSize];
-    iso_time(when);
+    const char *when = iso_time();
     char line[kMessageSize + kIdentSize + kTimeSize + 32];
-    int n = std::snprintf(line, sizeof line, "%s %s %s[%d]: %s\n", when, level_name(priority), ident_buf,
-                          static_cast<int>(getpid()), message);
-    if (n <= 0) return;
-    std::size_t total = static_cast<std::size_t>(n) < sizeof line ? static_cast<std::size_t>(n) : sizeof line - 1;
+    const int n = std::snprintf(line, sizeof line, "%s %s %s[%d]: ", when, level_name(priority), ident_buf,
+                                static_cast<int>(quelm::current_pid()));
+    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof line) return;
+    // The message (below kMessageSize) and the line break fit; the bound
+    // only guards the arithmetic.
+    const std::size_t length = std::min(std::strlen(message), sizeof line - static_cast<std::size_t>(n) - 1);
+    std::memcpy(line + n, message, length);
+    line[n + length] = '\n';
+    const std::size_t total = static_cast<std::size_t>(n) + length + 1;
     // A link planted at the log's name is not followed.
     int fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLogFileMode);
     if (fd < 0) return;
