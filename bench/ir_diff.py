@@ -10,7 +10,11 @@ request spends in it. Start-up and the cold first requests cancel out.
 """
 
 import argparse
+import re
 import subprocess
+
+# "1,234 (12.34%)  file:function [object]"
+ROW = re.compile(r"\s*([\d,]+)\s+\(\s*[\d.]+%\)\s+(.*)")
 
 
 def costs(path, inclusive):
@@ -22,12 +26,9 @@ def costs(path, inclusive):
         if line.endswith("file:function"):
             started = True
             continue
-        fields = line.split(None, 2)
-        if not started or len(fields) < 3 or not fields[0][0].isdigit():
-            continue
-        # "1,234 (12.34%)  file:function [object]"
-        name = fields[2]
-        table[name] = table.get(name, 0) + int(fields[0].replace(",", ""))
+        row = ROW.match(line)
+        if started and row:
+            table[row.group(2)] = table.get(row.group(2), 0) + int(row.group(1).replace(",", ""))
     return table
 
 
