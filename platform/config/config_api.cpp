@@ -454,6 +454,16 @@ char *QM_DAT_getobjproperty(const char *object, const char *property) {
     });
 }
 
+unsigned long long QM_DAT_changestamp(void) {
+    return guarded_call(0ULL, __func__, [&]() -> unsigned long long {
+        int code = 0;
+        State *state = open_state(code);
+        // The value cache's own test: the same stamp, the same cached values.
+        if (state == nullptr || !state->cache_current()) return 0;
+        return state->cached_generation + 1;
+    });
+}
+
 int QM_DAT_setobjproperty(const char *object, const char *property, const char *value, int store_only) {
     return guarded_call(QM_ERR_STORAGE, __func__, [&] {
         std::string name = property_name(object, property);
