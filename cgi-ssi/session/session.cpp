@@ -219,14 +219,6 @@ bool checked_entry(const CheckedFile &file, const char *key, char *out, std::siz
     return copy_entry(file.content, key, out, size);
 }
 
-// Host identity of the gateway as the data model describes it.
-std::string property(const char *object, const char *name) {
-    char *value = QM_DAT_getobjproperty(object, name);
-    std::string out = or_empty(value);
-    std::free(value);
-    return out;
-}
-
 bool iequals(std::string_view a, std::string_view b) {
     return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
@@ -508,13 +500,12 @@ unsigned int checkLocalIP(const char *address) {
 int QM_GetHostSession(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
         std::string host = or_empty(std::getenv("HTTP_HOST"));
-        std::string hostname = property("Device", "Hostname");
-        std::string aliases = property("Device", "Aliases");
-        std::string domain = property("Device", "Domain");
-        std::string lan_address = property("LANDevice_1_IPInterface_1", "IPAddress");
-        std::string lan_mask = property("LANDevice_1_IPInterface_1", "SubnetMask");
-        std::string ipv6 = property("LANDevice_1_IPv6Status", "CurrentIPAddress");
-        std::string host_with_domain = hostname + "." + domain;
+        const HostIdentity &gateway = host_identity();
+        const std::string &hostname = gateway.hostname;
+        const std::string &aliases = gateway.aliases;
+        const std::string &lan_address = gateway.lan_address;
+        const std::string &ipv6 = gateway.ipv6;
+        const std::string host_with_domain = hostname + "." + gateway.domain;
 
         if (!host.empty() && host[0] == '[') {
             host.erase(0, 1);
@@ -525,7 +516,7 @@ int QM_GetHostSession(void) {
 
         const char *request_realm = std::getenv("QUELM_REALM");
         if (request_realm != nullptr && std::strcmp(request_realm, "rmt") == 0) {
-            unsigned mask = checkLocalIP(lan_mask.c_str());
+            unsigned mask = checkLocalIP(gateway.lan_mask.c_str());
             if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(host.c_str()) & mask)) return 1;
         }
         if (iequals(host, hostname) || iequals(host, aliases) || starts_with_address(host, lan_address, true)) return 1;
