@@ -9,6 +9,7 @@ cancel out). With --strace FILE the responder runs plainly and `strace -c` watch
 the COUNT requests after the warm-up instead.
 
     fcgi_ir.py BINARY ARGV0 ROOT PARAMS_JSON [--count N] [--warm N] [--strace FILE] [--keep FILE]
+               [--keep-base FILE]
 
 PARAMS_JSON is the FastCGI parameter set (a JSON object); ROOT the gateway
 root (QUELM_ROOT). Prints "instructions_per_request answer_bytes".
@@ -86,6 +87,9 @@ def main():
     p.add_argument("--warm", type=int, default=3)
     p.add_argument("--strace", metavar="FILE", help="strace -c the COUNT requests into FILE instead")
     p.add_argument("--keep", metavar="FILE", help="keep the longer callgrind profile as FILE")
+    p.add_argument("--keep-base", metavar="FILE",
+                   help="keep the shorter profile as FILE (per-function differences of the two, over COUNT, are "
+                        "the warm costs: bench/ir_diff.py)")
     args = p.parse_args()
     params = json.loads(args.params)
     with tempfile.TemporaryDirectory() as work:
@@ -102,6 +106,9 @@ def main():
         if args.keep:
             os.replace(more, args.keep)
             more = args.keep
+        if args.keep_base:
+            os.replace(base, args.keep_base)
+            base = args.keep_base
         per = (total_ir(more) - total_ir(base)) / args.count
         print(f"{per:.0f} {size}")
 

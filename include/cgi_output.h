@@ -22,6 +22,10 @@ QM_EXPORT int cgi_out_write(const void *data, size_t len);
 QM_EXPORT int cgi_out_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 QM_EXPORT int cgi_out_vprintf(const char *format, va_list args) __attribute__((format(printf, 1, 0)));
 QM_EXPORT int cgi_out_flush(void);
+/* Ends the answer: a FastCGI request is finished, so the rest of the output
+ * leaves with the request's closing records in one write; a plain CGI
+ * flushes its output. Nothing may be written after it. */
+QM_EXPORT void cgi_out_finish(void);
 /* Writes a whole header block, "Status: <status> <reason>\r\nContent-type:
  * <content_type>\r\n\r\n", for answers the product makes of its own accord
  * (refused requests, unknown names, no session). Known statuses: 400, 403,

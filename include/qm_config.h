@@ -135,6 +135,11 @@ QM_EXPORT int QM_DAT_visitobjdata(const char *object, QM_DAT_visitor visit, void
 
 /* Value of one property; null if absent. */
 QM_EXPORT char *QM_DAT_getobjproperty(const char *object, const char *property);
+/* A stamp of the values the getters give: it changes whenever the data model
+ * may have changed since (another process or this one committed), so a
+ * caller may keep what it derived from them under the same stamp. 0 when
+ * values may not be kept (no change counter, or no database). */
+QM_EXPORT unsigned long long QM_DAT_changestamp(void);
 
 /* Validates and stores value in the running configuration. store_only 0
  * also asks the services that use the property to apply the change (on the

@@ -223,7 +223,6 @@ void render_file(RenderContext &page, const std::string &virtual_name, const std
     }
     PageRenderer renderer(page, virtual_name, file_name);
     scan_page(mapping.text(), renderer);
-    cgi_out_flush();
 }
 
 }  // namespace cgissi::ssi
@@ -232,6 +231,6 @@ void render_file(RenderContext &page, const std::string &virtual_name, const std
 // happened; what was written so far still leaves.
 extern "C" int ssi(int, char **) {
     const int result = quelm::guarded(1, __func__, [] { return cgissi::ssi::serve_page(); });
-    cgi_out_flush();
+    cgi_out_finish();
     return result;
 }

@@ -61,7 +61,6 @@ void dispatch_routed(const char *symbol) {
         extend_token_create(symbol + std::strlen("create="));
     } else {
         log_symbol_outcome(symbol);
-        cgi_out_flush();
     }
 }
 
@@ -74,10 +73,10 @@ void dispatch(const char *symbol) {
         Ssi[sizeof Ssi - 1] = '\0';
         if (Ssi[0] != '\0') ssiprintf("%s", Ssi);
         if (QM_err_get() < 0) QM_LOG_print("SSI error for symbol <%s> : %d", symbol, QM_err_get());
-        cgi_out_flush();
         return;
     }
-    cgi_out_flush();
+    // The output stays in the request's buffer: symbols, like the text
+    // around them, go out in few large writes.
     dispatch_routed(symbol);
 }
 

@@ -59,8 +59,11 @@ std::string_view base_name(std::string_view path) {
     return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
+// Copies name into out (size bytes), cut to fit and terminated.
 void copy_name(char *out, std::size_t size, std::string_view name) {
-    std::snprintf(out, size, "%.*s", static_cast<int>(name.size()), name.data());
+    const std::size_t n = name.size() < size ? name.size() : size - 1;
+    std::memcpy(out, name.data(), n);
+    out[n] = '\0';
 }
 
 bool session_extension(std::string_view ext) {

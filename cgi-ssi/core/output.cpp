@@ -60,6 +60,13 @@ extern "C" int cgi_out_printf(const char *format, ...) {
 
 extern "C" int cgi_out_flush(void) { return FCGI_fflush(FCGI_stdout); }
 
+extern "C" void cgi_out_finish(void) {
+    // A plain CGI's FCGI_Finish does nothing; a finished FastCGI request's
+    // stream takes no more flushes (the call returns EOF, harmless).
+    FCGI_Finish();
+    cgi_out_flush();
+}
+
 extern "C" int cgi_out_status_header(int status, const char *content_type) {
     return cgi_out_printf("Status: %d %s\r\nContent-type: %s\r\n\r\n", status, quelm::reason_phrase(status),
                           content_type != nullptr ? content_type : "text/html");

@@ -124,8 +124,7 @@ void serve(GenericRequest &request) {
     }
     request.answer.end_object();
     request.answer.raw("\n");
-    cgi_out_flush();
-    FCGI_Finish();
+    cgi_out_finish();
     finish_changes(request);
 }
 
@@ -149,7 +148,6 @@ void print_read(const char *argument) {
         // A script literal, not a JSON value.
         ssiprintf("%s", "undefined");
     }
-    cgi_out_flush();
 }
 
 }  // namespace

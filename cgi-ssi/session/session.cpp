@@ -84,21 +84,31 @@ long idle_lifetime() {
     return delay;
 }
 
-bool read_session_file(const std::string &mapped, std::string &content) {
-    UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) return false;
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxSessionFile) return false;
+namespace {
+
+// Reads an open session file whose status is st; false when it is no
+// regular file of a session's size.
+bool read_open_file(int fd, const struct stat &st, std::string &content) {
+    if (!S_ISREG(st.st_mode) || st.st_size > kMaxSessionFile) return false;
     content.resize(static_cast<std::size_t>(st.st_size));
     std::size_t got = 0;
     while (got < content.size()) {
-        ssize_t n = ::read(fd.get(), content.data() + got, content.size() - got);
+        ssize_t n = ::read(fd, content.data() + got, content.size() - got);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         got += static_cast<std::size_t>(n);
     }
     content.resize(got);
     return true;
+}
+
+}  // namespace
+
+bool read_session_file(const std::string &mapped, std::string &content) {
+    UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) return false;
+    struct stat st {};
+    return ::fstat(fd.get(), &st) == 0 && read_open_file(fd.get(), st, content);
 }
 
 namespace {
@@ -163,12 +173,50 @@ void log_missing(const char *function, const std::string &path) {
                       path.c_str());
 }
 
-// Host identity of the gateway as the data model describes it.
-std::string property(const char *object, const char *name) {
-    char *value = QM_DAT_getobjproperty(object, name);
-    std::string out = or_empty(value);
-    std::free(value);
-    return out;
+// The token's session file for the check, opened and read once: found as a
+// status call finds it, readable when it holds a session's text.
+struct CheckedFile {
+    std::string path;
+    struct stat st {};
+    bool found = false;
+    bool readable = false;
+    std::string content;
+};
+
+CheckedFile check_file(const char *token) {
+    CheckedFile file;
+    file.path = session_path(token);
+    if (!valid_token(token)) return file;
+    const std::string mapped = quelm::root_path(file.path);
+    UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd) {
+        file.found = ::fstat(fd.get(), &file.st) == 0;
+        file.readable = file.found && read_open_file(fd.get(), file.st, file.content);
+    } else {
+        // There but not to be opened: found, and no session's text.
+        file.found = ::stat(mapped.c_str(), &file.st) == 0;
+    }
+    return file;
+}
+
+// Copies key's value into out (size bytes, zero-filled first); false when
+// content has no such entry. A value that fills out is not terminated, so
+// callers keep one spare byte.
+bool copy_entry(std::string_view content, const char *key, char *out, std::size_t size) {
+    std::memset(out, 0, size);
+    std::string_view value;
+    if (key == nullptr || !find_entry(content, key, value)) return false;
+    std::memcpy(out, value.data(), value.size() < size ? value.size() : size);
+    return true;
+}
+
+// An entry of the checked file, as QM_GetSessionInfo would read it.
+bool checked_entry(const CheckedFile &file, const char *key, char *out, std::size_t size) {
+    if (!file.readable) {
+        log_missing("QM_GetSessionInfo", file.path);
+        return false;
+    }
+    return copy_entry(file.content, key, out, size);
 }
 
 bool iequals(std::string_view a, std::string_view b) {
@@ -285,7 +333,7 @@ int QM_CheckSession(const char *token) {
             quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
             return 0;
         }
-        const SessionFile file = find_session(token);
+        const CheckedFile file = check_file(token);
         const std::string &path = file.path;
         if (!file.found) {
             // compat: "doesn't exists" as log readers in the field match it.
@@ -301,13 +349,13 @@ int QM_CheckSession(const char *token) {
         // Both entries must be present: an empty or damaged file is no session,
         // even for a request without address or agent.
         char address[kAddressSize + 1] = {};
-        if (QM_GetSessionInfo(token, "REMOTE_ADDR", address, kAddressSize) == 0 ||
+        if (!checked_entry(file, "REMOTE_ADDR", address, kAddressSize) ||
             std::strcmp(address, or_empty(cgiRemoteAddr)) != 0) {
             quelm::log::print(LOG_ERR, "CheckSession has failed : saved IP and current IP are not equal");
             return 0;
         }
         char agent[kUserAgentSize + 1] = {};
-        if (QM_GetSessionInfo(token, "HTTP_USER_AGENT", agent, kUserAgentSize) == 1 &&
+        if (checked_entry(file, "HTTP_USER_AGENT", agent, kUserAgentSize) &&
             std::strcmp(agent, or_empty(cgiUserAgent)) == 0) {
             return 1;
         }
@@ -376,13 +424,7 @@ int QM_GetSessionInfo(const char *token, const char *key, char *out, int size) {
             log_missing(function, path);
             return 0;
         }
-        std::string_view value;
-        if (key == nullptr || !find_entry(content, key, value)) return 0;
-        // Bounded by the caller's size; a value that fills it is not terminated,
-        // so callers keep one spare byte.
-        std::size_t n = value.size() < static_cast<std::size_t>(size) ? value.size() : static_cast<std::size_t>(size);
-        std::memcpy(out, value.data(), n);
-        return 1;
+        return copy_entry(content, key, out, static_cast<std::size_t>(size)) ? 1 : 0;
     });
 }
 
@@ -458,13 +500,12 @@ unsigned int checkLocalIP(const char *address) {
 int QM_GetHostSession(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
         std::string host = or_empty(std::getenv("HTTP_HOST"));
-        std::string hostname = property("Device", "Hostname");
-        std::string aliases = property("Device", "Aliases");
-        std::string domain = property("Device", "Domain");
-        std::string lan_address = property("LANDevice_1_IPInterface_1", "IPAddress");
-        std::string lan_mask = property("LANDevice_1_IPInterface_1", "SubnetMask");
-        std::string ipv6 = property("LANDevice_1_IPv6Status", "CurrentIPAddress");
-        std::string host_with_domain = hostname + "." + domain;
+        const HostIdentity &gateway = host_identity();
+        const std::string &hostname = gateway.hostname;
+        const std::string &aliases = gateway.aliases;
+        const std::string &lan_address = gateway.lan_address;
+        const std::string &ipv6 = gateway.ipv6;
+        const std::string host_with_domain = hostname + "." + gateway.domain;
 
         if (!host.empty() && host[0] == '[') {
             host.erase(0, 1);
@@ -475,7 +516,7 @@ int QM_GetHostSession(void) {
 
         const char *request_realm = std::getenv("QUELM_REALM");
         if (request_realm != nullptr && std::strcmp(request_realm, "rmt") == 0) {
-            unsigned mask = checkLocalIP(lan_mask.c_str());
+            unsigned mask = checkLocalIP(gateway.lan_mask.c_str());
             if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(host.c_str()) & mask)) return 1;
         }
         if (iequals(host, hostname) || iequals(host, aliases) || starts_with_address(host, lan_address, true)) return 1;

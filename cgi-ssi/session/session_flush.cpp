@@ -120,14 +120,15 @@ void scan_sessions() {
 
 void read_session_limit() {
     const std::string path = quelm::root_path(kSessionLimitFile);
-    quelm::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat st {};
+    // An unchanged file costs one status call; only a changed one is opened.
+    if (limit_file.read && ::stat(path.c_str(), &st) == 0 && same_status(st, limit_file.st)) return;
+    quelm::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd || ::fstat(fd.get(), &st) != 0) {
         QM_SessionMaxLimit = 0;
         limit_file.read = false;
         return;
     }
-    if (limit_file.read && same_status(st, limit_file.st)) return;
     parse_limit(fd.get());
     limit_file = LimitFileState{true, st};
 }

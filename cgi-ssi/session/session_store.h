@@ -65,4 +65,16 @@ bool admin_session();
 constexpr std::size_t kAnonymousPerClient = 8;
 void make_room_for_anonymous(const char *address);
 
+// The gateway's names as the data model gives them (empty when unset),
+// kept while the data model's change stamp stays.
+struct HostIdentity {
+    std::string hostname;
+    std::string aliases;
+    std::string domain;
+    std::string lan_address;
+    std::string lan_mask;
+    std::string ipv6;
+};
+const HostIdentity &host_identity();
+
 }  // namespace cgissi::session

@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <pthread.h>
+#include <unistd.h>
 
 namespace quelm {
 
@@ -73,6 +75,14 @@ bool root_path(std::string_view gateway_path, char *out, std::size_t size) {
     std::memcpy(out + prefix.size(), gateway_path.data(), gateway_path.size());
     out[prefix.size() + gateway_path.size()] = '\0';
     return true;
+}
+
+pid_t current_pid() {
+    static pid_t pid = [] {
+        ::pthread_atfork(nullptr, nullptr, [] { pid = ::getpid(); });
+        return ::getpid();
+    }();
+    return pid;
 }
 
 }  // namespace quelm

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 #define QUELM_COMMON_API __attribute__((visibility("default")))
 
@@ -21,6 +22,10 @@ namespace quelm {
 // until pinned (tools, tests) they are read live at every call.
 QUELM_COMMON_API void pin_process_environment();
 QUELM_COMMON_API const char *process_env(const char *name);  // pinned or live value, may be null
+
+// The process id, read once per process (getpid is a system call); a child
+// made by fork learns its own id from a fork handler.
+QUELM_COMMON_API pid_t current_pid();
 
 // The root prefix without a trailing "/" ("" when unset).
 QUELM_COMMON_API std::string_view root_prefix();

@@ -53,16 +53,9 @@ int set_error(int code) {
 // Cache key prefix of an instance count: a byte no property name holds.
 constexpr std::string_view kCountKeyPrefix = "\x01count ";
 
-// The process id, read once per process: every call of the library checks
-// that its state was opened by this process, and getpid is a system call.
-// A child made by fork learns its own id from the handler.
-pid_t current_pid() {
-    static pid_t pid = [] {
-        ::pthread_atfork(nullptr, nullptr, [] { pid = ::getpid(); });
-        return ::getpid();
-    }();
-    return pid;
-}
+// Every call of the library checks that its state was opened by this
+// process (quelm::current_pid: no system call).
+using quelm::current_pid;
 
 // For the getters: no result, and code as the error.
 std::nullptr_t null_with_error(int code) {
@@ -458,6 +451,16 @@ char *QM_DAT_getobjproperty(const char *object, const char *property) {
         }
         if (set_error(code) != 0) return nullptr;
         return copy_result(value);
+    });
+}
+
+unsigned long long QM_DAT_changestamp(void) {
+    return guarded_call(0ULL, __func__, [&]() -> unsigned long long {
+        int code = 0;
+        State *state = open_state(code);
+        // The value cache's own test: the same stamp, the same cached values.
+        if (state == nullptr || !state->cache_current()) return 0;
+        return state->cached_generation + 1;
     });
 }
 

@@ -64,3 +64,21 @@ def test_expired_files_go_on_a_later_pass(responder, root):
     time.sleep(1.1)
     page(responder)
     assert not old.exists() and other.exists()
+
+
+@pytest.mark.compat
+def test_limit_file_replaced_or_removed_applies_at_once(responder, root):
+    limit = root / "var/quelm/webiad.d/http_session_maxlimit"
+    limit.write_text("1\n")
+    assert COOKIE.search(page(responder, addr="192.168.1.40"))
+    assert page(responder, addr="192.168.1.41").startswith(LIMITED)
+    # A new file renamed over the old one, same size and same second.
+    fresh = limit.with_name("limit.new")
+    fresh.write_text("9\n")
+    os.replace(fresh, limit)
+    assert COOKIE.search(page(responder, addr="192.168.1.42"))
+    limit.write_text("1\n")
+    assert page(responder, addr="192.168.1.43").startswith(LIMITED)
+    # No file: no limit.
+    limit.unlink()
+    assert COOKIE.search(page(responder, addr="192.168.1.44"))

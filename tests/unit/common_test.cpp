@@ -10,10 +10,12 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "quelm_child.h"
 #include "quelm_guard.h"
+#include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
 #include "test_support.h"
@@ -127,6 +129,34 @@ TEST(Guard, TurnsAnExceptionIntoTheFallbackAndOneLogLine) {
     EXPECT_NE(text.find("]: entry_point: std::bad_alloc\n"), std::string::npos) << text;
     EXPECT_NE(text.find("]: no_result: refused\n"), std::string::npos) << text;
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
+}
+
+// The log line: plain runs and escaped controls, a message cut at the
+// buffer, and the id of the process that writes, a forked child included
+// (the id is read once per process).
+TEST(Log, EscapesCutsAndNamesTheWritingProcess) {
+    const std::filesystem::path log = std::filesystem::temp_directory_path() / "common_test_log.log";
+    std::filesystem::remove(log);
+    setenv("QUELM_LOG_FILE", log.c_str(), 1);
+    quelm::log::open("logtest");
+    quelm::log::print(LOG_INFO, "plain %s\x01 tail\n", "run\nnext");
+    quelm::log::print(LOG_INFO, "%s", std::string(5000, 'a').c_str());
+    const pid_t child = ::fork();
+    if (child == 0) {
+        quelm::log::print(LOG_INFO, "from the child");
+        ::_exit(quelm::current_pid() == ::getpid() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    unsetenv("QUELM_LOG_FILE");
+    const std::string text = test_support::slurp(log);
+    std::filesystem::remove(log);
+    const std::string self = "logtest[" + std::to_string(::getpid()) + "]: ";
+    EXPECT_NE(text.find(self + "plain run\\nnext\\x01 tail\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(self + std::string(4095, 'a') + "\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("logtest[" + std::to_string(child) + "]: from the child\n"), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3) << text;
 }
 
 }  // namespace
