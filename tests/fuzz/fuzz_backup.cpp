@@ -18,7 +18,6 @@ using namespace cgissi::maintenance;
 std::string decode_in_blocks(std::string_view upload, unsigned seed) {
     ImportDecoder decoder;
     std::string out;
-    out.reserve(upload.size());  // the archive never grows (checked below)
     std::vector<unsigned char> block;
     unsigned state = seed * 2654435761u + 7;
     bool first = true;
