@@ -1,6 +1,7 @@
-"""The session pass of one long-lived FastCGI responder: expired files go and
-the realm's count holds across requests even though the folder is scanned
-at most once a second; the limit file is picked up as soon as it changes."""
+"""Sessions in one long-lived FastCGI responder: expired files go and the
+realm's count holds across requests even though the folder is scanned at
+most once a second; the limit file, and the gateway's names a request's
+Host is checked against, are picked up as soon as they change."""
 
 import os
 import re
@@ -19,13 +20,14 @@ LIMITED = b"Status: 503 "
 def responder(bin_dir, env, tmp_path, qmcfg):
     qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", "192.168.1.1")
     qmcfg("set", "Services_IADConfigurator", "SessionDelay", "600")
+    qmcfg("set", "Device", "Hostname", "gateway")
     with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as r:
         yield r
 
 
-def page(responder, addr="192.168.1.10", cookie=None):
+def page(responder, addr="192.168.1.10", cookie=None, host="192.168.1.1"):
     params = {"SCRIPT_FILENAME": "/www/index.htm", "SCRIPT_NAME": "/index.htm", "REQUEST_METHOD": "GET",
-              "QUELM_REALM": "web", "HTTP_HOST": "192.168.1.1", "REMOTE_ADDR": addr, "HTTP_USER_AGENT": AGENT}
+              "QUELM_REALM": "web", "HTTP_HOST": host, "REMOTE_ADDR": addr, "HTTP_USER_AGENT": AGENT}
     if cookie:
         params["HTTP_COOKIE"] = f"QM_web_ID={cookie}"
     out, _ = responder.request(params)
@@ -82,3 +84,16 @@ def test_limit_file_replaced_or_removed_applies_at_once(responder, root):
     # No file: no limit.
     limit.unlink()
     assert COOKIE.search(page(responder, addr="192.168.1.44"))
+
+
+def test_a_changed_name_applies_to_the_next_request(responder, qmcfg):
+    def has_session(host):
+        return COOKIE.search(page(responder, host=host)) is not None
+
+    assert has_session("192.168.1.1") and has_session("gateway:8080")
+    assert not has_session("192.168.1.2")
+    qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", "192.168.1.2")
+    assert has_session("192.168.1.2")
+    assert not has_session("192.168.1.1")
+    qmcfg("set", "Device", "Hostname", "router")
+    assert has_session("router") and not has_session("gateway")
