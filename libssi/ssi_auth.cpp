@@ -189,7 +189,7 @@ void do_check(const Call &call) {
     if (include.data[0] != '\0') {
         const std::string include_kind = kind.data;
         const std::string include_path = include.data;
-        do_include(Call{call.page, call.virtual_name, call.file_name, "include", include_kind, include_path});
+        do_include(Call{call.page, call.virtual_name, call.file_name, call.file_status, "include", include_kind, include_path});
     }
     call.page.sections.is_check = 0;
 }

@@ -50,8 +50,7 @@ void echo_value(const Call &c) {
     } else if (name == "DATE_GMT") {
         print_time(c.page, std::time(nullptr), true);
     } else if (name == "LAST_MODIFIED") {
-        struct stat st {};
-        if (::stat(c.file_name.c_str(), &st) == 0) print_time(c.page, st.st_mtime, false);
+        print_time(c.page, c.file_status.st_mtime, false);
     } else if (const char *env = std::getenv(name.c_str())) {
         write_env(env);
     } else if (name == "X_FORWARDED_FOR") {

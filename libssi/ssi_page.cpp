@@ -4,11 +4,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "cgi_output.h"
 #include "cgic.h"
@@ -28,29 +30,57 @@ bool auth_hidden(const SectionState &s) {
     return !(s.auth_section == 1 && s.is_auth) && (s.is_auth || s.auth_section != 0) && s.auth_section != -1;
 }
 
-// A whole file mapped read-only. An empty file has no mapping and reads as
-// empty text; the text is not terminated.
-class Mapping {
+// Pages up to this size are read into memory with one read; larger ones are
+// mapped. A read costs one system call where a mapping costs two and its
+// page faults, and a file cut short while it is rendered only gives less
+// text (a mapping would fault past its new end).
+constexpr std::size_t kReadLimit = 64 * 1024;
+
+// The text of a whole page file: read, or mapped read-only. A failure
+// leaves no text; the text is not terminated.
+class PageText {
 public:
-    Mapping(int fd, std::size_t size) {
-        if (size == 0) return;
-        void *addr = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-        if (addr == MAP_FAILED) return;
-        addr_ = addr;
-        size_ = size;
+    PageText(int fd, std::size_t size) {
+        if (size == 0) {
+            ok_ = true;
+        } else if (size <= kReadLimit) {
+            read_all(fd, size);
+        } else {
+            void *addr = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
+            if (addr == MAP_FAILED) return;
+            addr_ = addr;
+            text_ = {static_cast<const char *>(addr), size};
+            ok_ = true;
+        }
     }
-    Mapping(const Mapping &) = delete;
-    Mapping &operator=(const Mapping &) = delete;
-    ~Mapping() {
-        if (addr_ != nullptr) ::munmap(addr_, size_);
+    PageText(const PageText &) = delete;
+    PageText &operator=(const PageText &) = delete;
+    ~PageText() {
+        if (addr_ != nullptr) ::munmap(addr_, text_.size());
     }
 
-    bool mapped() const { return addr_ != nullptr; }
-    std::string_view text() const { return {static_cast<const char *>(addr_), size_}; }
+    bool ok() const { return ok_; }
+    std::string_view text() const { return text_; }
 
 private:
+    void read_all(int fd, std::size_t size) {
+        buffer_.reset(new char[size]);
+        std::size_t got = 0;
+        while (got < size) {
+            const ssize_t n = ::read(fd, buffer_.get() + got, size - got);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) return;
+            if (n == 0) break;
+            got += static_cast<std::size_t>(n);
+        }
+        text_ = {buffer_.get(), got};
+        ok_ = true;
+    }
+
+    std::unique_ptr<char[]> buffer_;
     void *addr_ = nullptr;
-    std::size_t size_ = 0;
+    std::string_view text_;
+    bool ok_ = false;
 };
 
 using Handler = void (*)(const Call &);
@@ -96,8 +126,9 @@ void execute(DirectiveKind kind, const Call &call) {
 
 class PageRenderer : public PageSink {
 public:
-    PageRenderer(RenderContext &page, const std::string &virtual_name, const std::string &file_name)
-        : page_(page), virtual_name_(virtual_name), file_name_(file_name) {}
+    PageRenderer(RenderContext &page, const std::string &virtual_name, const std::string &file_name,
+                 const struct stat &file_status)
+        : page_(page), virtual_name_(virtual_name), file_name_(file_name), file_status_(file_status) {}
 
     void text(std::string_view run) override {
         if (!run.empty() && text_visible(page_.sections)) cgi_out_write(run.data(), run.size());
@@ -127,13 +158,14 @@ private:
             first = false;
             const std::string tag(a.name);
             const std::string value(a.value);
-            execute(kind, Call{page_, virtual_name_, file_name_, directive_.name, tag, value});
+            execute(kind, Call{page_, virtual_name_, file_name_, file_status_, directive_.name, tag, value});
         }
     }
 
     RenderContext &page_;
     const std::string &virtual_name_;
     const std::string &file_name_;
+    const struct stat &file_status_;
     // Reused from directive to directive of this page (an included page has
     // its own renderer).
     Directive directive_;
@@ -216,13 +248,13 @@ void render_file(RenderContext &page, const std::string &virtual_name, const std
     }
     // Only regular files have text to map; anything else reads as empty.
     const std::size_t size = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0;
-    Mapping mapping(fd, size);
-    if (size > 0 && !mapping.mapped()) {
-        QM_LOG_print("mmap error : %s", std::strerror(errno));
+    const PageText text(fd, size);
+    if (!text.ok()) {
+        QM_LOG_print("%s error : %s", size <= kReadLimit ? "read" : "mmap", std::strerror(errno));
         return;
     }
-    PageRenderer renderer(page, virtual_name, file_name);
-    scan_page(mapping.text(), renderer);
+    PageRenderer renderer(page, virtual_name, file_name, st);
+    scan_page(text.text(), renderer);
 }
 
 }  // namespace cgissi::ssi

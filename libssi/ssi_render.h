@@ -53,6 +53,7 @@ struct Call {
     RenderContext &page;
     const std::string &virtual_name;  // URI of the page being read
     const std::string &file_name;     // its file-system path
+    const struct stat &file_status;   // that file's status, taken when it was opened
     std::string_view directive;
     const std::string &tag;           // attribute name
     const std::string &value;         // attribute value

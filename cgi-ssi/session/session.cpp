@@ -326,41 +326,52 @@ int QM_CreateSession(void) {
     });
 }
 
+namespace {
+
+// The check of QM_CheckSession; `file` is left with the session file as the
+// check found it.
+int check_session(const char *token, CheckedFile &file) {
+    if (token == nullptr || std::strlen(token) != kTokenLength) {
+        // compat: "lenght" as log readers in the field match it.
+        quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
+        return 0;
+    }
+    file = check_file(token);
+    const std::string &path = file.path;
+    if (!file.found) {
+        // compat: "doesn't exists" as log readers in the field match it.
+        quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s",
+                          path.c_str());
+        return 0;
+    }
+    if (expired(file.st, std::time(nullptr), idle_lifetime())) {
+        quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path.c_str());
+        QM_DestroySession();
+        return 0;
+    }
+    // Both entries must be present: an empty or damaged file is no session,
+    // even for a request without address or agent.
+    char address[kAddressSize + 1] = {};
+    if (!checked_entry(file, "REMOTE_ADDR", address, kAddressSize) ||
+        std::strcmp(address, or_empty(cgiRemoteAddr)) != 0) {
+        quelm::log::print(LOG_ERR, "CheckSession has failed : saved IP and current IP are not equal");
+        return 0;
+    }
+    char agent[kUserAgentSize + 1] = {};
+    if (checked_entry(file, "HTTP_USER_AGENT", agent, kUserAgentSize) &&
+        std::strcmp(agent, or_empty(cgiUserAgent)) == 0) {
+        return 1;
+    }
+    quelm::log::print(LOG_ERR, "CheckSession has failed : saved UserAgent and current UserAgent are not equal");
+    return 0;
+}
+
+}  // namespace
+
 int QM_CheckSession(const char *token) {
     return quelm::guarded(0, __func__, [&]() -> int {
-        if (token == nullptr || std::strlen(token) != kTokenLength) {
-            // compat: "lenght" as log readers in the field match it.
-            quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
-            return 0;
-        }
-        const CheckedFile file = check_file(token);
-        const std::string &path = file.path;
-        if (!file.found) {
-            // compat: "doesn't exists" as log readers in the field match it.
-            quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s",
-                              path.c_str());
-            return 0;
-        }
-        if (expired(file.st, std::time(nullptr), idle_lifetime())) {
-            quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path.c_str());
-            QM_DestroySession();
-            return 0;
-        }
-        // Both entries must be present: an empty or damaged file is no session,
-        // even for a request without address or agent.
-        char address[kAddressSize + 1] = {};
-        if (!checked_entry(file, "REMOTE_ADDR", address, kAddressSize) ||
-            std::strcmp(address, or_empty(cgiRemoteAddr)) != 0) {
-            quelm::log::print(LOG_ERR, "CheckSession has failed : saved IP and current IP are not equal");
-            return 0;
-        }
-        char agent[kUserAgentSize + 1] = {};
-        if (checked_entry(file, "HTTP_USER_AGENT", agent, kUserAgentSize) &&
-            std::strcmp(agent, or_empty(cgiUserAgent)) == 0) {
-            return 1;
-        }
-        quelm::log::print(LOG_ERR, "CheckSession has failed : saved UserAgent and current UserAgent are not equal");
-        return 0;
+        CheckedFile file;
+        return check_session(token, file);
     });
 }
 
@@ -373,7 +384,8 @@ int QM_InitSession(const char *token) {
         } else {
             QM_SessionFullPath[0] = '\0';
         }
-        if (QM_CheckSession(token) == 0) {
+        CheckedFile file;
+        if (check_session(token, file) == 0) {
             if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
             note_sessions_changed();
             QM_SessionFullPath[0] = '\0';
@@ -381,7 +393,9 @@ int QM_InitSession(const char *token) {
             QM_SessionToken = nullptr;
             return 0;
         }
-        QM_refreshSession(QM_SessionToken);
+        // Lifetimes count whole seconds: a file already stamped this second
+        // is as fresh as a refresh would make it.
+        if (file.st.st_mtime != std::time(nullptr)) QM_refreshSession(QM_SessionToken);
         return 1;
     });
 }

@@ -165,6 +165,16 @@ def test_sizes_dates_and_config(site):
     assert body(site(text="<!--#fsize file=kilo.bin -->")) == "3000"
 
 
+@pytest.mark.parametrize("filler", [10, 70000])  # a page read whole, and one mapped
+def test_last_modified_is_the_file_being_read(site, filler):
+    text = '<!--#config timefmt="%Y-%m-%d" -->' + "x" * filler + "<!--#echo var=LAST_MODIFIED -->|"
+    site(files={"index.htm": text + "<!--#include file=leaf.htm -->",
+                "leaf.htm": "<!--#echo var=LAST_MODIFIED -->"})
+    os.utime(site.docroot / "index.htm", (1500000000, 1500000000))  # 2017-07-14 UTC
+    os.utime(site.docroot / "leaf.htm", (1000000000, 1000000000))   # 2001-09-09 UTC
+    assert body(site(extra={"TZ": "UTC"})) == "x" * filler + "2017-07-14|2001-09-09"
+
+
 def test_exec_output_lands_in_order(site, log_file):
     raw = site(text='a<!--#exec cmd="printf X; printf Y" -->b<!--#exec run=x -->')
     assert body(raw) == "aXYb" + UNKNOWN_TAG.format(f"{site.docroot}/index.htm", "exec", "run")
