@@ -107,6 +107,36 @@ void record(token_context *context, const char *message) {
     std::snprintf(context->error_text + used, sizeof context->error_text - used, "%s", message);
 }
 
+// Reads the first two lines of an open token file as two fgets calls with
+// these buffer sizes would: a line up to its newline, cut at the buffer's
+// size. False when the file has not even one character; a missing second
+// line leaves `second` as it is.
+bool read_token_lines(int fd, char *first, std::size_t first_size, char *second, std::size_t second_size) {
+    const std::size_t wanted = (first_size - 1) + (second_size - 1);
+    std::unique_ptr<char[]> text(new char[wanted]);
+    std::size_t got = 0;
+    while (got < wanted) {
+        const ssize_t n = ::read(fd, text.get() + got, wanted - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<std::size_t>(n);
+    }
+    std::size_t pos = 0;
+    auto take_line = [&](char *out, std::size_t size) {
+        if (pos >= got) return false;
+        const std::size_t limit = std::min(size - 1, got - pos);
+        const void *newline = std::memchr(text.get() + pos, '\n', limit);
+        const std::size_t n = newline != nullptr ? static_cast<const char *>(newline) - (text.get() + pos) + 1 : limit;
+        std::memcpy(out, text.get() + pos, n);
+        out[n] = '\0';
+        pos += n;
+        return true;
+    };
+    if (!take_line(first, first_size)) return false;
+    take_line(second, second_size);
+    return true;
+}
+
 void hold_token(const std::string &path, int lifetime) {
     std::free(last_token_name);
     last_token_name = ::strdup(path.c_str());
@@ -272,10 +302,17 @@ int get_token_rights(token_context *context) {
         }
         std::string path = std::string(kTokenPathPrefix) + token;
         std::string mapped = quelm::root_path(path);
+        // Opened first (never through a link, never waiting on a FIFO), so
+        // that one status call serves the expiry and the type; what cannot
+        // be opened is looked at with a status call through links.
+        quelm::UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
         struct stat st {};
-        if (::stat(mapped.c_str(), &st) != 0) {
-            record(context, kExpiredMessage);
-            return QM_TOKEN_UNKNOWN;
+        if (!fd || ::fstat(fd.get(), &st) != 0) {
+            fd.reset();
+            if (::stat(mapped.c_str(), &st) != 0) {
+                record(context, kExpiredMessage);
+                return QM_TOKEN_UNKNOWN;
+            }
         }
         // The modification time is the expiry: the token is still good in that
         // very second.
@@ -284,18 +321,22 @@ int get_token_rights(token_context *context) {
             ::unlink(mapped.c_str());
             return QM_TOKEN_EXPIRED;
         }
-        File file = S_ISREG(st.st_mode) ? open_token_file(mapped, O_RDONLY, "r") : nullptr;
         char lifetime_line[kLifetimeLineSize] = {};
-        if (!file || std::fgets(lifetime_line, sizeof lifetime_line, file.get()) == nullptr) {
+        if (!fd || !S_ISREG(st.st_mode) ||
+            !read_token_lines(fd.get(), lifetime_line, sizeof lifetime_line, context->rights, sizeof context->rights)) {
             record(context, kUnreadableMessage);
             return QM_TOKEN_UNREADABLE;
         }
-        if (std::fgets(context->rights, sizeof context->rights, file.get()) == nullptr) context->rights[0] = '\0';
         std::size_t length = std::strlen(context->rights);
         if (length > 0 && context->rights[length - 1] == '\n') context->rights[length - 1] = '\0';
 
         int lifetime = parse_int(lifetime_line, 0);
-        refresh_token_timestamp(path.c_str(), lifetime);
+        // A token already stamped with this second's expiry (its previous
+        // request came in the same second) is not written again.
+        const std::time_t now = std::time(nullptr);
+        if (st.st_mtim.tv_sec != now + lifetime || st.st_mtim.tv_nsec != 0) {
+            refresh_token_timestamp(path.c_str(), lifetime);
+        }
         hold_token(path, lifetime);
         return QM_TOKEN_VALID;
     });

@@ -90,6 +90,13 @@ TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
     plant(file_of("Same01"), "120\nWifi\nRule,1,\n", now);  // expires this very second
     plant(file_of("Late01"), "120\nWifi\n", now - 1);
     plant(file_of("Long01"), "60\n" + std::string(450, 'w') + "\n", now + 5);
+    // Not to be read as a token: a FIFO (no writer: must not block), a link
+    // to a good token file, an empty file. A lone first line is one.
+    ASSERT_EQ(mkfifo(file_of("Fifo01").c_str(), 0600), 0);
+    ASSERT_EQ(utimes(file_of("Fifo01").c_str(), later), 0);
+    fs::create_symlink(file_of("Long01"), file_of("Link01"));
+    plant(file_of("Empty1"), "", now + 5);
+    plant(file_of("Lone01"), "30", now + 5);
 
     const std::string invalid = "Token is invalid or your session has expired. Please refresh the page.";
     const std::string expired = "Your session has expired. Please refresh the page.";
@@ -102,6 +109,10 @@ TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
         {"token=Late01", QM_TOKEN_EXPIRED, expired, ""},
         {"token=Same01", QM_TOKEN_VALID, "", "Wifi"},
         {"token=Long01", QM_TOKEN_VALID, "", std::string(399, 'w')},
+        {"token=Fifo01", QM_TOKEN_UNREADABLE, "Unknown error. Please refresh the page.", ""},
+        {"token=Link01", QM_TOKEN_UNREADABLE, "Unknown error. Please refresh the page.", ""},
+        {"token=Empty1", QM_TOKEN_UNREADABLE, "Unknown error. Please refresh the page.", ""},
+        {"token=Lone01", QM_TOKEN_VALID, "", ""},
     };
     auto context = std::make_unique<token_context>();
     std::string errors;
@@ -116,7 +127,7 @@ TEST_F(Token, PresentedTokenIsCheckedBeforeItBecomesAPath) {
     EXPECT_TRUE(fs::exists(tmp() / "x1"));
     EXPECT_FALSE(fs::exists(file_of("Late01")));
     EXPECT_GE(mtime(file_of("Same01")), now + 120) << "use renews the expiry";
-    EXPECT_EQ(last_token_lifetime, 60);
+    EXPECT_EQ(last_token_lifetime, 30);
 
     // The accumulated text stays below its size.
     std::string filler(QM_TOKEN_ERROR_TEXT_SIZE - 10, 'e');
