@@ -37,6 +37,13 @@ connections=${BENCH_CONNECTIONS:-4}
 do_callgrind=${BENCH_CALLGRIND:-1}
 do_wrk=${BENCH_WRK:-1}
 token=abc123
+# The client is a page of the gateway's own: its Host (127.0.0.1) names the
+# gateway's LAN address and it carries the cookie of its live session, as
+# the pages' calls to generic.cgi do. (A Host that is not the gateway's gets
+# no session and a logged warning per request, which no page pays.)
+user_agent='bench-wrk/1'
+cookie='QM_web_ID=bench1'
+client_env=(HTTP_HOST=127.0.0.1 HTTP_COOKIE="$cookie" HTTP_USER_AGENT="$user_agent")
 
 bench_need_built "build first" cgi-ssi qmcfg
 need=(python3)
@@ -88,6 +95,9 @@ with open(root + "/obj.conf", "w") as f:
             f.write(f"Obj_{i}_{key}={value}\n")
 PY
   QUELM_ROOT=$root "$bin/qmcfg" load "$root/obj.conf" >/dev/null
+  QUELM_ROOT=$root "$bin/qmcfg" set LANDevice_1_IPInterface_1 IPAddress 127.0.0.1 >/dev/null
+  mkdir -p "$root/var/quelm/session" && chmod 700 "$root/var/quelm/session"
+  printf 'REMOTE_ADDR=127.0.0.1\nHTTP_USER_AGENT=%s\nREALM=web\n' "$user_agent" > "$root/var/quelm/session/web_bench1"
   mkdir -p "$root/var/tmp"
   printf '86400\nall\n' > "$root/var/tmp/CGI_Token_$token"
   touch -d '+1 day' "$root/var/tmp/CGI_Token_$token"
@@ -97,7 +107,7 @@ PY
 answer() { # root query: the JSON body of the answer
   QUELM_ROOT=$1 QUELM_LOG_FILE=$work/cgi.log REQUEST_METHOD=GET QUERY_STRING=$2 \
     SCRIPT_FILENAME=/www/generic.cgi SCRIPT_NAME=/generic.cgi QUELM_REALM=web REMOTE_ADDR=127.0.0.1 \
-    "$bin/cgi-ssi" | sed '1,/^\r\?$/d'
+    env "${client_env[@]}" "$bin/cgi-ssi" | sed '1,/^\r\?$/d'
 }
 
 answer_size() { # root query
@@ -108,7 +118,7 @@ answer_size() { # root query
 instructions() { # root query
   QUELM_ROOT=$1 QUELM_LOG_FILE=$work/cgi.log REQUEST_METHOD=GET QUERY_STRING=$2 \
     SCRIPT_FILENAME=/www/generic.cgi SCRIPT_NAME=/generic.cgi QUELM_REALM=web REMOTE_ADDR=127.0.0.1 \
-    valgrind --tool=callgrind --callgrind-out-file=/dev/null "$bin/cgi-ssi" 2>&1 >/dev/null |
+    env "${client_env[@]}" valgrind --tool=callgrind --callgrind-out-file=/dev/null "$bin/cgi-ssi" 2>&1 >/dev/null |
     awk '/Collected :/ { print $NF }'
 }
 
@@ -126,7 +136,8 @@ serve_root() { # root run_dir
 }
 
 rps() { # url
-  timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s "$1" 2>&1 |
+  timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s \
+      -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$1" 2>&1 |
     awk '/^Requests\/sec:/ { print $2 } /Non-2xx/ { bad = 1 } END { if (bad) print "non-2xx" }' | paste -sd' '
 }
 
@@ -149,7 +160,7 @@ for n in $sizes; do
     for r in "${reads[@]}"; do answer "$root" "${query[$r]}" > "$work/run-$n/www/$r.bfc"; done
     serve_root "$root" "$work/run-$n"
     for r in "${reads[@]}"; do
-      wrk -t1 -c1 -d1s "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
+      wrk -t1 -c1 -d1s -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
       rate[$r]=$(rps "$base/generic.cgi?${query[$r]}")
       copy_rate[$r]=$(rps "$base/$r.bfc")
     done
@@ -203,7 +214,8 @@ if [ "$do_callgrind" = 1 ]; then
   for r in all one none; do
     params=$(python3 -c 'import json, sys; print(json.dumps({"SCRIPT_FILENAME": "/www/generic.cgi", "SCRIPT_NAME": "/generic.cgi",
       "REQUEST_METHOD": "GET", "QUERY_STRING": sys.argv[1], "QUELM_REALM": "web", "REMOTE_ADDR": "127.0.0.1",
-      "HTTP_HOST": "127.0.0.1"}))' "${query[$r]}")
+      "HTTP_HOST": "127.0.0.1", "HTTP_COOKIE": sys.argv[2], "HTTP_USER_AGENT": sys.argv[3]}))' \
+      "${query[$r]}" "$cookie" "$user_agent")
     count=20
     [ "$r" = all ] && count=3
     read -r warm[$r] _ < <(python3 "$here/../fcgi_ir.py" "$bin/cgi-ssi" ssi "$root" "$params" --count $count 2>/dev/null ||
