@@ -23,12 +23,40 @@ namespace {
 constexpr std::size_t kCommandOutputLimit = 1024 * 1024;
 constexpr std::size_t kTimeBufferSize = 500;  // one formatted date, in bytes
 
-void print_time(const RenderContext &page, std::time_t when, bool universal) {
+// A formatted date, kept with everything its text depends on: a page's
+// dates (and those of the pages that follow within the same second) are
+// formatted once, not once per echo.
+struct KeptTime {
+    bool valid = false;
+    bool universal = false;
+    std::time_t when = 0;
+    std::string format;
+    std::string zone;  // the TZ variable of the request that formatted it
+    std::string text;
+};
+constexpr std::size_t kKeptTimes = 4;  // a page's DATE_LOCAL, DATE_GMT and modification times
+
+std::string_view formatted_time(const RenderContext &page, std::time_t when, bool universal) {
+    static KeptTime kept[kKeptTimes];
+    static std::size_t next = 0;
+    const char *tz = std::getenv("TZ");
+    const std::string_view zone = tz != nullptr ? tz : "";
+    for (const KeptTime &k : kept) {
+        if (k.valid && k.when == when && k.universal == universal && k.format == page.time_format && k.zone == zone)
+            return k.text;
+    }
     struct tm parts {};
-    if ((universal ? ::gmtime_r(&when, &parts) : ::localtime_r(&when, &parts)) == nullptr) return;
+    if ((universal ? ::gmtime_r(&when, &parts) : ::localtime_r(&when, &parts)) == nullptr) return {};
     char text[kTimeBufferSize];
-    std::size_t n = std::strftime(text, sizeof text, page.time_format, &parts);
-    if (n > 0) write_value(std::string_view(text, n));
+    const std::size_t n = std::strftime(text, sizeof text, page.time_format, &parts);
+    KeptTime &slot = kept[next++ % kKeptTimes];
+    slot = KeptTime{true, universal, when, page.time_format, std::string(zone), std::string(text, n)};
+    return slot.text;
+}
+
+void print_time(const RenderContext &page, std::time_t when, bool universal) {
+    const std::string_view text = formatted_time(page, when, universal);
+    if (!text.empty()) write_value(text);
 }
 
 void write_env(const char *value) {
@@ -38,7 +66,7 @@ void write_env(const char *value) {
 // The value of an echo variable: the page's names, dates, the environment,
 // and any other name through the symbol callback.
 void echo_value(const Call &c) {
-    const std::string &name = c.value;
+    const std::string_view name = c.value;
     if (name == "DOCUMENT_NAME") {
         write_value(c.file_name);
     } else if (name == "DOCUMENT_URI") {
@@ -51,12 +79,12 @@ void echo_value(const Call &c) {
         print_time(c.page, std::time(nullptr), true);
     } else if (name == "LAST_MODIFIED") {
         print_time(c.page, c.file_status.st_mtime, false);
-    } else if (const char *env = std::getenv(name.c_str())) {
+    } else if (const char *env = std::getenv(c.value.c_str())) {
         write_env(env);
     } else if (name == "X_FORWARDED_FOR") {
         // compat: an unset X_FORWARDED_FOR is empty, never a symbol.
     } else if (ssi_symbol_callback callback = symbol_callback()) {
-        callback(name.c_str());
+        callback(c.value.c_str());
     }
 }
 

@@ -306,6 +306,25 @@ def test_sections_end_with_their_page(bin_dir, env, gateway, tmp_path):
     assert answers == ["A", "VISIBLE", "", "VISIBLE"]
 
 
+
+def test_dates_follow_each_pages_format(bin_dir, env, tmp_path):
+    """Pages served one after the other by the same responder get their own
+    file's time in their own format."""
+    docroot = tmp_path / "www"
+    docroot.mkdir()
+    pages = [("y.htm", "%Y", 1000000000), ("d.htm", "%d", 1000000000), ("later.htm", "%Y", 1500000000),
+             ("y2.htm", "%Y", 1000000000)]
+    for name, fmt, when in pages:
+        (docroot / name).write_text(f'<!--#config timefmt="{fmt}" --><!--#echo var=LAST_MODIFIED -->')
+        os.utime(docroot / name, (when, when))
+    base = {"DOCUMENT_ROOT": str(docroot), "REQUEST_METHOD": "GET", "TZ": "UTC"}
+    with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as responder:
+        answers = [body(responder.request(dict(base, SCRIPT_FILENAME=f"{docroot}/{name}",
+                                               SCRIPT_NAME=f"/{name}"))[0].decode())
+                   for name, _, _ in pages]
+    assert answers == ["2001", "09", "2017", "2001"]
+
+
 def test_check_and_uncheck_include_alternatives(site, gateway):
     files = {"alt.htm": "ALT", "eq.htm": "EQ"}
     page = ("<!--#check Device_Hostname=gw -->same<!--#endCheck x -->|"
