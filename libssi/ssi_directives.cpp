@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "cgi_output.h"
+#include "quelm_text.h"
 #include "quelm_child.h"
 #include "quelm_log.h"
 #include "ssi.h"
@@ -101,7 +102,7 @@ void run_shell_command(const std::string &command) {
 
 void do_config(const Call &c) {
     if (c.tag == "timefmt") {
-        std::snprintf(c.page.time_format, sizeof c.page.time_format, "%s", c.value.c_str());
+        quelm::copy_cut(c.page.time_format, sizeof c.page.time_format, c.value.c_str());
     } else if (c.tag == "sizefmt") {
         if (c.value == "bytes") {
             c.page.size_format = SizeFormat::bytes;

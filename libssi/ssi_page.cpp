@@ -15,6 +15,7 @@
 #include "cgi_output.h"
 #include "cgic.h"
 #include "qm_config.h"
+#include "quelm_text.h"
 #include "quelm_guard.h"
 #include "ssi.h"
 #include "ssi_render.h"
@@ -217,7 +218,7 @@ bool find_page(std::string &file_name, std::string &path_info) {
 
 int serve_page() {
     RenderContext page;
-    std::snprintf(page.time_format, sizeof page.time_format, "%s", kDefaultTimeFormat);
+    quelm::copy_cut(page.time_format, sizeof page.time_format, kDefaultTimeFormat);
     std::string file_name;
     if (!find_page(file_name, page.path_info)) return 1;
 

@@ -29,6 +29,7 @@
 #include "qm_login.h"
 #include "qm_session.h"
 #include "qm_token.h"
+#include "quelm_text.h"
 #include "quelm_escape.h"
 #include "quelm_guard.h"
 #include "quelm_log.h"
@@ -123,7 +124,7 @@ int int_property(const std::string &object, const char *name) {
 }
 
 void copy_bounded(char *out, std::size_t size, const char *value) {
-    std::snprintf(out, size, "%s", value != nullptr ? value : "");
+    quelm::copy_cut(out, size, value != nullptr ? value : "");
 }
 
 void remove_login() {

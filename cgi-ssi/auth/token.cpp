@@ -102,9 +102,9 @@ void keep_times(std::FILE *f, const struct stat &st) {
 }
 
 void record(token_context *context, const char *message) {
-    std::snprintf(context->message, sizeof context->message, "%s", message);
+    quelm::copy_cut(context->message, sizeof context->message, message);
     std::size_t used = ::strnlen(context->error_text, sizeof context->error_text - 1);
-    std::snprintf(context->error_text + used, sizeof context->error_text - used, "%s", message);
+    quelm::copy_cut(context->error_text + used, sizeof context->error_text - used, message);
 }
 
 // Reads the first two lines of an open token file as two fgets calls with

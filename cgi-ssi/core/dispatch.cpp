@@ -59,13 +59,6 @@ std::string_view base_name(std::string_view path) {
     return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-// Copies name into out (size bytes), cut to fit and terminated.
-void copy_name(char *out, std::size_t size, std::string_view name) {
-    const std::size_t n = name.size() < size ? name.size() : size - 1;
-    std::memcpy(out, name.data(), n);
-    out[n] = '\0';
-}
-
 bool session_extension(std::string_view ext) {
     return ext == ".htm" || ext == ".html" || ext == ".xml" || ext == ".cgi" || ext == ".js";
 }
@@ -220,8 +213,8 @@ int serve_request(plugin_registry_handle *registry, int argc, char **argv) {
     set_ssi_do_plugin(do_plugin);
 
     char script_name[sizeof default_name];
-    copy_name(script_name, sizeof script_name, base_name(argc > 0 && argv[0] != nullptr ? argv[0] : ""));
-    copy_name(default_name, sizeof default_name, script_name);
+    quelm::copy_cut(script_name, sizeof script_name, base_name(argc > 0 && argv[0] != nullptr ? argv[0] : ""));
+    quelm::copy_cut(default_name, sizeof default_name, script_name);
 
     const char *page_env = std::getenv("SCRIPT_FILENAME");
     std::string_view page = page_env != nullptr ? page_env : "";
@@ -236,7 +229,7 @@ int serve_request(plugin_registry_handle *registry, int argc, char **argv) {
             QM_LOG_print("Mistmatch plugin_name: %.*s", static_cast<int>(page.size()), page.data());
             return -1;
         }
-        copy_name(script_name, sizeof script_name, page.substr(slash + 1));
+        quelm::copy_cut(script_name, sizeof script_name, page.substr(slash + 1));
     }
 
     quelm::log::open(script_name);

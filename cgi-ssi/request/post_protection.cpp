@@ -17,6 +17,7 @@
 #include "cgic.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
+#include "quelm_text.h"
 #include "quelm_guard.h"
 #include "quelm_http.h"
 #include "quelm_root.h"
@@ -154,7 +155,7 @@ extern "C" {
 
 void cgiSecureInit(const char *cgi_name) {
     quelm::guarded(__func__, [&] {
-        std::snprintf(current_cgi, sizeof current_cgi, "%s", cgi_name != nullptr ? cgi_name : "");
+        quelm::copy_cut(current_cgi, sizeof current_cgi, cgi_name != nullptr ? cgi_name : "");
     });
 }
 

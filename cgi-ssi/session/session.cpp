@@ -125,7 +125,7 @@ bool create_session_file(const std::string &content) {
     std::free(QM_SessionToken);
     QM_SessionToken = strndup(mapped.c_str() + mapped.size() - kTokenLength, kTokenLength);
     path.replace(path.size() - kTokenLength, kTokenLength, or_empty(QM_SessionToken));
-    std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", path.c_str());
+    quelm::copy_cut(QM_SessionFullPath, sizeof QM_SessionFullPath, path.c_str());
     ssize_t written = ::write(fd.get(), content.data(), content.size());
     (void)written;
     return true;
@@ -288,7 +288,7 @@ int QM_GetFullPath(const char *token, char *out, int size) {
     return quelm::guarded(0, __func__, [&]() -> int {
         if (out == nullptr || size <= 0) return 1;
         std::string mapped = quelm::root_path(session_path(token));
-        std::snprintf(out, static_cast<std::size_t>(size), "%s", mapped.c_str());
+        quelm::copy_cut(out, static_cast<std::size_t>(size), mapped.c_str());
         return 1;
     });
 }
@@ -380,7 +380,7 @@ int QM_InitSession(const char *token) {
         std::free(QM_SessionToken);
         QM_SessionToken = token != nullptr ? strdup(token) : nullptr;
         if (valid_token(token)) {
-            std::snprintf(QM_SessionFullPath, sizeof QM_SessionFullPath, "%s", session_path(token).c_str());
+            quelm::copy_cut(QM_SessionFullPath, sizeof QM_SessionFullPath, session_path(token).c_str());
         } else {
             QM_SessionFullPath[0] = '\0';
         }
@@ -545,7 +545,7 @@ int srv_skip_session(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
         const char *index = std::getenv("QUELM_SRV_IDX");
         if (index == nullptr) return 0;
-        std::snprintf(QM_HttpServerId, sizeof QM_HttpServerId, "%s", index);
+        quelm::copy_cut(QM_HttpServerId, sizeof QM_HttpServerId, index);
         char object[QM_HTTP_SERVER_ID_SIZE + 16];
         std::snprintf(object, sizeof object, "HttpServer_%s", QM_HttpServerId);
         char *use = QM_DAT_getobjproperty(object, "UseSession");

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "quelm_text.h"
 #include "cgic.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
@@ -76,7 +77,7 @@ void compose_tree(const char *page, int mode) {
     // One byte short of the buffer so that a full value stays terminated.
     char language[kLanguageSize] = "";
     if (GetPropertyStrValue(kConfiguratorObject, "CurrentLanguage", language, sizeof language - 1) != 0) {
-        std::snprintf(language, sizeof language, "%s", kDefaultLanguage);
+        quelm::copy_cut(language, sizeof language, kDefaultLanguage);
     }
     if (std::strchr(language, '_') == nullptr && std::strcmp(language, kNeutralLanguage) != 0) {
         format_line("../%s/%s/%s", tree, language, page);

@@ -1,3 +1,4 @@
+#include "quelm_text.h"
 #include "quelm_log.h"
 
 #include "quelm_chars.h"
@@ -183,7 +184,7 @@ void append_to_file(int priority, const char *message) {
 }  // namespace
 
 void open(const char *ident) {
-    std::snprintf(ident_buf, sizeof ident_buf, "%s", ident != nullptr ? ident : "");
+    quelm::copy_cut(ident_buf, sizeof ident_buf, ident != nullptr ? ident : "");
     ::openlog(ident_buf, LOG_PID, LOG_USER);
 }
 

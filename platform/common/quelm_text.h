@@ -1,7 +1,10 @@
-// Small text helpers shared by every layer: splitting a list, hex.
+// Small text helpers shared by every layer: bounded copies, splitting a
+// list, hex.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -9,6 +12,16 @@
 #include "quelm_chars.h"
 
 namespace quelm {
+
+// Copies text into out (size bytes), cut to fit and always terminated: what
+// snprintf(out, size, "%s", text) writes, without the formatter. Nothing is
+// written when size is 0.
+inline void copy_cut(char *out, std::size_t size, std::string_view text) {
+    if (size == 0) return;
+    const std::size_t n = std::min(text.size(), size - 1);
+    std::memmove(out, text.data(), n);
+    out[n] = '\0';
+}
 
 // Calls each(item) for every item of `list` separated by `delimiter`, empty
 // items included ("a,,b" gives "a", "", "b"; "" gives one empty item).

@@ -135,7 +135,8 @@ int webauth_send_http_error_message(int status, const char *reason, char *out, s
         if (status < 100 || status > 599) return -1;
         // The reason goes into a header line: no line breaks, bounded.
         char header_reason[kMaxReason];
-        std::snprintf(header_reason, sizeof header_reason, "%s", reason != nullptr ? reason : quelm::reason_phrase(status));
+        quelm::copy_cut(header_reason, sizeof header_reason,
+                        reason != nullptr ? reason : quelm::reason_phrase(status));
         for (char *p = header_reason; *p != '\0'; ++p)
             if (*p == '\r' || *p == '\n') *p = ' ';
         const std::string body_reason = quelm::html_escape(header_reason);
