@@ -77,10 +77,12 @@ bool expired(const struct stat &st, std::time_t now, long lifetime) { return lif
 }  // namespace
 
 long idle_lifetime() {
-    char *value = QM_DAT_getobjproperty("Services_IADConfigurator", "SessionDelay");
+    static const std::string object = "Services_IADConfigurator";
+    std::string value;
     int delay = kSessionFlushTime;
-    if (value == nullptr || std::sscanf(value, "%d", &delay) != 1) delay = kSessionFlushTime;
-    std::free(value);
+    if (!kept_property(object, "SessionDelay", value) || std::sscanf(value.c_str(), "%d", &delay) != 1) {
+        delay = kSessionFlushTime;
+    }
     return delay;
 }
 
@@ -546,12 +548,9 @@ int srv_skip_session(void) {
         const char *index = std::getenv("QUELM_SRV_IDX");
         if (index == nullptr) return 0;
         quelm::copy_cut(QM_HttpServerId, sizeof QM_HttpServerId, index);
-        char object[QM_HTTP_SERVER_ID_SIZE + 16];
-        std::snprintf(object, sizeof object, "HttpServer_%s", QM_HttpServerId);
-        char *use = QM_DAT_getobjproperty(object, "UseSession");
-        int skip = use != nullptr && use[0] == '0' ? 1 : 0;
-        std::free(use);
-        return skip;
+        std::string use;
+        return kept_property(std::string("HttpServer_") + QM_HttpServerId, "UseSession", use) && use[0] == '0' ? 1
+                                                                                                            : 0;
     });
 }
 

@@ -38,8 +38,15 @@ void secure_store_directory();
 bool renew_session();
 
 // Idle lifetime of a session in seconds ("SessionDelay" of
-// Services_IADConfigurator, 1200 when it cannot be read), read afresh.
+// Services_IADConfigurator, 1200 when it cannot be read).
 long idle_lifetime();
+
+// A data-model property the session step reads on every request, as
+// QM_DAT_getobjproperty gives it (false when it gives none), with the error
+// code that read left. It is read again only when the data model's change
+// stamp moved or the gateway root changed; a kept answer sets the same
+// error code as the read did.
+bool kept_property(const std::string &object, const char *name, std::string &value);
 
 // Reads a whole session file (a mapped path); false when it is missing or
 // not a session.

@@ -1,7 +1,8 @@
 """Sessions in one long-lived FastCGI responder: expired files go and the
 realm's count holds across requests even though the folder is scanned at
 most once a second; the limit file, and the gateway's names a request's
-Host is checked against, are picked up as soon as they change."""
+Host is checked against and the session settings, are picked up as soon
+as they change."""
 
 import os
 import re
@@ -25,9 +26,11 @@ def responder(bin_dir, env, tmp_path, qmcfg):
         yield r
 
 
-def page(responder, addr="192.168.1.10", cookie=None, host="192.168.1.1"):
+def page(responder, addr="192.168.1.10", cookie=None, host="192.168.1.1", server=None):
     params = {"SCRIPT_FILENAME": "/www/index.htm", "SCRIPT_NAME": "/index.htm", "REQUEST_METHOD": "GET",
               "QUELM_REALM": "web", "HTTP_HOST": host, "REMOTE_ADDR": addr, "HTTP_USER_AGENT": AGENT}
+    if server:
+        params["QUELM_SRV_IDX"] = server
     if cookie:
         params["HTTP_COOKIE"] = f"QM_web_ID={cookie}"
     out, _ = responder.request(params)
@@ -97,3 +100,22 @@ def test_a_changed_name_applies_to_the_next_request(responder, qmcfg):
     assert not has_session("192.168.1.1")
     qmcfg("set", "Device", "Hostname", "router")
     assert has_session("router") and not has_session("gateway")
+
+
+def test_changed_session_settings_apply_to_the_next_request(responder, root, qmcfg):
+    def cookie(**kw):
+        found = COOKIE.search(page(responder, host="192.168.1.1", **kw))
+        return found.group(1).decode() if found else None
+
+    assert cookie(server="1") and cookie(server="2")
+    qmcfg("set", "HttpServer_1", "UseSession", "0")
+    assert cookie(server="1") is None and cookie(server="2")
+    qmcfg("set", "HttpServer_1", "UseSession", "1")
+    token = cookie(server="1")
+    # A session idle for 100 s is alive under a delay of 600 s, gone under 60.
+    path = session_dir(root) / f"web_{token}"
+    os.utime(path, (time.time() - 100,) * 2)
+    assert cookie(cookie=token) == token
+    qmcfg("set", "Services_IADConfigurator", "SessionDelay", "60")
+    os.utime(path, (time.time() - 100,) * 2)
+    assert cookie(cookie=token) != token
