@@ -21,6 +21,7 @@
 #include "cgic.h"
 #include "qm_config.h"
 #include "quelm_guard.h"
+#include "quelm_kept_file.h"
 #include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
@@ -185,11 +186,25 @@ struct CheckedFile {
     std::string content;
 };
 
+// The session file the last check read. A signed-in visitor's requests
+// check the same file again and again; while a status call finds it
+// unchanged, its text is taken from here.
+quelm::KeptFile &kept_session() {
+    static quelm::KeptFile kept;
+    return kept;
+}
+
 CheckedFile check_file(const char *token) {
     CheckedFile file;
     file.path = session_path(token);
     if (!valid_token(token)) return file;
     const std::string mapped = quelm::root_path(file.path);
+    quelm::KeptFile &kept = kept_session();
+    if (kept.unchanged(mapped, file.st)) {
+        file.found = file.readable = true;
+        file.content = kept.bytes;
+        return file;
+    }
     UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd) {
         file.found = ::fstat(fd.get(), &file.st) == 0;
@@ -197,6 +212,11 @@ CheckedFile check_file(const char *token) {
     } else {
         // There but not to be opened: found, and no session's text.
         file.found = ::stat(mapped.c_str(), &file.st) == 0;
+    }
+    if (file.readable && quelm::settled(file.st)) {
+        kept.path = mapped;
+        kept.status = file.st;
+        kept.bytes = file.content;
     }
     return file;
 }

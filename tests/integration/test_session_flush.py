@@ -119,3 +119,25 @@ def test_changed_session_settings_apply_to_the_next_request(responder, root, qmc
     qmcfg("set", "Services_IADConfigurator", "SessionDelay", "60")
     os.utime(path, (time.time() - 100,) * 2)
     assert cookie(cookie=token) != token
+
+
+def test_session_file_changed_in_place_is_read_again(responder, root):
+    """The responder keeps the text of the session it last checked; a change
+    to that file, however small and however soon, must reach the next check."""
+    def rewrite(token, old, new):
+        path = session_dir(root) / f"web_{token}"
+        text = path.read_bytes()
+        assert old in text and len(old) == len(new)
+        with open(path, "r+b") as f:  # same file, same size
+            f.write(text.replace(old, new))
+
+    def kept_then_refused(settle):
+        token = COOKIE.search(page(responder, addr="192.168.1.10")).group(1).decode()
+        time.sleep(settle)
+        assert COOKIE.search(page(responder, addr="192.168.1.10", cookie=token)).group(1).decode() == token
+        rewrite(token, b"192.168.1.10", b"192.168.1.99")
+        return COOKIE.search(page(responder, addr="192.168.1.10", cookie=token)).group(1).decode() != token
+
+    assert kept_then_refused(settle=0.2)
+    # Changes within the same clock tick as the read before them.
+    assert all(kept_then_refused(settle=0) for _ in range(5))

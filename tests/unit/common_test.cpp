@@ -15,6 +15,7 @@
 
 #include "quelm_child.h"
 #include "quelm_guard.h"
+#include "quelm_kept_file.h"
 #include "quelm_log.h"
 #include "quelm_owned.h"
 #include "quelm_text.h"
@@ -86,6 +87,46 @@ TEST(ChildRunner, FindsProgramsInTheRootBeforeTheSearchPath) {
 
     saved != nullptr ? setenv("QUELM_ROOT", saved_root.c_str(), 1) : unsetenv("QUELM_ROOT");
     fs::remove_all(root);
+}
+
+TEST(KeptFile, TrustsOnlySettledUnchangedFiles) {
+    struct stat st {};
+    st.st_mode = S_IFREG | 0644;
+    struct timespec now {};
+    ASSERT_EQ(::clock_gettime(CLOCK_REALTIME_COARSE, &now), 0);
+    st.st_ctim = now;  // changed this tick: a change in the same tick could hide
+    EXPECT_FALSE(quelm::settled(st));
+    st.st_ctim.tv_sec = now.tv_sec + 5;  // clock set back since
+    EXPECT_FALSE(quelm::settled(st));
+    st.st_ctim.tv_sec = now.tv_sec - 1;
+    EXPECT_TRUE(quelm::settled(st));
+    st.st_mode = S_IFIFO | 0644;
+    EXPECT_FALSE(quelm::settled(st));
+
+    // A kept file answers for its own path while its status holds; every
+    // field a change moves makes it stale.
+    const std::filesystem::path file = std::filesystem::temp_directory_path() / ("kept." + std::to_string(::getpid()));
+    {
+        quelm::UniqueFile f(std::fopen(file.c_str(), "w"));
+        ASSERT_TRUE(f);
+        std::fputs("one", f.get());
+    }
+    quelm::KeptFile kept;
+    struct stat now_status {};
+    EXPECT_FALSE(kept.unchanged(file.string(), now_status));  // nothing kept yet
+    ASSERT_EQ(::stat(file.c_str(), &kept.status), 0);
+    kept.path = file.string();
+    EXPECT_TRUE(kept.unchanged(file.string(), now_status));
+    EXPECT_FALSE(kept.unchanged(file.string() + "x", now_status));
+    for (auto change : {+[](struct stat &s) { ++s.st_ino; }, +[](struct stat &s) { ++s.st_size; },
+                        +[](struct stat &s) { ++s.st_mtim.tv_nsec; }, +[](struct stat &s) { ++s.st_ctim.tv_nsec; },
+                        +[](struct stat &s) { s.st_mode ^= 0004; }}) {
+        quelm::KeptFile stale = kept;
+        change(stale.status);
+        EXPECT_FALSE(stale.unchanged(file.string(), now_status));
+    }
+    std::filesystem::remove(file);
+    EXPECT_FALSE(kept.unchanged(file.string(), now_status));
 }
 
 TEST(Split, KeepsEmptyItemsAndStopsOnFalse) {

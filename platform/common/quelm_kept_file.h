@@ -1,0 +1,62 @@
+// Small files kept across requests (the page being served, the session
+// being checked) and trusted again after one status call instead of being
+// opened and read once more.
+//
+// A kept copy is used only while a status call finds the same file
+// (device, inode, type) with the same size and the same modification and
+// change times. The change time cannot be set by anyone: every write,
+// rename, truncation or chmod moves it to the current time. Two changes in
+// the same clock tick could still leave equal times, so a copy is kept only
+// when the file's last change is older than kSettled when it was read:
+// any later change then carries a newer change time and the status differs
+// (the rule version-control indexes use for "racily clean" files).
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <sys/stat.h>
+
+namespace quelm {
+
+// Longer than the coarsest clock tick a file system stamps with (10 ms at
+// HZ=100), with margin.
+constexpr long kSettledNanoseconds = 50L * 1000 * 1000;
+
+inline bool same_time(const struct timespec &a, const struct timespec &b) {
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// Whether two statuses describe the same file with the same contents, as far
+// as a status call can tell.
+inline bool same_status(const struct stat &a, const struct stat &b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_mode == b.st_mode && a.st_size == b.st_size &&
+           same_time(a.st_mtim, b.st_mtim) && same_time(a.st_ctim, b.st_ctim);
+}
+
+// Whether a regular file read after the status st was taken may be kept:
+// its last change lies at least kSettledNanoseconds in the past. A change
+// time in the future (a clock set back) is never settled.
+inline bool settled(const struct stat &st) {
+    if (!S_ISREG(st.st_mode)) return false;
+    struct timespec now {};
+    if (::clock_gettime(CLOCK_REALTIME_COARSE, &now) != 0) return false;
+    const long long age = (static_cast<long long>(now.tv_sec) - st.st_ctim.tv_sec) * 1000000000LL +
+                          (now.tv_nsec - st.st_ctim.tv_nsec);
+    return age >= kSettledNanoseconds;
+}
+
+// One kept file: where it was read, its status then, and its bytes.
+struct KeptFile {
+    std::string path;
+    struct stat status {};
+    std::string bytes;
+
+    // Whether the file at `at` is the kept one, unchanged; `now` then holds
+    // its status. False when nothing is kept for `at`, when the status call
+    // fails, or when the file changed: read it again.
+    bool unchanged(const std::string &at, struct stat &now) const {
+        return !path.empty() && at == path && ::stat(at.c_str(), &now) == 0 && same_status(now, status);
+    }
+};
+
+}  // namespace quelm
