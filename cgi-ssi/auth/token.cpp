@@ -110,9 +110,11 @@ void record(token_context *context, const char *message) {
 // Reads the first two lines of an open token file as two fgets calls with
 // these buffer sizes would: a line up to its newline, cut at the buffer's
 // size. False when the file has not even one character; a missing second
-// line leaves `second` as it is.
-bool read_token_lines(int fd, char *first, std::size_t first_size, char *second, std::size_t second_size) {
-    const std::size_t wanted = (first_size - 1) + (second_size - 1);
+// line leaves `second` as it is. `file_size` is the size its status gave:
+// once that much is read, no further call looks for the end.
+bool read_token_lines(int fd, std::size_t file_size, char *first, std::size_t first_size, char *second,
+                      std::size_t second_size) {
+    const std::size_t wanted = std::min((first_size - 1) + (second_size - 1), std::max<std::size_t>(file_size, 1));
     std::unique_ptr<char[]> text(new char[wanted]);
     std::size_t got = 0;
     while (got < wanted) {
@@ -323,7 +325,8 @@ int get_token_rights(token_context *context) {
         }
         char lifetime_line[kLifetimeLineSize] = {};
         if (!fd || !S_ISREG(st.st_mode) ||
-            !read_token_lines(fd.get(), lifetime_line, sizeof lifetime_line, context->rights, sizeof context->rights)) {
+            !read_token_lines(fd.get(), static_cast<std::size_t>(st.st_size), lifetime_line, sizeof lifetime_line,
+                              context->rights, sizeof context->rights)) {
             record(context, kUnreadableMessage);
             return QM_TOKEN_UNREADABLE;
         }
