@@ -7,8 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include <fcntl.h>
-
 #include "qm_config.h"
 #include "ssi_render.h"
 
@@ -89,10 +87,6 @@ std::string included_name(const Call &c, const std::string &path) {
 
 }  // namespace
 
-quelm::UniqueFd open_page(const std::string &path) {
-    return quelm::UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-}
-
 bool check_filename(std::string_view path) {
     if (has_parent_step(path)) return false;
     const std::optional<std::string> &pattern = cgi_pattern();
@@ -121,14 +115,14 @@ void do_include(const Call &c) {
         not_permitted(c.directive, c.tag, *path);
         return;
     }
-    quelm::UniqueFd fd = open_page(*path);
-    if (!fd) {
+    PageSource source(*path);
+    if (!source.ok()) {
         file_not_found(c.directive, c.tag, *path);
         return;
     }
     ++page.include_count;
     ++page.include_depth;
-    render_file(page, included_name(c, *path), *path, fd.get());
+    source.render(page, included_name(c, *path), *path);
     --page.include_depth;
 }
 

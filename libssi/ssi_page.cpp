@@ -1,5 +1,6 @@
 // The SSI page renderer: serves the page named by the web server, copying
 // its text to the response and executing its "<!--#...-->" directives.
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +17,7 @@
 #include "cgi_output.h"
 #include "cgic.h"
 #include "qm_config.h"
+#include "quelm_kept_file.h"
 #include "quelm_text.h"
 #include "quelm_guard.h"
 #include "ssi.h"
@@ -83,6 +86,55 @@ private:
     std::string_view text_;
     bool ok_ = false;
 };
+
+// Pages kept between requests, a few slots taken in turn. Each holds at
+// most kKeptPageLimit bytes, so the store never exceeds kKeptPages times
+// that.
+constexpr std::size_t kKeptPages = 8;
+struct KeptPage {
+    std::string path;
+    struct stat status {};
+    std::shared_ptr<const std::string> text;
+};
+struct KeptPages {
+    std::array<KeptPage, kKeptPages> slots;
+    std::size_t next = 0;
+};
+KeptPages &kept_pages() {
+    static KeptPages pages;
+    return pages;
+}
+
+// The kept text of the page at `path` while a status call (into `status`)
+// finds the file unchanged; null otherwise.
+std::shared_ptr<const std::string> kept_text(const std::string &path, struct stat &status) {
+    for (const KeptPage &slot : kept_pages().slots) {
+        if (slot.text == nullptr || slot.path != path) continue;
+        if (::stat(path.c_str(), &status) == 0 && quelm::same_status(status, slot.status)) return slot.text;
+        return nullptr;
+    }
+    return nullptr;
+}
+
+// Keeps a page read whole, when it is small and its last change had
+// settled before it was read.
+void keep_text(const std::string &path, const struct stat &status, std::string_view text) {
+    if (text.size() > kKeptPageLimit || text.size() != static_cast<std::size_t>(status.st_size) ||
+        !quelm::settled(status)) {
+        return;
+    }
+    KeptPages &pages = kept_pages();
+    KeptPage *slot = nullptr;
+    for (KeptPage &s : pages.slots)
+        if (s.path == path) slot = &s;
+    if (slot == nullptr) {
+        slot = &pages.slots[pages.next];
+        pages.next = (pages.next + 1) % kKeptPages;
+    }
+    slot->path = path;
+    slot->status = status;
+    slot->text = std::make_shared<const std::string>(text);
+}
 
 using Handler = void (*)(const Call &);
 
@@ -222,8 +274,8 @@ int serve_page() {
     std::string file_name;
     if (!find_page(file_name, page.path_info)) return 1;
 
-    quelm::UniqueFd fd = open_page(file_name);
-    if (!fd) {
+    PageSource source(file_name);
+    if (!source.ok()) {
         error_header(404);
         page_not_found(file_name);
         return 1;
@@ -231,7 +283,7 @@ int serve_page() {
     const char *type = mime_type(file_name);
     cgiHeaderContentLanguage();
     cgi_out_printf("Content-type: %s\r\n\r\n", type);
-    render_file(page, page.path_info, file_name, fd.get());
+    source.render(page, page.path_info, file_name);
     return 0;
 }
 
@@ -241,20 +293,35 @@ bool text_visible(const SectionState &s) { return !auth_hidden(s) && s.is_check;
 
 bool directives_run(const SectionState &s) { return !auth_hidden(s) && (s.is_check || !s.is_auth); }
 
-void render_file(RenderContext &page, const std::string &virtual_name, const std::string &file_name, int fd) {
-    struct stat st {};
-    if (::fstat(fd, &st) != 0) {
+PageSource::PageSource(const std::string &path) {
+    kept_ = kept_text(path, status_);
+    // Without blocking, so that a FIFO among the pages cannot stall the
+    // responder.
+    if (kept_ == nullptr) fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+}
+
+void PageSource::render(RenderContext &page, const std::string &virtual_name, const std::string &file_name) {
+    if (kept_ != nullptr) {
+        // The text stays alive while it renders, even when an include
+        // takes its slot.
+        const std::shared_ptr<const std::string> text = kept_;
+        PageRenderer renderer(page, virtual_name, file_name, status_);
+        scan_page(*text, renderer);
+        return;
+    }
+    if (::fstat(fd_.get(), &status_) != 0) {
         QM_LOG_print("stat error : %s", std::strerror(errno));
         return;
     }
     // Only regular files have text to map; anything else reads as empty.
-    const std::size_t size = S_ISREG(st.st_mode) ? static_cast<std::size_t>(st.st_size) : 0;
-    const PageText text(fd, size);
+    const std::size_t size = S_ISREG(status_.st_mode) ? static_cast<std::size_t>(status_.st_size) : 0;
+    const PageText text(fd_.get(), size);
     if (!text.ok()) {
         QM_LOG_print("%s error : %s", size <= kReadLimit ? "read" : "mmap", std::strerror(errno));
         return;
     }
-    PageRenderer renderer(page, virtual_name, file_name, st);
+    keep_text(file_name, status_, text.text());
+    PageRenderer renderer(page, virtual_name, file_name, status_);
     scan_page(text.text(), renderer);
 }
 

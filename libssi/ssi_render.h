@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,8 +60,24 @@ struct Call {
     const std::string &value;         // attribute value
 };
 
-// Copies the page open on `fd` to the response, executing its directives.
-void render_file(RenderContext &page, const std::string &virtual_name, const std::string &file_name, int fd);
+// A page file to render. Pages up to kKeptPageLimit bytes are kept between
+// requests: while a status call finds the file unchanged (and its last
+// change had settled when it was read), its kept text is rendered and the
+// file is not opened again.
+constexpr std::size_t kKeptPageLimit = 16 * 1024;
+class PageSource {
+public:
+    explicit PageSource(const std::string &path);
+    // False when the file could not be opened.
+    bool ok() const { return kept_ != nullptr || fd_; }
+    // Copies the page to the response, executing its directives.
+    void render(RenderContext &page, const std::string &virtual_name, const std::string &file_name);
+
+private:
+    struct stat status_ {};
+    std::shared_ptr<const std::string> kept_;
+    quelm::UniqueFd fd_;
+};
 
 // Directive handlers, called once per attribute.
 void do_config(const Call &call);
@@ -71,10 +88,6 @@ void do_fsize(const Call &call);
 void do_flastmod(const Call &call);
 void do_auth(const Call &call);
 void do_check(const Call &call);
-
-// Opens a page to read, without blocking so that a FIFO among the pages
-// cannot stall the responder.
-quelm::UniqueFd open_page(const std::string &path);
 
 // True when the engine may read `path` as a page: no "../", and not a CGI
 // program by CGI_PATTERN.

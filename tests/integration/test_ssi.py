@@ -5,6 +5,7 @@ a data-model value."""
 
 import os
 import re
+import time
 
 import pytest
 
@@ -323,6 +324,45 @@ def test_dates_follow_each_pages_format(bin_dir, env, tmp_path):
                                                SCRIPT_NAME=f"/{name}"))[0].decode())
                    for name, _, _ in pages]
     assert answers == ["2001", "09", "2017", "2001"]
+
+
+def test_kept_pages_follow_every_change(bin_dir, env, tmp_path):
+    """The responder keeps small pages between requests; an edit in place of
+    the same size, a file renamed over, a removal and a changed include all
+    show on the very next request."""
+    docroot = tmp_path / "www"
+    docroot.mkdir()
+    page, part = docroot / "p.htm", docroot / "part.htm"
+    page.write_text('one<!--#include file="part.htm" -->')
+    part.write_text("[a]")
+    base = {"DOCUMENT_ROOT": str(docroot), "REQUEST_METHOD": "GET"}
+    with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as responder:
+        def served(name="p.htm"):
+            out = responder.request(dict(base, SCRIPT_FILENAME=f"{docroot}/{name}", SCRIPT_NAME=f"/{name}"))[0]
+            return body(out.decode()) if out.startswith(b"Content-") else "404"
+
+        time.sleep(0.2)  # settled: the next reads are kept
+        assert served() == "one[a]" and served() == "one[a]"
+        with open(page, "r+") as f:  # same file, same size
+            f.write("two")
+        assert served() == "two[a]"
+        part.write_text("[b]")
+        assert served() == "two[b]"
+        time.sleep(0.2)
+        served()
+        fresh = docroot / "fresh.tmp"
+        fresh.write_text("six")
+        os.utime(fresh, (page.stat().st_atime, page.stat().st_mtime))  # same size and times, new file
+        fresh.rename(page)
+        assert served() == "six"
+        # More pages than the responder keeps, then the first one again.
+        for i in range(12):
+            (docroot / f"n{i}.htm").write_text(f"n{i}")
+        time.sleep(0.2)
+        assert [served(f"n{i}.htm") for i in range(12)] == [f"n{i}" for i in range(12)]
+        page.unlink()
+        assert served() == "404"
+        assert served("n0.htm") == "n0"
 
 
 def test_check_and_uncheck_include_alternatives(site, gateway):
