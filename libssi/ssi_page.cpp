@@ -2,12 +2,15 @@
 // its text to the response and executing its "<!--#...-->" directives.
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -87,55 +90,6 @@ private:
     bool ok_ = false;
 };
 
-// Pages kept between requests, a few slots taken in turn. Each holds at
-// most kKeptPageLimit bytes, so the store never exceeds kKeptPages times
-// that.
-constexpr std::size_t kKeptPages = 8;
-struct KeptPage {
-    std::string path;
-    struct stat status {};
-    std::shared_ptr<const std::string> text;
-};
-struct KeptPages {
-    std::array<KeptPage, kKeptPages> slots;
-    std::size_t next = 0;
-};
-KeptPages &kept_pages() {
-    static KeptPages pages;
-    return pages;
-}
-
-// The kept text of the page at `path` while a status call (into `status`)
-// finds the file unchanged; null otherwise.
-std::shared_ptr<const std::string> kept_text(const std::string &path, struct stat &status) {
-    for (const KeptPage &slot : kept_pages().slots) {
-        if (slot.text == nullptr || slot.path != path) continue;
-        if (::stat(path.c_str(), &status) == 0 && quelm::same_status(status, slot.status)) return slot.text;
-        return nullptr;
-    }
-    return nullptr;
-}
-
-// Keeps a page read whole, when it is small and its last change had
-// settled before it was read.
-void keep_text(const std::string &path, const struct stat &status, std::string_view text) {
-    if (text.size() > kKeptPageLimit || text.size() != static_cast<std::size_t>(status.st_size) ||
-        !quelm::settled(status)) {
-        return;
-    }
-    KeptPages &pages = kept_pages();
-    KeptPage *slot = nullptr;
-    for (KeptPage &s : pages.slots)
-        if (s.path == path) slot = &s;
-    if (slot == nullptr) {
-        slot = &pages.slots[pages.next];
-        pages.next = (pages.next + 1) % kKeptPages;
-    }
-    slot->path = path;
-    slot->status = status;
-    slot->text = std::make_shared<const std::string>(text);
-}
-
 using Handler = void (*)(const Call &);
 
 Handler handler_of(DirectiveKind kind) {
@@ -177,41 +131,86 @@ void execute(DirectiveKind kind, const Call &call) {
     }
 }
 
-class PageRenderer : public PageSink {
+}  // namespace
+
+// A page's text cut into text runs and parsed directives, in page order.
+// The cut depends on the bytes alone, so a kept page is cut once. Views
+// point into `text` (a kept page) or into the text being rendered.
+struct ScannedPage {
+    static constexpr std::int8_t kNoSection = -2;
+    struct Step {
+        std::string_view text;  // a text run, or the directive's name
+        std::uint32_t first = 0;  // the directive's attributes in `attributes`
+        std::uint32_t count = 0;
+        std::int8_t section = kNoSection;  // the section tag the directive opens
+        bool directive = false;
+    };
+    std::string text;
+    std::vector<Step> steps;
+    std::vector<Attribute> attributes;
+};
+
+namespace {
+
+class PageScanner : public PageSink {
+public:
+    explicit PageScanner(ScannedPage &out) : out_(out) {}
+
+    void text(std::string_view run) override {
+        if (!run.empty()) out_.steps.push_back({run});
+    }
+
+    bool directive(std::string_view from_open, std::string_view inner) override {
+        if (!parse_directive(inner, directive_)) return false;
+        ScannedPage::Step step{directive_.name, static_cast<std::uint32_t>(out_.attributes.size()),
+                               static_cast<std::uint32_t>(directive_.attributes.size())};
+        step.directive = true;
+        int section = 0;
+        if (section_tag(from_open, section)) step.section = static_cast<std::int8_t>(section);
+        out_.attributes.insert(out_.attributes.end(), directive_.attributes.begin(), directive_.attributes.end());
+        out_.steps.push_back(step);
+        return true;
+    }
+
+private:
+    ScannedPage &out_;
+    Directive directive_;  // reused from directive to directive
+};
+
+class PageRenderer {
 public:
     PageRenderer(RenderContext &page, const std::string &virtual_name, const std::string &file_name,
                  const struct stat &file_status)
         : page_(page), virtual_name_(virtual_name), file_name_(file_name), file_status_(file_status) {}
 
-    void text(std::string_view run) override {
-        if (!run.empty() && text_visible(page_.sections)) cgi_out_write(run.data(), run.size());
-    }
-
-    bool directive(std::string_view from_open, std::string_view inner) override {
-        if (!parse_directive(inner, directive_)) return false;
-        int section = 0;
-        if (section_tag(from_open, section)) page_.sections.auth_section = section;
-        run_directive();
-        return true;
+    void play(const ScannedPage &scanned) {
+        for (const ScannedPage::Step &step : scanned.steps) {
+            if (!step.directive) {
+                if (text_visible(page_.sections)) cgi_out_write(step.text.data(), step.text.size());
+                continue;
+            }
+            if (step.section != ScannedPage::kNoSection) page_.sections.auth_section = step.section;
+            run_directive(step.text, {scanned.attributes.data() + step.first, step.count});
+        }
     }
 
 private:
     // Executes the directive once per attribute.
-    void run_directive() {
-        const DirectiveKind kind = directive_kind(directive_.name);
+    void run_directive(std::string_view name, std::span<const Attribute> attributes) {
+        const DirectiveKind kind = directive_kind(name);
         if (kind == DirectiveKind::unknown) {
-            unknown_directive(file_name_, directive_.name);
+            unknown_directive(file_name_, name);
             return;
         }
         bool first = true;
-        for (const Attribute &a : directive_.attributes) {
+        for (const Attribute &a : attributes) {
             // compat: attributes' outputs are separated by one blank,
             // whatever shows.
             if (!first) cgi_out_write(" ", 1);
             first = false;
             const std::string tag(a.name);
             const std::string value(a.value);
-            execute(kind, Call{page_, virtual_name_, file_name_, file_status_, directive_.name, tag, value});
+            execute(kind, Call{page_, virtual_name_, file_name_, file_status_, name, tag, value});
         }
     }
 
@@ -219,10 +218,63 @@ private:
     const std::string &virtual_name_;
     const std::string &file_name_;
     const struct stat &file_status_;
-    // Reused from directive to directive of this page (an included page has
-    // its own renderer).
-    Directive directive_;
 };
+
+// Pages kept between requests, a few slots taken in turn. Each holds at
+// most kKeptPageLimit bytes of text and kMaxKeptSteps runs and directives.
+constexpr std::size_t kKeptPages = 8;
+constexpr std::size_t kMaxKeptSteps = 1024;
+struct KeptPage {
+    std::string path;
+    struct stat status {};
+    std::shared_ptr<const ScannedPage> page;
+};
+struct KeptPages {
+    std::array<KeptPage, kKeptPages> slots;
+    std::size_t next = 0;
+};
+KeptPages &kept_pages() {
+    static KeptPages pages;
+    return pages;
+}
+
+// The kept page at `path` while a status call (into `status`) finds the
+// file unchanged; null otherwise.
+std::shared_ptr<const ScannedPage> kept_page(const std::string &path, struct stat &status) {
+    for (const KeptPage &slot : kept_pages().slots) {
+        if (slot.page == nullptr || slot.path != path) continue;
+        if (::stat(path.c_str(), &status) == 0 && quelm::same_status(status, slot.status)) return slot.page;
+        return nullptr;
+    }
+    return nullptr;
+}
+
+// Keeps a page read whole, when it is small and its last change had
+// settled before it was read; the kept page, or null when it is not kept.
+std::shared_ptr<const ScannedPage> keep_page(const std::string &path, const struct stat &status,
+                                             std::string_view text) {
+    if (text.size() > kKeptPageLimit || text.size() != static_cast<std::size_t>(status.st_size) ||
+        !quelm::settled(status)) {
+        return nullptr;
+    }
+    auto page = std::make_shared<ScannedPage>();
+    page->text.assign(text);  // never moved again: the steps point into it
+    PageScanner scanner(*page);
+    scan_page(page->text, scanner);
+    if (page->steps.size() > kMaxKeptSteps) return nullptr;
+    KeptPages &pages = kept_pages();
+    KeptPage *slot = nullptr;
+    for (KeptPage &s : pages.slots)
+        if (s.path == path) slot = &s;
+    if (slot == nullptr) {
+        slot = &pages.slots[pages.next];
+        pages.next = (pages.next + 1) % kKeptPages;
+    }
+    slot->path = path;
+    slot->status = status;
+    slot->page = page;
+    return page;
+}
 
 // A page that cannot be served gets its error block with a proper status,
 // so that the web server and the browser see a 404 or 500 instead of a
@@ -294,19 +346,18 @@ bool text_visible(const SectionState &s) { return !auth_hidden(s) && s.is_check;
 bool directives_run(const SectionState &s) { return !auth_hidden(s) && (s.is_check || !s.is_auth); }
 
 PageSource::PageSource(const std::string &path) {
-    kept_ = kept_text(path, status_);
+    kept_ = kept_page(path, status_);
     // Without blocking, so that a FIFO among the pages cannot stall the
     // responder.
     if (kept_ == nullptr) fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 }
 
 void PageSource::render(RenderContext &page, const std::string &virtual_name, const std::string &file_name) {
+    PageRenderer renderer(page, virtual_name, file_name, status_);
     if (kept_ != nullptr) {
-        // The text stays alive while it renders, even when an include
-        // takes its slot.
-        const std::shared_ptr<const std::string> text = kept_;
-        PageRenderer renderer(page, virtual_name, file_name, status_);
-        scan_page(*text, renderer);
+        // Held while it renders, even when an include takes its slot.
+        const std::shared_ptr<const ScannedPage> kept = kept_;
+        renderer.play(*kept);
         return;
     }
     if (::fstat(fd_.get(), &status_) != 0) {
@@ -320,9 +371,14 @@ void PageSource::render(RenderContext &page, const std::string &virtual_name, co
         QM_LOG_print("%s error : %s", size <= kReadLimit ? "read" : "mmap", std::strerror(errno));
         return;
     }
-    keep_text(file_name, status_, text.text());
-    PageRenderer renderer(page, virtual_name, file_name, status_);
-    scan_page(text.text(), renderer);
+    if (const std::shared_ptr<const ScannedPage> kept = keep_page(file_name, status_, text.text())) {
+        renderer.play(*kept);
+        return;
+    }
+    ScannedPage scanned;
+    PageScanner scanner(scanned);
+    scan_page(text.text(), scanner);
+    renderer.play(scanned);
 }
 
 }  // namespace cgissi::ssi

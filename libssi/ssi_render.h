@@ -61,10 +61,11 @@ struct Call {
 };
 
 // A page file to render. Pages up to kKeptPageLimit bytes are kept between
-// requests: while a status call finds the file unchanged (and its last
-// change had settled when it was read), its kept text is rendered and the
-// file is not opened again.
+// requests, text and directives already cut apart: while a status call
+// finds the file unchanged (and its last change had settled when it was
+// read), the kept page is rendered and the file is not opened again.
 constexpr std::size_t kKeptPageLimit = 16 * 1024;
+struct ScannedPage;
 class PageSource {
 public:
     explicit PageSource(const std::string &path);
@@ -75,7 +76,7 @@ public:
 
 private:
     struct stat status_ {};
-    std::shared_ptr<const std::string> kept_;
+    std::shared_ptr<const ScannedPage> kept_;
     quelm::UniqueFd fd_;
 };
 

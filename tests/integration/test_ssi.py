@@ -363,6 +363,12 @@ def test_kept_pages_follow_every_change(bin_dir, env, tmp_path):
         page.unlink()
         assert served() == "404"
         assert served("n0.htm") == "n0"
+        # A page whose includes take every slot, its own included, while it
+        # renders.
+        (docroot / "all.htm").write_text("".join(f'<!--#include file="n{i}.htm" -->' for i in range(12)) + "end")
+        time.sleep(0.2)
+        whole = "".join(f"n{i}" for i in range(12)) + "end"
+        assert served("all.htm") == whole and served("all.htm") == whole
 
 
 def test_check_and_uncheck_include_alternatives(site, gateway):
