@@ -1,9 +1,14 @@
 // Request set-up and tear-down: the CGI environment globals, the body length
 // and its limits, and the choice of form parser.
+#include <array>
+#include <bit>
 #include <charconv>
+#include <cstdint>
+#include <iterator>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <span>
 #include <string_view>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -138,30 +143,74 @@ namespace {
 // A failed multipart parse: the handler goes on with an empty form.
 constexpr int kMultipartFailed = 1;
 
-// The request's CGI variables and its content type, in the interface's
-// order.
-void capture_server_variables() {
-    cgiSetupConstants();
-    cgiGetenv(&cgiServerSoftware, "SERVER_SOFTWARE");
-    cgiGetenv(&cgiServerName, "SERVER_NAME");
-    cgiGetenv(&cgiGatewayInterface, "GATEWAY_INTERFACE");
-    cgiGetenv(&cgiServerProtocol, "SERVER_PROTOCOL");
-    cgiGetenv(&cgiServerPort, "SERVER_PORT");
-    cgiGetenv(&cgiRequestMethod, "REQUEST_METHOD");
-    cgiGetenv(&cgiPathInfo, "PATH_INFO");
-    cgiGetenv(&cgiPathTranslated, "PATH_TRANSLATED");
-    cgiGetenv(&cgiScriptName, "SCRIPT_NAME");
-    cgiGetenv(&cgiQueryString, "QUERY_STRING");
-    cgiGetenv(&cgiRemoteHost, "REMOTE_HOST");
-    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
-    cgiGetenv(&cgiAuthType, "AUTH_TYPE");
-    cgiGetenv(&cgiRemoteUser, "REMOTE_USER");
-    cgiGetenv(&cgiRemoteIdent, "REMOTE_IDENT");
-    cgiGetenv(&cgiHttpHost, "HTTP_HOST");
-    cgiGetenv(&cgiXForwardedFor, "X_FORWARDED_FOR");
+struct Variable {
+    std::string_view name;
+    const char **target;
+};
 
+// Points each target at its variable's value ("" when unset), as getenv
+// would find it (the first entry of that name), in one pass over the
+// environment instead of one per name. Each entry is compared only with
+// the names of its length.
+constexpr std::size_t kMaxVariables = 32;
+constexpr std::size_t kLongestName = 32;
+void capture_variables(std::span<const Variable> variables) {
+    std::array<std::uint32_t, kLongestName + 1> of_length{};  // bit i: variables[i] has that length
+    for (std::size_t i = 0; i < variables.size() && i < kMaxVariables; ++i) {
+        *variables[i].target = nullptr;
+        if (variables[i].name.size() <= kLongestName) of_length[variables[i].name.size()] |= 1U << i;
+    }
+    for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const char *equals = std::strchr(*entry, '=');
+        if (equals == nullptr || static_cast<std::size_t>(equals - *entry) > kLongestName) continue;
+        const std::size_t length = static_cast<std::size_t>(equals - *entry);
+        for (std::uint32_t left = of_length[length]; left != 0; left &= left - 1) {
+            const Variable &v = variables[static_cast<std::size_t>(std::countr_zero(left))];
+            if (*v.target == nullptr && std::memcmp(v.name.data(), *entry, length) == 0) {
+                *v.target = equals + 1;
+                break;
+            }
+        }
+    }
+    for (const Variable &v : variables)
+        if (*v.target == nullptr) *v.target = "";
+}
+
+// The request's CGI variables, its content type and the body length
+// (`length_text`: CONTENT_LENGTH, or a filter's FCGI_DATA_LENGTH).
+void capture_server_variables(const char *&role, const char *&length_text, const char *&data_length_text) {
+    cgiSetupConstants();
     const char *content_type = nullptr;
-    cgiGetenv(&content_type, "CONTENT_TYPE");
+    const Variable variables[] = {
+        {"SERVER_SOFTWARE", &cgiServerSoftware},
+        {"SERVER_NAME", &cgiServerName},
+        {"GATEWAY_INTERFACE", &cgiGatewayInterface},
+        {"SERVER_PROTOCOL", &cgiServerProtocol},
+        {"SERVER_PORT", &cgiServerPort},
+        {"REQUEST_METHOD", &cgiRequestMethod},
+        {"PATH_INFO", &cgiPathInfo},
+        {"PATH_TRANSLATED", &cgiPathTranslated},
+        {"SCRIPT_NAME", &cgiScriptName},
+        {"QUERY_STRING", &cgiQueryString},
+        {"REMOTE_HOST", &cgiRemoteHost},
+        {"REMOTE_ADDR", &cgiRemoteAddr},
+        {"AUTH_TYPE", &cgiAuthType},
+        {"REMOTE_USER", &cgiRemoteUser},
+        {"REMOTE_IDENT", &cgiRemoteIdent},
+        {"HTTP_HOST", &cgiHttpHost},
+        {"X_FORWARDED_FOR", &cgiXForwardedFor},
+        {"HTTP_ACCEPT", &cgiAccept},
+        {"HTTP_USER_AGENT", &cgiUserAgent},
+        {"HTTP_REFERER", &cgiReferrer},
+        {"HTTP_COOKIE", &cgiCookie},
+        {"CONTENT_TYPE", &content_type},
+        {"FCGI_ROLE", &role},
+        {"CONTENT_LENGTH", &length_text},
+        {"FCGI_DATA_LENGTH", &data_length_text},
+    };
+    static_assert(std::size(variables) <= kMaxVariables);
+    capture_variables(variables);
+
     std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
     std::memcpy(cgiContentType, content_type, type_length);
     cgiContentType[type_length] = '\0';
@@ -238,27 +287,20 @@ extern "C" void cgiFreeResources(void) {
 extern "C" int cgiInitResources(FCGI_FILE *upload_sink) {
     got_sigpipe = 0;
 
+    const char *role = nullptr, *content_length = nullptr, *data_length = nullptr;
+    capture_server_variables(role, content_length, data_length);
+
     // A filter's data stream follows its standard input, which is not used.
-    const char *length_text;
-    const char *role = std::getenv("FCGI_ROLE");
-    if (role != nullptr && std::strcmp(role, "FILTER") == 0) {
+    const char *length_text = content_length;
+    if (std::strcmp(role, "FILTER") == 0) {
         drain(FCGI_stdin);
         FCGI_StartFilterData();
-        length_text = std::getenv("FCGI_DATA_LENGTH");
-    } else {
-        length_text = std::getenv("CONTENT_LENGTH");
+        length_text = data_length;
     }
-
-    capture_server_variables();
 
     int length = 0;
     bool length_usable = parse_length(length_text, &length);
     cgiContentLength = length;
-
-    cgiGetenv(&cgiAccept, "HTTP_ACCEPT");
-    cgiGetenv(&cgiUserAgent, "HTTP_USER_AGENT");
-    cgiGetenv(&cgiReferrer, "HTTP_REFERER");
-    cgiGetenv(&cgiCookie, "HTTP_COOKIE");
 
     // The responder lives on, so a list that an earlier handler did not
     // free (with its temporary files) is released here rather than lost.

@@ -236,6 +236,28 @@ TEST_F(RequestInit, UnsetVariablesReadEmpty) {
         EXPECT_STREQ(global, "");
     }
     EXPECT_STREQ(cgiReferrer, "http://gw/");
+
+    // Each variable reaches its own global, not one whose name it starts or
+    // ends with.
+    const std::pair<const char *, const char **> globals[] = {
+        {"SERVER_SOFTWARE", &cgiServerSoftware}, {"SERVER_NAME", &cgiServerName},
+        {"GATEWAY_INTERFACE", &cgiGatewayInterface}, {"SERVER_PROTOCOL", &cgiServerProtocol},
+        {"SERVER_PORT", &cgiServerPort}, {"PATH_INFO", &cgiPathInfo}, {"PATH_TRANSLATED", &cgiPathTranslated},
+        {"SCRIPT_NAME", &cgiScriptName}, {"REMOTE_HOST", &cgiRemoteHost}, {"REMOTE_ADDR", &cgiRemoteAddr},
+        {"AUTH_TYPE", &cgiAuthType}, {"REMOTE_USER", &cgiRemoteUser}, {"REMOTE_IDENT", &cgiRemoteIdent},
+        {"HTTP_HOST", &cgiHttpHost}, {"X_FORWARDED_FOR", &cgiXForwardedFor}, {"HTTP_ACCEPT", &cgiAccept},
+        {"HTTP_USER_AGENT", &cgiUserAgent}, {"HTTP_COOKIE", &cgiCookie},
+    };
+    setenv("HTTP_HOSTNAME", "not the host", 1);
+    setenv("XHTTP_HOST", "not the host", 1);
+    for (const auto &[name, global] : globals) setenv(name, (std::string("v-") + name).c_str(), 1);
+    ASSERT_EQ(cgiInitResources(nullptr), 0);
+    for (const auto &[name, global] : globals) {
+        EXPECT_EQ(std::string(*global), std::string("v-") + name);
+        unsetenv(name);
+    }
+    unsetenv("HTTP_HOSTNAME");
+    unsetenv("XHTTP_HOST");
 }
 
 TEST_F(RequestForm, StringCopies) {
