@@ -1,4 +1,6 @@
 // Content types of pages by file-name extension.
+#include <algorithm>
+#include <iterator>
 #include <string_view>
 
 #include "ssi_parse.h"
@@ -223,15 +225,22 @@ static_assert(table_sorted());
 
 constexpr const char *kDefaultType = "text/plain";
 
+constexpr bool extension_before(const MimeRow &a, const MimeRow &b) {
+    return std::string_view(a.extension) < std::string_view(b.extension);
+}
+static_assert(std::is_sorted(std::begin(kTypeTable), std::end(kTypeTable), extension_before),
+              "the type table is searched by halving: keep it sorted by extension");
+
 }  // namespace
 
 const char *mime_type(std::string_view file_name) {
     std::size_t dot = file_name.rfind('.');
     if (dot == std::string_view::npos) return kDefaultType;
     std::string_view extension = file_name.substr(dot + 1);
-    for (const MimeRow &row : kTypeTable)
-        if (extension == row.extension) return row.type;
-    return kDefaultType;
+    // The first row of that extension, as a scan from the top would find.
+    const MimeRow *row = std::lower_bound(std::begin(kTypeTable), std::end(kTypeTable), extension,
+                                          [](const MimeRow &r, std::string_view e) { return r.extension < e; });
+    return row != std::end(kTypeTable) && row->extension == extension ? row->type : kDefaultType;
 }
 
 }  // namespace cgissi::ssi

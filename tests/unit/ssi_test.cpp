@@ -261,6 +261,10 @@ TEST(SsiMime, LookupByLastExtension) {
         {"/www/f.a", "application/octet-stream"}, {"/www/INDEX.HTM", "text/plain"},
         {"/www/noext", "text/plain"},             {"/www.d/page", "text/plain"},
         {"/www/page.htm.", "text/plain"},         {"/www/x.tar.gz", "application/x-gzip"},
+        // The ends of the table and names between its rows.
+        {"/www/f.zip", "application/zip"},        {"/www/f.zz", "text/plain"},
+        {"/www/f.0", "text/plain"},               {"/www/f.ht", "text/plain"},
+        {"/www/f.htmlx", "text/plain"},           {"/www/f.aia", "text/plain"},
     };
     for (const auto &c : cases) EXPECT_STREQ(mime_type(c.name), c.type) << c.name;
 }
