@@ -332,9 +332,11 @@ int serve_page() {
         page_not_found(file_name);
         return 1;
     }
-    const char *type = mime_type(file_name);
+    const std::string_view type = mime_type(file_name);
     cgiHeaderContentLanguage();
-    cgi_out_printf("Content-type: %s\r\n\r\n", type);
+    cgi_out_write("Content-type: ", 14);
+    cgi_out_write(type.data(), type.size());
+    cgi_out_write("\r\n\r\n", 4);
     source.render(page, page.path_info, file_name);
     return 0;
 }

@@ -91,9 +91,10 @@ bool attach_session() {
     if (result == cgiFormNotFound && QM_CreateSession() == -1) return false;
     // compat: pages and proxies in the field expect this spacing. Not
     // HttpOnly: the pages' signed login reads the token.
-    cgi_out_printf("Set-Cookie: %s=%s;  Path=%s; %s\r\n", QM_SessionName,
-                   QM_SessionToken != nullptr ? QM_SessionToken : "", "/",
-                   policy::compat_mode() ? "" : "SameSite=Strict; ");
+    std::string line = "Set-Cookie: ";
+    line.append(QM_SessionName).append("=").append(QM_SessionToken != nullptr ? QM_SessionToken : "");
+    line.append(";  Path=/; ").append(policy::compat_mode() ? "" : "SameSite=Strict; ").append("\r\n");
+    cgi_out_write(line.data(), line.size());
     return true;
 }
 
