@@ -166,12 +166,12 @@ int load_definitions(std::unique_ptr<Schema> &schema, std::unique_ptr<FactoryDef
 
 State *open_state(int &code, bool need_database) {
     Globals &g = globals();
-    std::string root(quelm::root_prefix());
+    const std::string_view root = quelm::root_prefix();
     if (g.state && (g.state->root != root || g.state->pid != current_pid())) g.state.reset();
     std::string message;
     if (!g.state) {
         auto state = std::make_unique<State>();
-        state->root = root;
+        state->root = std::string(root);
         state->pid = current_pid();
         state->lock_wait_ms = lock_wait_from_environment();
         code = load_definitions(state->schema, state->factory, message);
