@@ -166,7 +166,9 @@ void capture_variables(std::span<const Variable> variables) {
         const std::size_t length = static_cast<std::size_t>(equals - *entry);
         for (std::uint32_t left = of_length[length]; left != 0; left &= left - 1) {
             const Variable &v = variables[static_cast<std::size_t>(std::countr_zero(left))];
-            if (*v.target == nullptr && std::memcmp(v.name.data(), *entry, length) == 0) {
+            // Names of one length mostly differ in their first or last byte.
+            if (*v.target == nullptr && v.name.front() == (*entry)[0] && v.name.back() == (*entry)[length - 1] &&
+                std::memcmp(v.name.data(), *entry, length) == 0) {
                 *v.target = equals + 1;
                 break;
             }
