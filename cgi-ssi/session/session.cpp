@@ -81,9 +81,12 @@ long idle_lifetime() {
     static const std::string object = "Services_IADConfigurator";
     std::string value;
     int delay = kSessionFlushTime;
-    if (!kept_property(object, "SessionDelay", value) || std::sscanf(value.c_str(), "%d", &delay) != 1) {
-        delay = kSessionFlushTime;
-    }
+    if (!kept_property(object, "SessionDelay", value)) return delay;
+    // As sscanf's "%d" reads it (strtol's number, kept as an int), without
+    // the formatter.
+    char *end = nullptr;
+    const long parsed = std::strtol(value.c_str(), &end, 10);
+    if (end != value.c_str()) delay = static_cast<int>(parsed);
     return delay;
 }
 
