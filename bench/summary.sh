@@ -55,4 +55,4 @@ before=$(value ssi.summary rss_anon_before) after=$(value ssi.summary rss_anon_a
 growth=$(awk -v a="$after" -v b="$before" 'BEGIN { if (a ~ /^[0-9]+$/ && b ~ /^[0-9]+$/) print a - b; else print "?" }')
 bound_row "RssAnon growth, kB, $(value ssi.summary mixed_requests) mixed requests" "$growth" 256
 echo "RssAnon of the page responder: idle $(value ssi.summary rss_anon_idle) kB, before the mixed run $before kB, after $after kB"
-echo "warm instructions per page request: $(value ssi.summary ir_page_warm) ($(value ssi.summary ir_page_warm_sessions) with 10000 live sessions)"
+echo "warm instructions per page request: $(value ssi.summary ir_page_warm)"
