@@ -32,6 +32,12 @@ def write_token(root, name="abc123", rights="all", more=""):
     return path
 
 
+def events(root):
+    """The host platform's event lines, without their time stamps."""
+    path = root / "var/quelm/platform/events.log"
+    return [line.split(" ", 1)[1] for line in path.read_text().splitlines()] if path.exists() else []
+
+
 def make_user(qmcfg, index, name, password, services="web_admin"):
     """Creates User_<index>, enabled, with the given name, password and services."""
     qmcfg("create", f"User_{index}")
@@ -246,8 +252,6 @@ def lighttpd(bin_dir, root, log_file, tmp_path, request):
         proc.wait()
     assert_no_sanitizer_report(server.error_log())
 
-
-import shutil  # noqa: E402  (the plugin fixtures below are appended)
 
 PLUGIN_SOURCES = REPO / "tests" / "plugins"
 

@@ -47,15 +47,10 @@ def request(address, params, body=b"", timeout=30):
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as conn:
         conn.settimeout(timeout)
         conn.connect(address)
-        out = _record(BEGIN_REQUEST, struct.pack(">HB5x", RESPONDER, 0))
-        encoded = _params(params)
-        if encoded:
-            out += _record(PARAMS, encoded)
-        out += struct.pack(">BBHHBB", 1, PARAMS, 1, 0, 0, 0)
-        if body:
-            out += _record(STDIN, body)
-        out += struct.pack(">BBHHBB", 1, STDIN, 1, 0, 0, 0)
-        conn.sendall(out)
+        encoded = _params(params)  # each stream ends with an empty record
+        conn.sendall(b"".join([_record(BEGIN_REQUEST, struct.pack(">HB5x", RESPONDER, 0)),
+                               _record(PARAMS, encoded) if encoded else b"", _record(PARAMS, b""),
+                               _record(STDIN, body) if body else b"", _record(STDIN, b"")]))
         stdout, stderr = b"", b""
         while True:
             _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", _read_exact(conn, 8))

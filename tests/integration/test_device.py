@@ -13,9 +13,9 @@ import time
 from urllib.parse import urlencode
 
 import pytest
+from conftest import assert_no_sanitizer_report, events, write_token
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 FORM = "application/x-www-form-urlencoded"
@@ -26,9 +26,7 @@ ERROR = ', "error" : "CGI(1) error for symbol \\u003C{}\\u003E"'
 @pytest.fixture
 def device(cgi, root):
     """fct(name_and_argument) answers generic.cgi's body as text."""
-    path = root / "var/tmp" / f"CGI_Token_{TOKEN}"
-    path.write_text("600\nall\n")
-    os.utime(path, (time.time() + 600, time.time() + 600))
+    path = write_token(root, TOKEN)
 
     def fct(*calls, extra=None, remote="127.0.0.1"):
         body = urlencode([("token", TOKEN)] + [("fct", c) for c in calls]).encode()
@@ -50,12 +48,6 @@ def page(cgi):
         (cgi.docroot / "d.htm").write_text("|".join(f'<!--#echo var="fct={c}" -->' for c in calls))
         return cgi(page="d.htm", extra={"REMOTE_ADDR": remote}).body.decode().split("|")
     return render
-
-
-def events(root):
-    path = root / "var/quelm/platform/events.log"
-    lines = path.read_text().splitlines() if path.exists() else []
-    return [line.split(" ", 1)[1] for line in lines]  # without the time stamp
 
 
 def test_simple_functions_answer_and_fail_as_designed(device, root, qmcfg):
@@ -313,5 +305,4 @@ def test_background_tests_leave_no_child_in_a_long_lived_responder(bin_dir, env,
         assert children.strip() == ""
     finally:
         err = running.stop()
-    for mark in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:"):
-        assert mark not in err, err
+    assert_no_sanitizer_report(err)

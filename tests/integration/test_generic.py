@@ -14,8 +14,7 @@ from cipher import page_encrypt
 from conftest import plugin_symbols, write_token
 from fcgi import Responder
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 FORM = "application/x-www-form-urlencoded"

@@ -7,8 +7,7 @@ from urllib.parse import urlencode
 from conftest import write_token
 import pytest
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 FORM = "application/x-www-form-urlencoded"

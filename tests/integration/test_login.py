@@ -15,8 +15,7 @@ import pytest
 from cipher import decrypt, encrypt, page_encrypt
 from conftest import make_user
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 HOST = "192.168.1.1"

@@ -13,9 +13,9 @@ import time
 
 import pytest
 from pathlib import Path
+from conftest import events
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 HOST = "192.168.1.1"
@@ -45,11 +45,6 @@ def multipart(fields=(), files=()):
 
 
 CONTENT_TYPE = f"multipart/form-data; boundary={BOUNDARY}"
-
-
-def events(root):
-    path = root / "var/quelm/platform/events.log"
-    return [line.split(" ", 1)[1] for line in path.read_text().splitlines()] if path.exists() else []
 
 
 def after_cookie(raw):

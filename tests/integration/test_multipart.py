@@ -6,11 +6,10 @@ import subprocess
 from pathlib import Path
 import time
 
-from conftest import assert_no_sanitizer_report
+from conftest import assert_no_sanitizer_report, events
 import pytest
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 BOUNDARY = "b0undary"
@@ -80,5 +79,4 @@ def test_parts_reach_the_handler_in_any_number_of_writes(bin_dir, env, root):
     out, err = proc.communicate(timeout=20)
     assert_no_sanitizer_report(err.decode(errors="replace"))
     assert b"/ok.htm" in out
-    events = (root / "var/quelm/platform/events.log").read_text()
-    assert " factory 2\n" in events and " reboot 0\n" in events
+    assert events(root)[-2:] == ["factory 2", "reboot 0"]

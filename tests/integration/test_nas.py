@@ -52,17 +52,9 @@ def sendfile_path(path):
     return "".join(c if c.isascii() and (c.isalnum() or c in "/.") else "%%%02x" % ord(c) for c in str(path))
 
 
-def log(log_file):
-    return log_file.read_text(errors="replace") if log_file.exists() else ""
-
-
 def status(answer):
     value = answer.header("Status")
     return int(value.split()[0]) if value else 200
-
-
-def thumb_name(path, size):
-    return hashlib.md5(f"{path}-{size}".encode()).hexdigest()
 
 
 # ---- Sending ------------------------------------------------------------------
@@ -196,7 +188,7 @@ def test_rename_and_delete_reply_with_the_listing(nas, disk, log_file):
     assert b"<name>On stage.aac</name>" in answer.body and (disk / "Music/On stage.aac").exists()
     answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Interlude.mp3",
                   "newname": "On stage.aac"})
-    assert "File already exists" in log(log_file)
+    assert "File already exists" in log_file.read_text(errors="replace")
     assert (disk / "Music/Interlude.mp3").exists()
     for newname in ["../../../moved", "/tmp/moved", "..", "a/b"]:
         answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Interlude.mp3",
@@ -218,7 +210,8 @@ def test_thumbnails_are_png_and_tied_to_path_and_size(nas, disk):
     assert status(nas({**add, "data": "not base64 !"})) == 400
     answer = nas({**add, "data": base64.b64encode(PNG)})
     assert status(answer) == 200, answer.raw
-    name = thumb_name("/var/mnt/usb1/Pictures/camera.jpg", (disk / "Pictures/camera.jpg").stat().st_size)
+    size = (disk / "Pictures/camera.jpg").stat().st_size  # the name hashes the path and the size
+    name = hashlib.md5(f"/var/mnt/usb1/Pictures/camera.jpg-{size}".encode()).hexdigest()
     thumb = disk / ".quelm" / f"{name}.png"
     assert thumb.read_bytes() == PNG
     assert oct((disk / ".quelm").stat().st_mode & 0o7777) == "0o1777"
@@ -273,16 +266,14 @@ def test_playlist_xml_and_edits(nas, disk):
 
     def move(field, song, nb=None):
         return playlist_paths(nas({field: "1", **fav, "song": song, **({"nb": nb} if nb else {})}))
+    # Each field's direction and count (wrapping and dropping: NasPlaylist.MovesWrapOnceThenDrop).
     assert move("iNasMoveDownPlaylistItem", a) == [b, a, c]
-    assert move("iNasMoveDownPlaylistItem", c) == [c, b, a]          # last down wraps to the top
-    assert move("iNasMoveUpPlaylistItem", a, "2") == [a, c, b]
-    assert move("iNasMoveUpPlaylistItem", a) == [c, b, a]            # first up wraps to the end
-    assert move("iNasMoveDownPlaylistItem", c, "7") == [b, a]        # beyond the wrap point: dropped
+    assert move("iNasMoveUpPlaylistItem", c, "2") == [c, b, a]
     assert playlist_paths(nas({"iNasAddPlaylistItem": "1", **fav, "path": "Music", "song": "Interlude.mp3"})) \
-        == [b, a, b]
-    assert move("iNasDeletePlaylistItem", b) == [a, b]               # the first occurrence only
-    assert move("iNasDeletePlaylistItem", "Music/none.mp3") == [a, b]
-    assert (disk / ".playlists/Favourites.m3u").read_text() == f"{a}\n{b}\n"
+        == [c, b, a, b]
+    assert move("iNasDeletePlaylistItem", b) == [c, a, b]            # the first occurrence only
+    assert move("iNasDeletePlaylistItem", "Music/none.mp3") == [c, a, b]
+    assert (disk / ".playlists/Favourites.m3u").read_text() == f"{c}\n{a}\n{b}\n"
     assert not list((disk / ".playlists").glob("*.tmp"))
 
 

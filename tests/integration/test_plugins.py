@@ -3,14 +3,12 @@ the sample plugin of tests/plugins installed in the gateway root: plugin
 CGIs, no-session plugins, functions by library symbol and by command, and
 every way an entry can fail."""
 
-import os
-import time
 from urllib.parse import urlencode
 
 import pytest
+from conftest import write_token
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 UNKNOWN_NAME = b"Status: 404 Not Found\r\nContent-type: text/html\r\n\r\n"
@@ -49,10 +47,7 @@ def record(install_plugins, qmcfg):
 @pytest.fixture
 def generic(cgi, root):
     """generic.cgi with a token that grants everything."""
-    path = root / "var/tmp" / f"CGI_Token_{TOKEN}"
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text("600\nall\n")
-    os.utime(path, (time.time() + 600, time.time() + 600))
+    write_token(root, TOKEN)
 
     def run(*fields):
         body = urlencode([("token", TOKEN)] + [("fct", f) for f in fields]).encode()

@@ -5,8 +5,7 @@ logged and answered with the same page."""
 
 import pytest
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 REFUSAL = (b'Status: 404 Not Found\nContent-type: text/html\n\n<HTML><HEAD><TITLE>404 Not Found</TITLE>'

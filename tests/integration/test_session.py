@@ -7,8 +7,7 @@ import time
 
 import pytest
 
-# These tests assert the legacy access policy (requests without Origin,
-# maintenance without an admin session); test_policy.py covers the default.
+# The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
 COOKIE_LINE = re.compile(rb"^Set-Cookie: QM_web_ID=([A-Za-z0-9]{6});  Path=/; \r\n")
@@ -37,7 +36,6 @@ def visit(cgi, gateway):
         extra = {"HTTP_HOST": host, "REMOTE_ADDR": addr, "HTTP_USER_AGENT": agent}
         if cookie is not None:
             extra["HTTP_COOKIE"] = cookie
-        extra.update(kw.pop("extra", {}))
         return cgi(page=page, extra=extra, **kw)
     return run
 
@@ -153,13 +151,6 @@ def test_remote_realm_outside_lan_gets_session(visit, root):
 ])
 def test_session_only_for_page_extensions(visit, page, granted):
     assert visit(page=page).raw.startswith(b"Set-Cookie") == granted
-
-
-def test_server_without_sessions(visit, qmcfg):
-    qmcfg("set", "HttpServer_1", "UseSession", "0")
-    assert not visit(extra={"QUELM_SRV_IDX": "1"}).raw.startswith(b"Set-Cookie")
-    qmcfg("set", "HttpServer_1", "UseSession", "1")
-    assert visit(extra={"QUELM_SRV_IDX": "1"}).raw.startswith(b"Set-Cookie")
 
 
 @pytest.mark.parametrize("length", [249, 250])

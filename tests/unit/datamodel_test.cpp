@@ -170,11 +170,8 @@ using DatamodelTree = test_support::PageOutput;
 
 TEST_F(DatamodelTree, RecordsPrintAsNestedMembers) {
     struct {
-        const char *description;
-        RecordList records;
-        const char *json;
-        int shadow = 1;
-        const char *name = "Obj", *suffix = nullptr;
+        const char *description; RecordList records; const char *json;
+        int shadow = 1; const char *name = "Obj", *suffix = nullptr;
     } cases[] = {
         {"secret masked", {{"Obj_Name", "box", 1}, {"Obj_Wifi_Key", "abc", 14}},
          R"({"Name" : "box","Wifi" : {"Key" : "********"}})"},

@@ -121,11 +121,8 @@ TEST(MultipartParser, CarriageReturnHeldAtTheBufferEndStaysContent) {
 }
 
 TEST(MultipartParser, EmptyPartsAndNames) {
-    struct Case {
-        const char *desc;
-        std::string body;
-        int result;
-        std::vector<std::pair<std::string, std::string>> parts;  // name, content
+    struct Case {  // parts: name and content of each
+        const char *desc; std::string body; int result; std::vector<std::pair<std::string, std::string>> parts;
     } cases[] = {
         {"empty field and empty file", field("a", "") + file("f", "e.txt", "") + closing(), kMultipartSuccess,
          {{"a", ""}, {"f", ""}}},

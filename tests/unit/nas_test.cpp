@@ -28,12 +28,7 @@ TEST(NasPlaylist, LinesDropTheBreakSkipEmptiesAndSplitLongLines) {
 
 TEST(NasPlaylist, MovesWrapOnceThenDrop) {
     const Lines abc{"a", "b", "c"};
-    struct Case {
-        const char *desc;
-        const char *song;
-        int direction, nb;
-        Lines want;
-    } cases[] = {
+    struct Case { const char *desc, *song; int direction, nb; Lines want; } cases[] = {
         {"down one", "a", 1, 1, {"b", "a", "c"}},
         {"down two", "a", 1, 2, {"b", "c", "a"}},
         {"last down wraps to the top", "c", 1, 1, {"c", "a", "b"}},

@@ -26,19 +26,15 @@ TEST(PluginRegistry, NoSessionIsAPrefixRuleAndTheCallAnExactName) {
         {"plug", "plug", "lib.so!plug", "1x"},           // "plug" is a prefix of "plugin"
         {"fct", "cgi ssi", "lib.so!fct", std::nullopt},
     });
-    const struct {
-        const char *script;
-        bool no_session;
-    } sessions[] = {{"foo.cgi", true}, {"foobar.cgi", true}, {"fo.cgi", false}, {"both.cgi", false},
-                    {"plug.cgi", true}, {"skip.cgi", false}, {"fct.cgi", false}};
+    const struct { const char *script; bool no_session; } sessions[] = {
+        {"foo.cgi", true},  {"foobar.cgi", true}, {"fo.cgi", false}, {"both.cgi", false},
+        {"plug.cgi", true}, {"skip.cgi", false},  {"fct.cgi", false}};
     for (const auto &c : sessions) EXPECT_EQ(registry.no_session(c.script), c.no_session) << c.script;
 
-    const struct {
-        const char *name, *method, *call;  // null call: not found
-    } calls[] = {{"foo", "plugin", "lib.so!foo_main"}, {"foo.cgi", "plugin", nullptr},
-                 {"both", "plugin", "lib.so!both"},    {"both", "ssi", "lib.so!both"},
-                 {"fct", "ssi", "lib.so!fct"},         {"fct", "plugin", nullptr},
-                 {"skip", "plugin", nullptr}};
+    const struct { const char *name, *method, *call; } calls[] = {  // null call: not found
+        {"foo", "plugin", "lib.so!foo_main"}, {"foo.cgi", "plugin", nullptr}, {"both", "plugin", "lib.so!both"},
+        {"both", "ssi", "lib.so!both"},       {"fct", "ssi", "lib.so!fct"},   {"fct", "plugin", nullptr},
+        {"skip", "plugin", nullptr}};
     for (const auto &c : calls) {
         const Entry *entry = registry.find(c.name, c.method);
         if (c.call == nullptr) {

@@ -93,9 +93,8 @@ TEST(UtilValidate, MacwordStoresGroupAddressesButRejectsThem) {
 }
 
 TEST(UtilString, TrimAndCase) {
-    struct Case {
-        const char *in, *out;
-    } trims[] = {{"  a b \t", "a b"}, {"\t \t", ""}, {"", ""}, {"x", "x"}, {" x", "x"}, {"x\t\t", "x"}};
+    struct Case { const char *in, *out; } trims[] = {
+        {"  a b \t", "a b"}, {"\t \t", ""}, {"", ""}, {"x", "x"}, {" x", "x"}, {"x\t\t", "x"}};
     for (const Case &c : trims) {
         std::string s = c.in;
         EXPECT_STREQ(str_trim(s.data()), c.out) << '"' << c.in << '"';
@@ -194,11 +193,9 @@ TEST(UtilList, WalkItemsAndComponents) {
 }
 
 TEST(UtilList, NextIndexStartsAt1001) {
-    struct Case {
-        const char *indices;
-        int next;
-    } cases[] = {{"1,2,3", 1001}, {"1001,1004", 1005}, {"1004,1001", 1005}, {"", 1001},
-                 {"999", 1001},   {"1000", 1001},      {"5000,12", 5001},   {"2147483647", -1}};
+    struct Case { const char *indices; int next; } cases[] = {
+        {"1,2,3", 1001}, {"1001,1004", 1005}, {"1004,1001", 1005}, {"", 1001},
+        {"999", 1001},   {"1000", 1001},      {"5000,12", 5001},   {"2147483647", -1}};
     for (const Case &c : cases) EXPECT_EQ(quelm::util::next_list_index(c.indices), c.next) << c.indices;
 }
 
