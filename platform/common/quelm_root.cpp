@@ -59,8 +59,10 @@ std::string_view root_prefix() {
 }
 
 std::string root_path(std::string_view gateway_path) {
-    std::string out(root_prefix());
-    out.append(gateway_path);
+    const std::string_view prefix = root_prefix();
+    std::string out;
+    out.reserve(prefix.size() + gateway_path.size());  // one allocation
+    out.append(prefix).append(gateway_path);
     return out;
 }
 
