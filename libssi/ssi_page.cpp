@@ -357,9 +357,9 @@ PageSource::PageSource(const std::string &path) {
 void PageSource::render(RenderContext &page, const std::string &virtual_name, const std::string &file_name) {
     PageRenderer renderer(page, virtual_name, file_name, status_);
     if (kept_ != nullptr) {
-        // Held while it renders, even when an include takes its slot.
-        const std::shared_ptr<const ScannedPage> kept = kept_;
-        renderer.play(*kept);
+        // kept_ holds the page while it renders, even when an include
+        // takes its slot.
+        renderer.play(*kept_);
         return;
     }
     if (::fstat(fd_.get(), &status_) != 0) {
