@@ -133,6 +133,17 @@ typedef struct QM_DAT_view {
 typedef int (*QM_DAT_visitor)(void *context, const QM_DAT_view *record);
 QM_EXPORT int QM_DAT_visitobjdata(const char *object, QM_DAT_visitor visit, void *context);
 
+/* The records QM_DAT_getobjdata would return, in the same order, without
+ * copying them: *views points at *count views that stay valid, texts
+ * included, until QM_DAT_releaseobjdata(*hold), whatever the library is
+ * asked meanwhile (a later read may drop the records from the library's
+ * cache; the hold keeps them). Returns 0, or the error code (also stored)
+ * when there are no records: *views, *count and *hold are then null and 0. */
+typedef struct QM_DAT_hold QM_DAT_hold;
+QM_EXPORT int QM_DAT_holdobjdata(const char *object, const QM_DAT_view **views, size_t *count, QM_DAT_hold **hold);
+/* Gives up a hold (null is ignored). */
+QM_EXPORT void QM_DAT_releaseobjdata(QM_DAT_hold *hold);
+
 /* Value of one property; null if absent. */
 QM_EXPORT char *QM_DAT_getobjproperty(const char *object, const char *property);
 /* A stamp of the values the getters give: it changes whenever the data model

@@ -107,7 +107,7 @@ int with_model(F &&f) {
 
 // The records of a getobjdata read, from the object cache when the data
 // model has not changed since; 0 or the error code (not stored).
-int object_records(const std::string &object, std::shared_ptr<const std::vector<Record>> &out) {
+int object_records(const std::string &object, std::shared_ptr<const ObjectRecords> &out) {
     int code = 0;
     State *state = open_state(code);
     if (state == nullptr) return code;
@@ -121,12 +121,19 @@ int object_records(const std::string &object, std::shared_ptr<const std::vector<
     // Only answers of the database are kept, not its failures.
     if (code != QM_ERR_NONE && code != QM_ERR_NOTHING) return code;
     if (code == QM_ERR_NOTHING) records.clear();
-    out = std::make_shared<const std::vector<Record>>(std::move(records));
+    out = std::make_shared<const ObjectRecords>(std::move(records));
     state->remember_object(object, code, out);
     return code;
 }
 
 }  // namespace
+
+ObjectRecords::ObjectRecords(std::vector<Record> read) : records(std::move(read)) {
+    views.reserve(records.size());
+    for (const Record &r : records) {
+        views.push_back({r.name.c_str(), r.name.size(), r.value.c_str(), r.value.size(), static_cast<int8_t>(r.type)});
+    }
+}
 
 State::~State() {
     // A connection or lock inherited across fork belongs to the parent.
@@ -241,10 +248,10 @@ const State::CachedObject *State::cached_object(const std::string &name) {
     return found != objects.end() ? &found->second : nullptr;
 }
 
-void State::remember_object(const std::string &name, int code, std::shared_ptr<const std::vector<Record>> records) {
+void State::remember_object(const std::string &name, int code, std::shared_ptr<const ObjectRecords> records) {
     if (!generation.usable()) return;
     std::size_t bytes = name.size() + kRecordOverhead;
-    for (const Record &r : *records) bytes += r.name.size() + r.value.size() + kRecordOverhead;
+    for (const Record &r : records->records) bytes += r.name.size() + r.value.size() + kRecordOverhead;
     if (bytes > kMaxCachedObjectBytes) return;
     if (object_bytes + bytes > kMaxCachedObjectBytes) {
         objects.clear();
@@ -382,11 +389,11 @@ char *QM_DAT_getobjcount(const char *object) {
 QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
     return guarded_call(nullptr, __func__, [&]() -> QM_DAT_record * {
         if (object == nullptr) return null_with_error(QM_ERR_UNKNOWN_OBJECT);
-        std::shared_ptr<const std::vector<Record>> records;
+        std::shared_ptr<const ObjectRecords> records;
         if (set_error(object_records(object, records)) != 0) return nullptr;
         QM_DAT_record *head = nullptr;
         QM_DAT_record **tail = &head;
-        for (const auto &r : *records) {
+        for (const auto &r : records->records) {
             // Linked first, so that freeing the list also frees a part-made node.
             auto *node = static_cast<QM_DAT_record *>(std::calloc(1, sizeof(QM_DAT_record)));
             *tail = node;
@@ -408,16 +415,39 @@ QM_DAT_record *QM_DAT_getobjdata(const char *object, int) {
 int QM_DAT_visitobjdata(const char *object, QM_DAT_visitor visit, void *context) {
     return guarded_call(QM_ERR_STORAGE, __func__, [&]() -> int {
         if (object == nullptr || visit == nullptr) return set_error(QM_ERR_UNKNOWN_OBJECT);
-        std::shared_ptr<const std::vector<Record>> records;
+        std::shared_ptr<const ObjectRecords> records;
         if (set_error(object_records(object, records)) != 0) return QM_err_get();
-        for (const Record &r : *records) {
-            const QM_DAT_view view{r.name.c_str(), r.name.size(), r.value.c_str(), r.value.size(),
-                                   static_cast<int8_t>(r.type)};
+        for (const QM_DAT_view &view : records->views) {
             if (visit(context, &view) != 0) break;
         }
         return 0;
     });
 }
+
+// What a hold keeps alive: the records its views point into.
+struct QM_DAT_hold {
+    std::shared_ptr<const ObjectRecords> records;
+};
+
+int QM_DAT_holdobjdata(const char *object, const QM_DAT_view **views, size_t *count, QM_DAT_hold **hold) {
+    if (views != nullptr) *views = nullptr;
+    if (count != nullptr) *count = 0;
+    if (hold != nullptr) *hold = nullptr;
+    return guarded_call(QM_ERR_STORAGE, __func__, [&]() -> int {
+        if (object == nullptr || views == nullptr || count == nullptr || hold == nullptr) {
+            return set_error(QM_ERR_UNKNOWN_OBJECT);
+        }
+        std::shared_ptr<const ObjectRecords> records;
+        if (set_error(object_records(object, records)) != 0) return QM_err_get();
+        auto held = std::make_unique<QM_DAT_hold>(QM_DAT_hold{std::move(records)});
+        *views = held->records->views.data();
+        *count = held->records->views.size();
+        *hold = held.release();
+        return 0;
+    });
+}
+
+void QM_DAT_releaseobjdata(QM_DAT_hold *hold) { delete hold; }
 
 void QM_DAT_freedata(QM_DAT_record **records) {
     if (records == nullptr) return;

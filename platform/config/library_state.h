@@ -13,10 +13,23 @@
 #include "file_lock.h"
 #include "generation.h"
 #include "model.h"
+#include "qm_config.h"
 #include "schema.h"
 #include "store.h"
 
 namespace quelm::platform::detail {
+
+// The records of one object read, with the C views of them that
+// QM_DAT_visitobjdata and QM_DAT_holdobjdata hand out (made once, when the
+// read is made: the views point into the records, which never change).
+struct ObjectRecords {
+    explicit ObjectRecords(std::vector<Record> read);
+    ObjectRecords(const ObjectRecords &) = delete;
+    ObjectRecords &operator=(const ObjectRecords &) = delete;
+
+    const std::vector<Record> records;
+    std::vector<QM_DAT_view> views;
+};
 
 // What the library opened for one gateway root in one process.
 struct State {
@@ -44,7 +57,7 @@ struct State {
     // call reads the same lists again and again. Bounded in bytes.
     struct CachedObject {
         int code;
-        std::shared_ptr<const std::vector<Record>> records;
+        std::shared_ptr<const ObjectRecords> records;
     };
     std::unordered_map<std::string, CachedObject> objects;
     std::size_t object_bytes = 0;
@@ -58,7 +71,7 @@ struct State {
     bool cache_current();
     // The same for whole objects.
     const CachedObject *cached_object(const std::string &name);
-    void remember_object(const std::string &name, int code, std::shared_ptr<const std::vector<Record>> records);
+    void remember_object(const std::string &name, int code, std::shared_ptr<const ObjectRecords> records);
 
     ~State();
     DataModel model() { return DataModel(*schema, *db, *factory); }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -82,6 +83,38 @@ TEST_F(ConfigCacheTest, VisitShowsWhatGetobjdataGives) {
     int code = -1;
     EXPECT_EQ(visited("User", code, 2).size(), 2u);  // a visitor may stop the walk
     EXPECT_EQ(code, 0);
+}
+
+// A hold shows what a visit shows, and keeps it while the library forgets
+// it: the cache is dropped by a change, the records are read again.
+TEST_F(ConfigCacheTest, HeldRecordsOutliveTheCache) {
+    const QM_DAT_view *views = nullptr;
+    std::size_t count = 0;
+    QM_DAT_hold *hold = nullptr;
+    ASSERT_EQ(QM_DAT_holdobjdata("User", &views, &count, &hold), 0);
+    ASSERT_NE(hold, nullptr);
+    std::vector<Record> held;
+    for (std::size_t i = 0; i < count; ++i) held.emplace_back(views[i].name, views[i].value, views[i].type);
+    EXPECT_EQ(held, records_of("User"));
+
+    ASSERT_EQ(QM_DAT_setobjproperty("User_2", "Username", "renamed", 0), 0);
+    EXPECT_NE(records_of("User"), held);  // read again, into new records
+    std::vector<Record> still;
+    for (std::size_t i = 0; i < count; ++i) {
+        EXPECT_EQ(std::strlen(views[i].name), views[i].name_len);
+        still.emplace_back(std::string(views[i].name, views[i].name_len), std::string(views[i].value, views[i].value_len),
+                           views[i].type);
+    }
+    EXPECT_EQ(still, held);
+    QM_DAT_releaseobjdata(hold);
+    QM_DAT_releaseobjdata(nullptr);
+
+    const int code = QM_DAT_holdobjdata("Nope", &views, &count, &hold);
+    EXPECT_NE(code, 0);
+    EXPECT_EQ(QM_err_get(), code);
+    EXPECT_EQ(views, nullptr);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(hold, nullptr);
 }
 
 TEST_F(ConfigCacheTest, CachedReadsFollowEveryChange) {
