@@ -69,7 +69,12 @@ constexpr std::array<bool, 256> kEscaped = [] {
     return table;
 }();
 
-bool needs_escape(unsigned char byte) { return kEscaped[byte]; }
+// The bytes not copied as they are: those to escape, and NUL.
+constexpr std::array<bool, 256> kStopsRun = [] {
+    std::array<bool, 256> table = kEscaped;
+    table[0] = true;
+    return table;
+}();
 
 // Stages `text` escaped for `mode` (1 or 2) and writes it; Ssi is left
 // empty.
@@ -129,24 +134,26 @@ size_t ssi_escape_value(const char *text, size_t len, char *out) {
     const int mode = Ssi_mode;
     if (mode != SSI_MODE_PLAIN && mode != SSI_MODE_JS && mode != SSI_MODE_JSON) return 0;  // compat: as write_value
     // Like "%.*s", the text ends at its first NUL.
-    const std::size_t length = ::strnlen(text, taken);
     if (mode == SSI_MODE_PLAIN) {
+        const std::size_t length = ::strnlen(text, taken);
         std::memcpy(out, text, length);
         return length;
     }
-    char *at = out;
-    for (std::size_t i = 0; i < length; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (!needs_escape(byte)) {
-            *at++ = text[i];
+    // Copied as scanned (values are mostly a few plain bytes) up to the NUL
+    // that ends the text.
+    char *to = out;
+    for (const char *at = text, *end = text + taken; at != end; ++at) {
+        const auto byte = static_cast<unsigned char>(*at);
+        if (!kStopsRun[byte]) {
+            *to++ = *at;
             continue;
         }
+        if (byte == 0) break;
         const std::string_view escaped = escape_of(byte, mode);
-        std::memcpy(at, escaped.data(), escaped.size());
-        at += escaped.size();
+        to = std::copy(escaped.begin(), escaped.end(), to);
     }
     Ssi[0] = '\0';
-    return static_cast<size_t>(at - out);
+    return static_cast<size_t>(to - out);
 }
 
 int ssiprintf(const char *format, ...) {

@@ -17,7 +17,9 @@
 #include "json/json_writer.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
+#include <new>
 
 #include "cgi_output.h"
 #include "ssi.h"
@@ -31,15 +33,24 @@ constexpr std::size_t kFirstBufferSize = 16 * 1024;
 // Bytes that strict JSON escaping replaces.
 constexpr bool strict_escaped(unsigned char byte) { return byte == '"' || byte == '\\' || byte < 0x20; }
 
-// Appends text escaped strictly; Out has append(string_view) and append(char).
+constexpr std::array<bool, 256> kStrictEscaped = [] {
+    std::array<bool, 256> table{};
+    for (unsigned byte = 0; byte < table.size(); ++byte) table[byte] = strict_escaped(static_cast<unsigned char>(byte));
+    return table;
+}();
+
+// Appends text escaped strictly, each run of unchanged bytes in one piece;
+// Out has append(string_view) and append(char).
 template <typename Out>
 void append_escape_strict(Out &out, std::string_view text) {
-    std::size_t plain = 0;  // start of the run not yet appended
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if (!strict_escaped(byte)) continue;
-        out.append(text.substr(plain, i - plain));
-        plain = i + 1;
+    const char *at = text.data();
+    const char *const end = at + text.size();
+    for (;;) {
+        const char *run = at;
+        while (at != end && !kStrictEscaped[static_cast<unsigned char>(*at)]) ++at;
+        out.append(std::string_view(run, static_cast<std::size_t>(at - run)));
+        if (at == end) return;
+        const auto byte = static_cast<unsigned char>(*at++);
         if (byte < 0x20) {
             char escape[kControlEscapeSize];
             std::snprintf(escape, sizeof escape, "\\u%04x", byte);
@@ -49,7 +60,52 @@ void append_escape_strict(Out &out, std::string_view text) {
             out.append(static_cast<char>(byte));
         }
     }
-    out.append(text.substr(plain));
+}
+
+// Most bytes one byte becomes under strict escaping (\u00XX).
+constexpr std::size_t kStrictGrowth = kControlEscapeSize - 1;
+
+// Writes text escaped strictly at `at`, which has room for kStrictGrowth
+// bytes per byte of text; returns the end of what it wrote.
+char *put_escape_strict(char *at, std::string_view text) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    // Copied as scanned: keys are mostly a few plain bytes.
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (!kStrictEscaped[byte]) {
+            *at++ = c;
+        } else if (byte < 0x20) {
+            at = std::copy_n("\\u00", 4, at);
+            *at++ = kHex[byte >> 4];
+            *at++ = kHex[byte & 0xf];
+        } else {
+            *at++ = '\\';
+            *at++ = c;
+        }
+    }
+    return at;
+}
+
+// Writes a separator (a few bytes) at `at`; returns its end. (A loop or a
+// call to memcpy costs more than the copy for these sizes.)
+char *put_short(char *at, std::string_view text) {
+    switch (text.size()) {
+    case 3: at[2] = text[2]; [[fallthrough]];
+    case 2: at[1] = text[1]; [[fallthrough]];
+    case 1: at[0] = text[0]; [[fallthrough]];
+    case 0: break;
+    default: std::memcpy(at, text.data(), text.size()); break;
+    }
+    return at + text.size();
+}
+
+// Most bytes one byte becomes under the output modes' escaping.
+constexpr std::size_t kOutputModeGrowth = SSI_ESCAPED_MAX / (SSI_FORMAT_SIZE - 1);
+
+// Whether ssiprintf prints anything in the current output mode: the modes
+// it knows do, any other prints nothing.
+bool output_mode_prints() {
+    return Ssi_mode == SSI_MODE_PLAIN || Ssi_mode == SSI_MODE_JS || Ssi_mode == SSI_MODE_JSON;
 }
 
 // std::string with the two appends OutBuffer has.
@@ -72,9 +128,9 @@ std::string escape_strict(std::string_view text) {
 void OutBuffer::grow(std::size_t n) {
     std::size_t capacity = capacity_ != 0 ? capacity_ : kFirstBufferSize;
     while (capacity - size_ < n) capacity *= 2;
-    auto bigger = std::make_unique_for_overwrite<char[]>(capacity);
-    if (size_ != 0) std::memcpy(bigger.get(), data_.get(), size_);
-    data_ = std::move(bigger);
+    void *bigger = std::realloc(data_, capacity);
+    if (bigger == nullptr) throw std::bad_alloc();
+    data_ = static_cast<char *>(bigger);
     capacity_ = capacity;
 }
 
@@ -94,7 +150,8 @@ void Writer::write_out(std::string_view text) {
 
 void Writer::write_escaped(std::string_view text) {
     if (buffer_ != nullptr) {
-        append_escape_strict(*buffer_, text);
+        char *at = buffer_->room(kStrictGrowth * text.size());
+        buffer_->commit(static_cast<std::size_t>(put_escape_strict(at, text) - at));
     } else {
         write_out(escape_strict(text));
     }
@@ -107,28 +164,32 @@ void Writer::write_output_mode(std::string_view text) {
         ssiprintf("%.*s", static_cast<int>(text.size()), text.data());
         return;
     }
-    // Escaping makes at most six bytes of one.
     const std::size_t taken = std::min<std::size_t>(text.size(), SSI_FORMAT_SIZE - 1);
-    buffer_->commit(ssi_escape_value(text.data(), taken, buffer_->room(taken * 6)));
+    buffer_->commit(ssi_escape_value(text.data(), taken, buffer_->room(kOutputModeGrowth * taken)));
 }
 
 void Writer::punctuation(std::string_view text) {
-    if (layout_.punctuation_through_output_mode) {
-        write_output_mode(text);
-    } else {
+    if (!layout_.punctuation_through_output_mode) {
         write_out(text);
+    } else if (buffer_ == nullptr) {
+        write_output_mode(text);
+    } else if (output_mode_prints()) {
+        // Braces and commas are the same in every mode that prints, so they
+        // are appended as they are; Ssi is left as ssi_escape_value leaves it.
+        buffer_->append(text);
+        if (Ssi_mode != SSI_MODE_PLAIN) Ssi[0] = '\0';
     }
 }
 
 void Writer::separate() {
     if (has_member_.empty()) return;
-    if (has_member_.back()) punctuation(layout_.member_separator);
-    has_member_.back() = true;
+    if (has_member_.back() != 0) punctuation(layout_.member_separator);
+    has_member_.back() = 1;
 }
 
 void Writer::begin_object() {
     punctuation("{");
-    has_member_.push_back(false);
+    has_member_.push_back(0);
 }
 
 void Writer::end_object() {
@@ -138,6 +199,18 @@ void Writer::end_object() {
 
 void Writer::key(std::string_view name) {
     separate();
+    if (buffer_ != nullptr) {
+        // The whole key in one step: quotes, escaped name, separator.
+        const std::string_view separator = layout_.key_separator;
+        char *const start = buffer_->room(kStrictGrowth * name.size() + 2 + separator.size());
+        char *at = start;
+        *at++ = '"';
+        at = put_escape_strict(at, name);
+        *at++ = '"';
+        at = put_short(at, separator);
+        buffer_->commit(static_cast<std::size_t>(at - start));
+        return;
+    }
     write_out("\"");
     write_escaped(name);
     write_out("\"");
@@ -153,6 +226,17 @@ void Writer::compact_member(std::string_view name, std::string_view value) {
 }
 
 void Writer::string(std::string_view value, Escape escape) {
+    if (buffer_ != nullptr && escape == Escape::output_mode) {
+        // Quotes and the escaped value in one step.
+        const std::size_t taken = std::min<std::size_t>(value.size(), SSI_FORMAT_SIZE - 1);
+        char *const start = buffer_->room(kOutputModeGrowth * taken + 2);
+        char *at = start;
+        *at++ = '"';
+        at += ssi_escape_value(value.data(), taken, at);
+        *at++ = '"';
+        buffer_->commit(static_cast<std::size_t>(at - start));
+        return;
+    }
     write_out("\"");
     switch (escape) {
     case Escape::strict: write_escaped(value); break;
@@ -164,6 +248,43 @@ void Writer::string(std::string_view value, Escape escape) {
 
 void Writer::secret(std::string_view value, bool mask, Escape escape) {
     string(mask ? std::string_view(masked(value)) : value, escape);
+}
+
+void Writer::output_member(std::string_view name, std::string_view value, bool mask) {
+    if (buffer_ == nullptr) {
+        key(name);
+        secret(value, mask, Escape::output_mode);
+        return;
+    }
+    std::string masked_text;
+    if (mask) value = masked_text = masked(value);
+    bool separator = false;
+    if (!has_member_.empty()) {
+        separator = has_member_.back() != 0;
+        has_member_.back() = 1;
+    }
+    const std::string_view member_separator = layout_.member_separator;
+    const std::string_view key_separator = layout_.key_separator;
+    const std::size_t taken = std::min<std::size_t>(value.size(), SSI_FORMAT_SIZE - 1);
+    char *const start = buffer_->room(member_separator.size() + kStrictGrowth * name.size() + 4 +
+                                      key_separator.size() + kOutputModeGrowth * taken);
+    char *at = start;
+    if (separator) {
+        if (!layout_.punctuation_through_output_mode) {
+            at = put_short(at, member_separator);
+        } else if (output_mode_prints()) {
+            at = put_short(at, member_separator);
+            if (Ssi_mode != SSI_MODE_PLAIN) Ssi[0] = '\0';
+        }
+    }
+    *at++ = '"';
+    at = put_escape_strict(at, name);
+    *at++ = '"';
+    at = put_short(at, key_separator);
+    *at++ = '"';
+    at += ssi_escape_value(value.data(), taken, at);
+    *at++ = '"';
+    buffer_->commit(static_cast<std::size_t>(at - start));
 }
 
 void Writer::number(long value) { write_out(std::to_string(value)); }

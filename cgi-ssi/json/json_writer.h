@@ -14,6 +14,7 @@
 // values are escaped as the caller says.
 #pragma once
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -58,28 +59,40 @@ std::string escape_strict(std::string_view text);
 std::string masked(std::string_view secret);
 
 // Output gathered for one write to the response: appends without the
-// bookkeeping of std::string, growing by doubling.
+// bookkeeping of std::string, growing by doubling (with realloc, which
+// moves a large buffer without copying it).
 class OutBuffer {
 public:
+    OutBuffer() = default;
+    OutBuffer(const OutBuffer &) = delete;
+    OutBuffer &operator=(const OutBuffer &) = delete;
+    ~OutBuffer() { std::free(data_); }
+
     // At least n writable bytes at the end; commit() what was written.
     char *room(std::size_t n) {
         if (capacity_ - size_ < n) grow(n);
-        return data_.get() + size_;
+        return data_ + size_;
     }
     void commit(std::size_t n) { size_ += n; }
     void append(std::string_view text) {
-        std::memcpy(room(text.size()), text.data(), text.size());
+        char *at = room(text.size());
+        // Most appends are punctuation: a call to memcpy costs more.
+        if (text.size() == 1) {
+            *at = text[0];
+        } else {
+            std::memcpy(at, text.data(), text.size());
+        }
         size_ += text.size();
     }
     void append(char c) {
         *room(1) = c;
         ++size_;
     }
-    std::string_view view() const { return {data_.get(), size_}; }
+    std::string_view view() const { return {data_, size_}; }
 
 private:
     void grow(std::size_t n);
-    std::unique_ptr<char[]> data_;
+    char *data_ = nullptr;
     std::size_t size_ = 0;
     std::size_t capacity_ = 0;
 };
@@ -100,6 +113,10 @@ public:
     void string(std::string_view value, Escape escape);
     // A secret's value as a string: masked when mask is true.
     void secret(std::string_view value, bool mask, Escape escape);
+    // A member whose value is a string escaped for the output mode, in one
+    // step: the bytes of key(name) then secret(value, mask,
+    // Escape::output_mode).
+    void output_member(std::string_view name, std::string_view value, bool mask);
     void number(long value);
     // Text that is JSON already (a device function's answer).
     void raw(std::string_view json);
@@ -113,8 +130,8 @@ private:
 
     Layout layout_;
     OutBuffer *buffer_ = nullptr;  // null: straight to the response
-    // One entry per open object: whether it has a member yet.
-    std::vector<bool> has_member_;
+    // One entry per open object: whether it has a member yet (0 or 1).
+    std::vector<unsigned char> has_member_;
 };
 
 }  // namespace cgissi::json
