@@ -186,8 +186,9 @@ using Records = quelm::ConfigRecords;
 // gives for it with no suffix and no records); false when there is none.
 bool read_tree(const std::string &path, ResultTree &tree);
 
-// Prints the chain that starts at node as a result tree, in one write.
-void write_tree(const TreeNode *node, bool shadow);
+// Prints the children of parent (a tree's root) as a result tree, in one
+// write.
+void write_tree(const TreeNode *parent, bool shadow);
 
 // True when the token grants path (has_right result 1); names inside
 // brackets grant nothing (rights_path).

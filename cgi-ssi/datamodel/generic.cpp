@@ -142,8 +142,8 @@ void print_read(const char *argument) {
     if (options.autolearn) token_ssi_autolearn = 1;
     token_shadow_password = options.shadow;
     ResultTree tree;
-    if (read_tree(path, tree) && tree.root->child != nullptr) {
-        write_tree(tree.root->child, token_shadow_password != 0);
+    if (read_tree(path, tree) && tree.root->has_children()) {
+        write_tree(tree.root, token_shadow_password != 0);
     } else {
         // A script literal, not a JSON value.
         ssiprintf("%s", "undefined");

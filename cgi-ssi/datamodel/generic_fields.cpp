@@ -204,8 +204,8 @@ void read_cgi_value(std::string &path, GenericRequest &request) {
     ResultTree tree;
     const bool found = read_tree(path, tree);
     request.answer.key(path);
-    if (found && tree.root->child != nullptr) {
-        write_tree(tree.root->child, true);
+    if (found && tree.root->has_children()) {
+        write_tree(tree.root, true);
     } else {
         request.answer.string("", json::Escape::strict);
         // The latest message goes into the error text twice, with no code:

@@ -2,6 +2,8 @@
 // language, printed as JSON-like text or as XML.
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <limits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -34,29 +36,41 @@ constexpr std::size_t kOneReadInstances = 8;
 using quelm::MallocString;
 
 // A record of a read as the tree builder sees it: views of texts that live
-// as long as the tree (or, for a C caller's records, as long as the call,
-// which copies the tree before it returns), so that nodes may point into
-// them.
-struct RecordView {
-    std::string_view name;
-    std::string_view value;
-    std::int8_t type;
-};
+// as long as the tree (records the tree holds, or, for a C caller's
+// records, as long as the call, which copies the tree before it returns),
+// so that nodes may point into them.
+using RecordView = TreeMember;
 using RecordSpan = std::span<const RecordView>;
 
-// The records of name, their texts copied into the tree's arena; false
-// (the shared error code set) when there are none.
+// The records of name, held by the tree (their texts are not copied);
+// false (the shared error code set) when there are none.
+bool held_records(ResultTree &tree, const char *name, std::span<const QM_DAT_view> &out) {
+    const QM_DAT_view *views = nullptr;
+    std::size_t count = 0;
+    QM_DAT_hold *hold = nullptr;
+    if (QM_DAT_holdobjdata(name, &views, &count, &hold) != 0) return false;
+    tree.keep(hold);
+    out = std::span(views, count);
+    return true;
+}
+
 bool read_records(ResultTree &tree, const char *name, std::vector<RecordView> &out) {
-    struct Sink {
-        ResultTree &tree;
-        std::vector<RecordView> &out;
-    } sink{tree, out};
-    const QM_DAT_visitor visit = [](void *context, const QM_DAT_view *r) -> int {
-        auto &s = *static_cast<Sink *>(context);
-        s.out.push_back({s.tree.copy({r->name, r->name_len}), s.tree.copy({r->value, r->value_len}), r->type});
-        return 0;
-    };
-    return QM_DAT_visitobjdata(name, visit, &sink) == 0;
+    std::span<const QM_DAT_view> views;
+    if (!held_records(tree, name, views)) return false;
+    out.reserve(out.size() + views.size());
+    for (const QM_DAT_view &r : views) out.push_back({{r.name, r.name_len}, {r.value, r.value_len}, r.type});
+    return true;
+}
+
+// Distinct names are checked pairwise: cheap for an instance's few
+// properties, not for a whole list.
+constexpr std::size_t kMaxFlatRecords = 32;
+
+// A bit per (length, first byte) of a name: names whose bits differ differ,
+// so most names need not be compared with the others.
+std::uint64_t name_shape(std::string_view name) {
+    const unsigned first = name.empty() ? 0 : static_cast<unsigned char>(name[0]);
+    return std::uint64_t{1} << ((name.size() * 7 + first) % 64);
 }
 
 // Where the walk of the previous record went at each depth. Records arrive
@@ -242,9 +256,9 @@ bool set_instances(std::string_view content, std::string &list) {
     return true;
 }
 
-std::string bounded(std::string text, std::size_t size) {
+// Cuts text to what a buffer of size bytes holds with its terminator.
+void cut(std::string &text, std::size_t size) {
     if (text.size() >= size) text.resize(size - 1);
-    return text;
 }
 
 // The instance list a list path names ("{*}" or "{1,3}") and the text after
@@ -282,35 +296,90 @@ public:
             remainder.find_first_of("[{*") != std::string_view::npos) {
             return false;
         }
-        std::vector<RecordView> all;
-        if (!read_records(tree, object.c_str(), all)) return false;
-        for (const RecordView &r : all) {
+        std::span<const QM_DAT_view> all;
+        if (!held_records(tree, object.c_str(), all)) return false;
+        records_.reserve(all.size());
+        // The members are the tree's: its nodes point at them.
+        members_ = tree.members(all.size());
+        for (const QM_DAT_view &view : all) {
+            const std::string_view name(view.name, view.name_len);
             int number = 0;
-            if (!item_of(r.name, object, remainder, number)) continue;
-            if (runs_.empty() || runs_.back().number != number) runs_.push_back({number, records_.size(), 0});
-            records_.push_back(r);
-            ++runs_.back().count;
+            std::size_t base = 0;
+            if (!item_of(name, object, remainder, number, base)) continue;
+            if (runs_.empty() || runs_.back().number != number) {
+                // Instances arrive in increasing order, each in one run, or
+                // the runs cannot be searched: the items are read by themselves.
+                if (!runs_.empty() && number < runs_.back().number) return false;
+                runs_.push_back({number, records_.size(), 0, base, true, 0});
+            }
+            Run &run = runs_.back();
+            const std::string_view value(view.value, view.value_len);
+            add_to_flat(run, name.substr(base));
+            records_.push_back({name, value, view.type});
+            // As a member, when the run is one: named below the instance.
+            members_[records_.size() - 1] = {run.flat ? name.substr(base + 1) : std::string_view(), value, view.type};
+            ++run.count;
         }
         return true;
     }
 
-    // The records of instance number (none when it has none).
-    RecordSpan of(int number) const {
-        auto at = std::lower_bound(runs_.begin(), runs_.end(), number,
-                                   [](const Run &run, int n) { return run.number < n; });
+    struct Item {
+        RecordSpan records;  // the instance's records (none when it has none)
+        // The same as the instance's members (see TreeNode), when they are.
+        std::span<const TreeMember> members;
+    };
+
+    Item of(int number) {
+        // Lists are mostly read in instance order: the run after the last
+        // one found is tried first.
+        auto at = cursor_ < runs_.size() && runs_[cursor_].number == number
+                      ? runs_.begin() + static_cast<std::ptrdiff_t>(cursor_)
+                      : std::lower_bound(runs_.begin(), runs_.end(), number,
+                                         [](const Run &run, int n) { return run.number < n; });
         if (at == runs_.end() || at->number != number) return {};
-        return RecordSpan(records_).subspan(at->first, at->count);
+        cursor_ = static_cast<std::size_t>(at - runs_.begin()) + 1;
+        Item item{RecordSpan(records_).subspan(at->first, at->count), {}};
+        if (at->flat) item.members = std::span<const TreeMember>(members_ + at->first, at->count);
+        return item;
     }
 
 private:
     struct Run {
         int number;
         std::size_t first, count;
+        std::size_t base;  // length of "<object>_<number>"
+        // Whether the records are what object_tree keeps as members: each
+        // one property below the instance, no two the same (see
+        // flat_records, which decides the same for an object read).
+        bool flat;
+        std::uint64_t shapes;  // a bit per (length, first byte) of the names seen
     };
 
-    // "<object>_<digits>" followed by the remainder, then nothing or "_".
-    static bool item_of(std::string_view name, std::string_view object, std::string_view remainder, int &number) {
-        if (name.size() <= object.size() + 1 || !name.starts_with(object) || name[object.size()] != '_') return false;
+    // rest: the record's name after "<object>_<number>".
+    void add_to_flat(Run &run, std::string_view rest) {
+        if (!run.flat) return;
+        if (rest.empty() || rest.find('_', 1) != std::string_view::npos || run.count >= kMaxFlatRecords) {
+            run.flat = false;
+            return;
+        }
+        const std::string_view relative = rest.substr(1);
+        const std::uint64_t shape = name_shape(relative);
+        if ((run.shapes & shape) != 0) {
+            for (std::size_t i = run.first; i < run.first + run.count; ++i) {
+                if (records_[i].name.substr(run.base + 1) == relative) {
+                    run.flat = false;
+                    return;
+                }
+            }
+        }
+        run.shapes |= shape;
+    }
+
+    // "<object>_<digits>" (base: its length) followed by the remainder, then
+    // nothing or "_".
+    static bool item_of(std::string_view name, std::string_view object, std::string_view remainder, int &number,
+                        std::size_t &base) {
+        if (name.size() <= object.size() + 1 || name[object.size()] != '_' || !name.starts_with(object)) return false;
         std::size_t at = object.size() + 1;
         const std::size_t digits = at;
         number = 0;
@@ -318,18 +387,21 @@ private:
             number = number * 10 + (name[at++] - '0');
         }
         if (at == digits || (at < name.size() && name[at] != '_')) return false;
+        base = at;
         const std::string_view rest = name.substr(at);
         return rest.starts_with(remainder) && (rest.size() == remainder.size() || rest[remainder.size()] == '_');
     }
 
     static constexpr std::size_t kMaxInstanceDigits = 9;  // fits an int
     std::vector<RecordView> records_;
-    std::vector<Run> runs_;  // in increasing instance order
+    TreeMember *members_ = nullptr;    // records_ as members, in runs that are flat
+    std::vector<Run> runs_;            // in increasing instance order
+    std::size_t cursor_ = 0;           // the run after the one found last
 };
 
 TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_path, const char *suffix,
                     QM_DAT_record *records, const char *where) {
-    TreeNode *root = tree.node("");
+    TreeNode *root = tree.node_of("");
     std::string list;
     std::string_view tail;
     if (!path_instances(path, list_path, where, list, tail)) return nullptr;
@@ -344,7 +416,7 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
         case SelectorResult::bad_wheres: QM_LOG_print("Bad syntax in Wheres, aborting the query"); return nullptr;
     }
 
-    TreeNode *list_node = tree.node("List");
+    TreeNode *list_node = tree.node_of("List");
     root->child = list_node;
     TreeNode *last = list_node;
     const std::string sub_suffix = selector.remainder.empty() ? std::string() : selector.remainder.substr(1);
@@ -354,19 +426,48 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
     InstanceRecords grouped;
     const bool one_read = numbers.size() >= kOneReadInstances && grouped.read(tree, list_path.object, selector.remainder);
 
+    // Instances whose names the token learns take the whole way (plain_tree).
+    const bool learning = token_ssi_autolearn != 0 && last_token_name != nullptr && last_token_name[0] != '\0';
+    // Made again for each instance in the same buffers.
+    std::string number, instance, item;
     for (int i : numbers) {
-        const std::string number = std::to_string(i);
-        const std::string instance = bounded(list_path.object + "_" + number, kInstanceNameSize);
-        const std::string item = bounded(list_path.object + "_" + number + selector.remainder, kItemPathSize);
+        char digits[std::numeric_limits<int>::digits10 + 2];
+        number.assign(digits, std::to_chars(digits, digits + sizeof digits, i).ptr);
+        // The item's names, made when something needs them.
+        bool named = false;
+        auto name_item = [&] {
+            if (named) return;
+            instance.assign(list_path.object).append(1, '_').append(number);
+            item.assign(instance).append(selector.remainder);
+            cut(instance, kInstanceNameSize);
+            cut(item, kItemPathSize);
+            named = true;
+        };
         int type = 0;
         // Where clauses apply only when the item path is in the schema.
-        if (!selector.wheres.empty() && schema_type(item.c_str(), type)) {
-            const bool selected = std::all_of(
-                selector.wheres.begin(), selector.wheres.end(),
-                [&](const std::string &w) { return Where_check(records, instance.c_str(), w.c_str()) == 1; });
-            if (!selected) continue;
+        if (!selector.wheres.empty()) {
+            name_item();
+            if (schema_type(item.c_str(), type)) {
+                const bool selected = std::all_of(
+                    selector.wheres.begin(), selector.wheres.end(),
+                    [&](const std::string &w) { return Where_check(records, instance.c_str(), w.c_str()) == 1; });
+                if (!selected) continue;
+            }
         }
-        RecordSpan item_records = one_read ? grouped.of(i) : RecordSpan();
+        const InstanceRecords::Item grouped_item = one_read ? grouped.of(i) : InstanceRecords::Item{};
+        if (!grouped_item.members.empty() && !learning) {
+            // What plain_tree would make of the records, made at once.
+            TreeNode *key = tree.node(number);
+            key->members = grouped_item.members.data();
+            key->member_count = static_cast<std::uint32_t>(grouped_item.members.size());
+            last->next = key;
+            last = key;
+            if (!built.empty()) built += ',';
+            built += number;
+            continue;
+        }
+        name_item();
+        RecordSpan item_records = grouped_item.records;
         std::vector<RecordView> read;
         // An instance the list read has nothing for is read as before, by
         // its item path (which may name a pseudo-property).
@@ -376,6 +477,8 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
         if (sub == nullptr) continue;
         TreeNode *key = tree.node(number);
         key->child = sub->child;
+        key->members = sub->members;
+        key->member_count = sub->member_count;
         last->next = key;
         last = key;
         if (!built.empty()) built += ',';
@@ -411,8 +514,38 @@ bool wanted_record(std::string_view relative, std::string_view wanted) {
     return relative.size() > wanted.size() && relative.starts_with(wanted) && relative[wanted.size()] == '_';
 }
 
+// The records of base that a read keeps (named below base, by the
+// suffix), as members named relative to base (see TreeNode), when that is
+// what the tree builder would make of them; false when one names base
+// itself, one has more than one component, two have the same name, or
+// there are too many to check: the builder then has to decide.
+bool flat_records(std::string_view base, std::string_view wanted, RecordSpan recs,
+                  std::array<TreeMember, kMaxFlatRecords> &flat, std::size_t &count) {
+    count = 0;
+    if (recs.size() > kMaxFlatRecords) return false;
+    std::uint64_t seen_shapes = 0;  // name_shape of the names kept
+    for (const RecordView &r : recs) {
+        if (r.name.size() <= base.size() || r.name[base.size()] != '_' || !r.name.starts_with(base)) {
+            if (r.name == base && wanted.empty()) return false;
+            continue;
+        }
+        const std::string_view relative = r.name.substr(base.size() + 1);
+        if (!wanted_record(relative, wanted)) continue;
+        if (relative.find('_') != std::string_view::npos) return false;
+        const std::uint64_t shape = name_shape(relative);
+        if ((seen_shapes & shape) != 0) {
+            for (std::size_t i = 0; i < count; ++i) {
+                if (flat[i].name == relative) return false;
+            }
+        }
+        seen_shapes |= shape;
+        flat[count++] = {relative, r.value, r.type};
+    }
+    return true;
+}
+
 TreeNode *object_tree(ResultTree &tree, const char *name, const char *suffix, const RecordSpan *records) {
-    TreeNode *root = tree.node("");
+    TreeNode *root = tree.node_of("");
     std::vector<RecordView> read;
     RecordSpan recs;
     if (records != nullptr) {
@@ -425,12 +558,23 @@ TreeNode *object_tree(ResultTree &tree, const char *name, const char *suffix, co
 
     const std::string_view base(name);
     const std::string_view wanted = suffix != nullptr ? suffix : "";
+    std::array<TreeMember, kMaxFlatRecords> flat;
+    std::size_t count = 0;
+    if (flat_records(base, wanted, recs, flat, count)) {
+        if (count != 0) {
+            TreeMember *members = tree.members(count);
+            std::copy_n(flat.begin(), count, members);
+            root->members = members;
+            root->member_count = static_cast<std::uint32_t>(count);
+        }
+        return root;
+    }
     TreeBuilder builder(tree, root);
     for (const RecordView &r : recs) {
         if (r.name == base) {
             // The name is itself a property: its value is the payload.
             if (!wanted.empty()) continue;
-            TreeNode *leaf = tree.node(r.value);
+            TreeNode *leaf = tree.node_of(r.value);
             leaf->type = r.type;
             root->child = leaf;
             builder.forget();
@@ -471,6 +615,38 @@ void free_tree(qm_node *node) {
     }
 }
 
+qm_node *to_c_chain(const TreeNode *node);
+
+// A malloc'd copy of the members as the chain they stand for; null (nothing
+// left allocated) when memory runs out.
+qm_node *to_c_members(std::span<const TreeMember> members) {
+    qm_node *head = nullptr;
+    qm_node **tail = &head;
+    for (const TreeMember &m : members) {
+        qm_node *copy = create_node(std::string(m.name).c_str());
+        if (copy == nullptr) break;
+        copy->type = m.type;
+        *tail = copy;
+        tail = &copy->next;
+        if ((copy->child = create_node(std::string(m.value).c_str())) == nullptr) break;
+        copy->child->type = m.type;
+        if (&m == &members.back()) return head;
+    }
+    free_tree(head);
+    return nullptr;
+}
+
+// A malloc'd copy of the children of node; null when it has none or
+// memory runs out (then false).
+bool to_c_children(const TreeNode *node, qm_node *&out) {
+    if (node->member_count != 0) {
+        out = to_c_members({node->members, node->member_count});
+    } else {
+        out = node->child != nullptr ? to_c_chain(node->child) : nullptr;
+    }
+    return out != nullptr || !node->has_children();
+}
+
 // A malloc'd copy of the chain that starts at node, for the C interface;
 // null (nothing left allocated) when memory runs out.
 qm_node *to_c_chain(const TreeNode *node) {
@@ -482,7 +658,7 @@ qm_node *to_c_chain(const TreeNode *node) {
         copy->type = n->type;
         *tail = copy;
         tail = &copy->next;
-        if (n->child != nullptr && (copy->child = to_c_chain(n->child)) == nullptr) break;
+        if (!to_c_children(n, copy->child)) break;
         if (n->next == nullptr) return head;
     }
     free_tree(head);
@@ -493,6 +669,29 @@ qm_node *to_c_chain(const TreeNode *node) {
 qm_node *to_c_tree(const TreeNode *root) { return root != nullptr ? to_c_chain(root) : nullptr; }
 
 template <typename Node>
+void write_chain(json::Writer &out, const Node *node, bool shadow);
+
+// Members print as the chain they stand for: an object of leaves.
+void write_members(json::Writer &out, std::span<const TreeMember> members, bool shadow) {
+    out.begin_object();
+    for (const TreeMember &m : members) out.output_member(m.name, m.value, shadow && is_secret_type(m.type));
+    out.end_object();
+}
+
+void write_children(json::Writer &out, const TreeNode *node, bool shadow) {
+    if (node->member_count != 0) {
+        write_members(out, {node->members, node->member_count}, shadow);
+    } else {
+        write_chain(out, node->child, shadow);
+    }
+}
+
+void write_children(json::Writer &out, const qm_node *node, bool shadow) { write_chain(out, node->child, shadow); }
+
+bool has_members(const TreeNode *node) { return node->member_count != 0; }
+bool has_members(const qm_node *) { return false; }
+
+template <typename Node>
 void write_chain(json::Writer &out, const Node *node, bool shadow) {
     if (node == nullptr) return;
     if (node->child == nullptr && node->next == nullptr) {
@@ -501,20 +700,30 @@ void write_chain(json::Writer &out, const Node *node, bool shadow) {
     }
     out.begin_object();
     for (const Node *n = node; n != nullptr; n = n->next) {
+        const Node *leaf = n->child;
+        if (leaf != nullptr && leaf->child == nullptr && leaf->next == nullptr && !has_members(n)) {
+            out.output_member(n->text, leaf->text, shadow && is_secret_type(leaf->type));
+            continue;
+        }
         out.key(n->text);
-        write_chain(out, n->child, shadow);
+        write_children(out, n, shadow);
     }
     out.end_object();
 }
 
-// The whole chain printed into one buffer and written in one piece.
-template <typename Node>
-void print_chain(const Node *node, bool shadow) {
+// Printed into one buffer and written in one piece.
+template <typename Print>
+void print_buffered(Print &&print) {
     json::OutBuffer buffer;
     json::Writer out(json::kTreeLayout, buffer);
-    write_chain(out, node, shadow);
+    print(out);
     const std::string_view text = buffer.view();
     cgi_out_write(text.data(), text.size());
+}
+
+// The chain of a C caller's tree, printed as a result tree in one write.
+void print_chain(const qm_node *node, bool shadow) {
+    print_buffered([&](json::Writer &out) { write_chain(out, node, shadow); });
 }
 
 void write_xml(const qm_node *node) {
@@ -538,7 +747,9 @@ bool read_tree(const std::string &path, ResultTree &tree) {
     });
 }
 
-void write_tree(const TreeNode *node, bool shadow) { print_chain(node, shadow); }
+void write_tree(const TreeNode *parent, bool shadow) {
+    print_buffered([&](json::Writer &out) { write_children(out, parent, shadow); });
+}
 
 }  // namespace cgissi::datamodel
 

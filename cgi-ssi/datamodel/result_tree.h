@@ -14,15 +14,35 @@
 #include <string_view>
 #include <vector>
 
+#include "qm_config.h"
+#include "quelm_owned.h"
+
 namespace cgissi::datamodel {
+
+// A property as a read gives it: views of texts that live as long as the
+// tree (records the tree holds, or texts of its own).
+struct TreeMember {
+    std::string_view name;
+    std::string_view value;
+    std::int8_t type;
+};
 
 // The shape of qm_node: a key of an inner node or the value of a leaf,
 // the property's schema type code, the first child and the next sibling.
+// An inner node whose children are all leaves of distinct one-component
+// names (an instance's properties, mostly) holds them as members instead:
+// member i stands for a child named members[i].name whose only child is
+// the leaf members[i].value (both of the member's type), in that order.
+// Such a node has no child chain.
 struct TreeNode {
     std::string_view text;
     std::int8_t type = 0;
+    std::uint32_t member_count = 0;
+    const TreeMember *members = nullptr;
     TreeNode *child = nullptr;
     TreeNode *next = nullptr;
+
+    bool has_children() const { return child != nullptr || member_count != 0; }
 };
 
 class ResultTree {
@@ -68,6 +88,23 @@ public:
         return {at, text.size()};
     }
 
+    // Room for n members that live as long as the tree.
+    TreeMember *members(std::size_t n) {
+        if (member_blocks_.empty() || members_used_ + n > kMemberBlock) {
+            member_blocks_.push_back(std::make_unique_for_overwrite<TreeMember[]>(std::max(n, kMemberBlock)));
+            members_used_ = 0;
+        }
+        TreeMember *at = &member_blocks_.back()[members_used_];
+        members_used_ += n;
+        return at;
+    }
+
+    // Keeps the records of a read alive as long as the tree, so that nodes
+    // may point into them.
+    void keep(QM_DAT_hold *hold) {
+        holds_.emplace_back(hold);
+    }
+
     // The root (text ""), null until a build made one.
     TreeNode *root = nullptr;
 
@@ -76,6 +113,7 @@ private:
     static constexpr std::size_t kMaxNodeBlock = 1024;
     static constexpr std::size_t kFirstTextBlock = 512;
     static constexpr std::size_t kMaxTextBlock = 64 * 1024;
+    static constexpr std::size_t kMemberBlock = 1024;
 
     std::vector<std::unique_ptr<TreeNode[]>> node_blocks_;
     std::size_t node_block_size_ = 0;
@@ -84,6 +122,9 @@ private:
     std::size_t text_block_size_ = 0;
     std::size_t text_used_ = 0;
     std::vector<std::unique_ptr<char[]>> large_texts_;
+    std::vector<std::unique_ptr<TreeMember[]>> member_blocks_;
+    std::size_t members_used_ = 0;
+    std::vector<std::unique_ptr<QM_DAT_hold, quelm::CDeleter<QM_DAT_releaseobjdata>>> holds_;
 };
 
 }  // namespace cgissi::datamodel

@@ -24,6 +24,7 @@
 #include "qm_node.h"
 #include "qm_token.h"
 #include "quelm_owned.h"
+#include "quelm_text.h"
 #include "ssi.h"
 #include "test_support.h"
 
@@ -186,6 +187,13 @@ TEST_F(DatamodelTree, RecordsPrintAsNestedMembers) {
         {"other names ignored", {{"Objective_X", "1", 1}, {"Ob", "2", 1}, {"Obj_Y", "3", 1}}, R"({"Y" : "3"})"},
         {"the name itself", {{"Obj_Key", "pw", 28}}, R"("********")", 1, "Obj_Key"},
         {"values are data, not formats", {{"Obj_F", "%s%n%d", 1}}, R"({"F" : "%s%n%d"})"},
+        {"a name twice: the later value", {{"Obj_A", "x", 1}, {"Obj_B", "y", 1}, {"Obj_A", "z", 1}},
+         R"({"A" : "z","B" : "y"})"},
+        {"same length and first letter", {{"Obj_Ab", "1", 1}, {"Obj_Ac", "2", 1}, {"Obj_Ab", "3", 1}},
+         R"({"Ab" : "3","Ac" : "2"})"},
+        {"properties, then an object", {{"Obj_A", "1", 1}, {"Obj_B", "2", 1}, {"Obj_C_D", "3", 1}},
+         R"({"A" : "1","B" : "2","C" : {"D" : "3"}})"},
+        {"an empty name", {{"Obj_", "v", 1}}, R"({"" : "v"})"},
     };
     for (auto &c : cases) {
         qm_node *root = create_tree_simple(c.name, c.suffix, c.records.head());
@@ -306,6 +314,46 @@ TEST_F(DatamodelModel, EveryPathForm) {
     EXPECT_NE(logged().find("found nothing to match User_Username [nobody]"), std::string::npos);
     EXPECT_NE(logged().find("unknow selector (X for User_*X)"), std::string::npos);
     EXPECT_NE(logged().find("Bad syntax in Wheres, aborting the query"), std::string::npos);
+}
+
+// A list of eight instances or more is read in one piece; what it gives for
+// each instance must be what a read of that instance by itself gives (lists
+// of fewer instances are read item by item). The instances' properties are
+// kept as members, their nested objects (LANDevice) as a tree.
+TEST_F(DatamodelModel, ListReadsInOnePieceGiveWhatItemReadsGive) {
+    for (int i = 4; i <= 10; ++i) ASSERT_EQ(QM_DAT_createobject(("User_" + std::to_string(i)).c_str(), 0), 0);
+    for (int i = 2; i <= 9; ++i) ASSERT_EQ(QM_DAT_createobject(("LANDevice_" + std::to_string(i)).c_str(), 0), 0);
+    set("User_5", "Username", "a\"b<c>\\d");
+    // The payload of a one-instance read: what follows its "<n>" key.
+    auto item = [&](const std::string &object, const std::string &n, const std::string &remainder) {
+        const std::string one = read(object + "_{" + n + "}" + remainder);
+        const std::string key = ",\"" + n + "\" : ";
+        const std::size_t at = one.find(key);
+        return at == std::string::npos ? "(none)" : one.substr(at + key.size(), one.size() - at - key.size() - 1);
+    };
+    const struct { const char *object, *set, *remainder; } cases[] = {
+        {"User", "1,2,3,4,5,6,7,8,9,10", ""},
+        {"User", "3,1,2,2,10,9,4,5,6", ""},  // out of order, twice
+        {"User", "1,2,3,4,5,6,7,8,9", "_Username"},
+        {"User", "1,2,3,4,5,6,7,8,11", "_Password"},  // a secret, a missing instance
+        {"LANDevice", "1,2,3,4,5,6,7,8,9", ""},
+        {"LANDevice", "9,8,7,6,5,4,3,2,1", "_IPInterface"},
+        {"LANDevice", "1,2,3,4,5,6,7,8,9", "_Name"},
+    };
+    for (const auto &c : cases) {
+        std::string list, expected;
+        quelm::split(c.set, ',', [&](std::string_view n) {
+            const std::string payload = item(c.object, std::string(n), c.remainder);
+            if (payload == "(none)") return;
+            list += (list.empty() ? "" : ",") + std::string(n);
+            expected += ",\"" + std::string(n) + "\" : " + payload;
+        });
+        const std::string path = std::string(c.object) + "_{" + c.set + "}" + c.remainder;
+        EXPECT_EQ(read(path), "{\"List\" : \"" + list + "\"" + expected + "}") << path;
+    }
+    // Not a comparison of two failures: the items hold their values.
+    EXPECT_EQ(item("User", "5", "_Username"), "{\"Username\" : \"a\"b<c>\\d\"}");
+    EXPECT_NE(item("LANDevice", "3", "").find("\"IPInterface\" : {\"1\" : {"), std::string::npos);
 }
 
 TEST_F(DatamodelModel, ArraysOfCountZeroAndTheIndexTableEnd) {
