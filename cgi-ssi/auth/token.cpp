@@ -27,6 +27,7 @@
 #include "qm_token.h"
 #include "util/policy.h"
 #include "quelm_guard.h"
+#include "quelm_kept_file.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
 #include "quelm_text.h"
@@ -107,36 +108,50 @@ void record(token_context *context, const char *message) {
     quelm::copy_cut(context->error_text + used, sizeof context->error_text - used, message);
 }
 
-// Reads the first two lines of an open token file as two fgets calls with
-// these buffer sizes would: a line up to its newline, cut at the buffer's
-// size. False when the file has not even one character; a missing second
-// line leaves `second` as it is. `file_size` is the size its status gave:
-// once that much is read, no further call looks for the end.
-bool read_token_lines(int fd, std::size_t file_size, char *first, std::size_t first_size, char *second,
-                      std::size_t second_size) {
+// The bytes of an open token file that its first two lines can take: as
+// many as two fgets calls with these buffer sizes could read, and no more
+// than `file_size`, the size its status gave (once that much is read, no
+// further call looks for the end).
+std::string read_token_text(int fd, std::size_t file_size, std::size_t first_size, std::size_t second_size) {
     const std::size_t wanted = std::min((first_size - 1) + (second_size - 1), std::max<std::size_t>(file_size, 1));
-    std::unique_ptr<char[]> text(new char[wanted]);
+    std::string text(wanted, '\0');
     std::size_t got = 0;
     while (got < wanted) {
-        const ssize_t n = ::read(fd, text.get() + got, wanted - got);
+        const ssize_t n = ::read(fd, text.data() + got, wanted - got);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) break;
         got += static_cast<std::size_t>(n);
     }
-    std::size_t pos = 0;
+    text.resize(got);
+    return text;
+}
+
+// The first two lines of a token file's text as two fgets calls with these
+// buffer sizes would read them: a line up to its newline, cut at the
+// buffer's size. False when the text has not even one character; a missing
+// second line leaves `second` as it is.
+bool token_lines(std::string_view text, char *first, std::size_t first_size, char *second,
+                 std::size_t second_size) {
     auto take_line = [&](char *out, std::size_t size) {
-        if (pos >= got) return false;
-        const std::size_t limit = std::min(size - 1, got - pos);
-        const void *newline = std::memchr(text.get() + pos, '\n', limit);
-        const std::size_t n = newline != nullptr ? static_cast<const char *>(newline) - (text.get() + pos) + 1 : limit;
-        std::memcpy(out, text.get() + pos, n);
+        if (text.empty()) return false;
+        const std::size_t limit = std::min(size - 1, text.size());
+        const std::size_t newline = text.substr(0, limit).find('\n');
+        const std::size_t n = newline != std::string_view::npos ? newline + 1 : limit;
+        std::memcpy(out, text.data(), n);
         out[n] = '\0';
-        pos += n;
+        text.remove_prefix(n);
         return true;
     };
     if (!take_line(first, first_size)) return false;
     take_line(second, second_size);
     return true;
+}
+
+// The token file checked last, kept while a status call finds it unchanged
+// (a page's calls to generic.cgi all carry the page's token).
+quelm::KeptFile &kept_token() {
+    static quelm::KeptFile kept;
+    return kept;
 }
 
 void hold_token(const std::string &path, int lifetime) {
@@ -304,16 +319,23 @@ int get_token_rights(token_context *context) {
         }
         std::string path = std::string(kTokenPathPrefix) + token;
         std::string mapped = quelm::root_path(path);
-        // Opened first (never through a link, never waiting on a FIFO), so
-        // that one status call serves the expiry and the type; what cannot
-        // be opened is looked at with a status call through links.
-        quelm::UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        // The kept text of this token file while its own status (not a
+        // link's target) is unchanged; otherwise the file is opened first
+        // (never through a link, never waiting on a FIFO), so that one
+        // status call serves the expiry and the type; what cannot be opened
+        // is looked at with a status call through links.
+        quelm::KeptFile &kept = kept_token();
         struct stat st {};
-        if (!fd || ::fstat(fd.get(), &st) != 0) {
-            fd.reset();
-            if (::stat(mapped.c_str(), &st) != 0) {
-                record(context, kExpiredMessage);
-                return QM_TOKEN_UNKNOWN;
+        const bool unchanged = kept.unchanged(mapped, st, false);
+        quelm::UniqueFd fd;
+        if (!unchanged) {
+            fd.reset(::open(mapped.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+            if (!fd || ::fstat(fd.get(), &st) != 0) {
+                fd.reset();
+                if (::stat(mapped.c_str(), &st) != 0) {
+                    record(context, kExpiredMessage);
+                    return QM_TOKEN_UNKNOWN;
+                }
             }
         }
         // The modification time is the expiry: the token is still good in that
@@ -323,10 +345,16 @@ int get_token_rights(token_context *context) {
             ::unlink(mapped.c_str());
             return QM_TOKEN_EXPIRED;
         }
+        std::string text;
+        if (!unchanged && fd && S_ISREG(st.st_mode)) {
+            text = read_token_text(fd.get(), static_cast<std::size_t>(st.st_size), kLifetimeLineSize,
+                                   sizeof context->rights);
+            kept = quelm::settled(st) ? quelm::KeptFile{mapped, st, text} : quelm::KeptFile{};
+        }
         char lifetime_line[kLifetimeLineSize] = {};
-        if (!fd || !S_ISREG(st.st_mode) ||
-            !read_token_lines(fd.get(), static_cast<std::size_t>(st.st_size), lifetime_line, sizeof lifetime_line,
-                              context->rights, sizeof context->rights)) {
+        if ((!unchanged && (!fd || !S_ISREG(st.st_mode))) ||
+            !token_lines(unchanged ? kept.bytes : text, lifetime_line, sizeof lifetime_line, context->rights,
+                         sizeof context->rights)) {
             record(context, kUnreadableMessage);
             return QM_TOKEN_UNREADABLE;
         }

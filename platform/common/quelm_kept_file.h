@@ -53,9 +53,12 @@ struct KeptFile {
 
     // Whether the file at `at` is the kept one, unchanged; `now` then holds
     // its status. False when nothing is kept for `at`, when the status call
-    // fails, or when the file changed: read it again.
-    bool unchanged(const std::string &at, struct stat &now) const {
-        return !path.empty() && at == path && ::stat(at.c_str(), &now) == 0 && same_status(now, status);
+    // fails, or when the file changed: read it again. Without follow_links
+    // a link at `at` is never the kept file (its own status is taken).
+    bool unchanged(const std::string &at, struct stat &now, bool follow_links = true) const {
+        if (path.empty() || at != path) return false;
+        const int taken = follow_links ? ::stat(at.c_str(), &now) : ::lstat(at.c_str(), &now);
+        return taken == 0 && same_status(now, status);
     }
 };
 

@@ -4,6 +4,7 @@ configuration lock, and state kept between requests of one process. The path
 language itself is covered in depth by tests/unit/datamodel_test.cpp."""
 
 import base64
+import os
 import fcntl
 import time
 from urllib.parse import urlencode
@@ -202,6 +203,28 @@ def test_state_across_requests_of_one_process(responder, token, qmcfg):
     assert responder(("read", "PortMapping_3_Name")) == b'{"PortMapping_3_Name" : "cam"}\n'
     # The lock of the last write was given back.
     qmcfg("set", "Device", "Hostname", "after")
+
+
+def test_token_file_changed_in_place_is_read_again(responder, token, root):
+    """The responder keeps the text of the token file it read last; a change
+    to its rights, however soon, reaches the next request, and a link put in
+    its place is not followed."""
+    path = token("Device,User")
+    time.sleep(0.2)  # settled: kept
+    for _ in range(2):
+        assert responder(("read", "Device_Hostname")).startswith(b'{"Device_Hostname" : "')
+    expiry = path.stat().st_mtime
+    for rights, granted in (("Users,Device", True), ("LANDevice,Wifi", False), ("Device,User", True)):
+        with open(path, "r+b") as f:  # same file, same size, same expiry
+            f.write(f"600\n{rights}\n".encode())
+        os.utime(path, (expiry, expiry))
+        assert (b'"error"' not in responder(("read", "Device_Hostname"))) == granted, rights
+    time.sleep(0.2)
+    assert b'"error"' not in responder(("read", "Device_Hostname"))
+    target = path.with_name("elsewhere")
+    path.rename(target)
+    path.symlink_to(target)
+    assert b'"error"' in responder(("read", "Device_Hostname"))
 
 
 def test_created_instance_is_not_the_next_requests(responder, token, root, qmcfg):
