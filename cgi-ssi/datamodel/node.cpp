@@ -358,7 +358,7 @@ private:
     // rest: the record's name after "<object>_<number>".
     void add_to_flat(Run &run, std::string_view rest) {
         if (!run.flat) return;
-        if (rest.empty() || rest.find('_', 1) != std::string_view::npos || run.count >= kMaxFlatRecords) {
+        if (rest.empty() || std::find(rest.begin() + 1, rest.end(), '_') != rest.end() || run.count >= kMaxFlatRecords) {
             run.flat = false;
             return;
         }
@@ -379,17 +379,29 @@ private:
     // nothing or "_".
     static bool item_of(std::string_view name, std::string_view object, std::string_view remainder, int &number,
                         std::size_t &base) {
-        if (name.size() <= object.size() + 1 || name[object.size()] != '_' || !name.starts_with(object)) return false;
+        if (name.size() <= object.size() + 1 || name[object.size()] != '_' || !same_start(name, object)) return false;
         std::size_t at = object.size() + 1;
         const std::size_t digits = at;
+        const std::size_t digits_end = std::min(name.size(), digits + kMaxInstanceDigits);
         number = 0;
-        while (at < name.size() && quelm::is_digit(name[at]) && at - digits < kMaxInstanceDigits) {
-            number = number * 10 + (name[at++] - '0');
+        for (; at < digits_end; ++at) {
+            const unsigned digit = static_cast<unsigned char>(name[at]) - unsigned{'0'};
+            if (digit > 9) break;
+            number = number * 10 + static_cast<int>(digit);
         }
         if (at == digits || (at < name.size() && name[at] != '_')) return false;
         base = at;
         const std::string_view rest = name.substr(at);
         return rest.starts_with(remainder) && (rest.size() == remainder.size() || rest[remainder.size()] == '_');
+    }
+
+    // Whether name starts with prefix (which is no longer): object names are
+    // short, so comparing in place costs less than a call.
+    static bool same_start(std::string_view name, std::string_view prefix) {
+        for (std::size_t i = 0; i < prefix.size(); ++i) {
+            if (name[i] != prefix[i]) return false;
+        }
+        return true;
     }
 
     static constexpr std::size_t kMaxInstanceDigits = 9;  // fits an int
@@ -714,10 +726,16 @@ void write_chain(json::Writer &out, const Node *node, bool shadow) {
 // Printed into one buffer and written in one piece.
 template <typename Print>
 void print_buffered(Print &&print) {
-    json::OutBuffer buffer;
+    // A responder prints the same few reads again and again: the buffer
+    // starts as large as the last one needed (bounded, so that one large
+    // read does not make every later one reserve as much).
+    static std::size_t last_size = 0;
+    constexpr std::size_t kMaxExpected = 1024 * 1024;
+    json::OutBuffer buffer(std::min(last_size, kMaxExpected));
     json::Writer out(json::kTreeLayout, buffer);
     print(out);
     const std::string_view text = buffer.view();
+    last_size = text.size();
     cgi_out_write(text.data(), text.size());
 }
 

@@ -256,8 +256,11 @@ void Writer::output_member(std::string_view name, std::string_view value, bool m
         secret(value, mask, Escape::output_mode);
         return;
     }
-    std::string masked_text;
-    if (mask) value = masked_text = masked(value);
+    if (mask) {
+        const std::string shown = masked(value);
+        output_member(name, shown, false);
+        return;
+    }
     bool separator = false;
     if (!has_member_.empty()) {
         separator = has_member_.back() != 0;

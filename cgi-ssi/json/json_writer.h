@@ -64,6 +64,9 @@ std::string masked(std::string_view secret);
 class OutBuffer {
 public:
     OutBuffer() = default;
+    // Room for `expected` bytes from the start, so that a large answer is
+    // not copied as it grows.
+    explicit OutBuffer(std::size_t expected) { grow(expected); }
     OutBuffer(const OutBuffer &) = delete;
     OutBuffer &operator=(const OutBuffer &) = delete;
     ~OutBuffer() { std::free(data_); }
