@@ -28,7 +28,8 @@ namespace cgissi::json {
 namespace {
 
 constexpr std::size_t kControlEscapeSize = sizeof "\\u0000";
-constexpr std::size_t kFirstBufferSize = 16 * 1024;
+// Small enough for the allocator's per-thread cache: most answers are short.
+constexpr std::size_t kFirstBufferSize = 512;
 
 // Bytes that strict JSON escaping replaces.
 constexpr bool strict_escaped(unsigned char byte) { return byte == '"' || byte == '\\' || byte < 0x20; }
