@@ -2,6 +2,7 @@
 // language, printed as JSON-like text or as XML.
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <limits>
 #include <cstdlib>
@@ -301,12 +302,21 @@ public:
         records_.reserve(all.size());
         // The members are the tree's: its nodes point at them.
         members_ = tree.members(all.size());
+        std::string_view run_name;  // the first record of the current run
         for (const QM_DAT_view &view : all) {
             const std::string_view name(view.name, view.name_len);
             int number = 0;
             std::size_t base = 0;
-            if (!item_of(name, object, remainder, number, base)) continue;
+            if (remainder.empty() && !runs_.empty() && name.size() > runs_.back().base &&
+                name[runs_.back().base] == '_' && same_prefix(name, run_name, runs_.back().base)) {
+                // "<object>_<number>_..." of the current run: the same item.
+                number = runs_.back().number;
+                base = runs_.back().base;
+            } else if (!item_of(name, object, remainder, number, base)) {
+                continue;
+            }
             if (runs_.empty() || runs_.back().number != number) {
+                run_name = name;
                 // Instances arrive in increasing order, each in one run, or
                 // the runs cannot be searched: the items are read by themselves.
                 if (!runs_.empty() && number < runs_.back().number) return false;
@@ -402,6 +412,21 @@ private:
             if (name[i] != prefix[i]) return false;
         }
         return true;
+    }
+
+    // Whether the first n bytes of a and b (both at least that long) are the
+    // same: one comparison of a word for the short prefixes of list items.
+    static bool same_prefix(std::string_view a, std::string_view b, std::size_t n) {
+        if constexpr (std::endian::native == std::endian::little) {
+            if (n <= sizeof(std::uint64_t) && a.size() >= sizeof(std::uint64_t) && b.size() >= sizeof(std::uint64_t)) {
+                std::uint64_t x = 0, y = 0;
+                std::memcpy(&x, a.data(), sizeof x);
+                std::memcpy(&y, b.data(), sizeof y);
+                const std::uint64_t mask = n == sizeof x ? ~std::uint64_t{0} : (std::uint64_t{1} << (8 * n)) - 1;
+                return ((x ^ y) & mask) == 0;
+            }
+        }
+        return std::memcmp(a.data(), b.data(), n) == 0;
     }
 
     static constexpr std::size_t kMaxInstanceDigits = 9;  // fits an int
