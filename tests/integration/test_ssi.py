@@ -106,7 +106,7 @@ def test_pages_matching_cgi_pattern_are_refused(site):
 
 # ---- Directives -------------------------------------------------------------------
 
-def test_echo_values_and_attribute_separator(site):
+def test_echo_values_and_attribute_separator(site, log_file):
     page = ('<!--#echo var="DOCUMENT_URI" -->|<!--#echo var=DOCUMENT_NAME -->|'
             '<!--#echo var=QUERY_STRING_UNESCAPED -->|<!--#echo var=A var=B -->|'
             '<!--#echo var=X_FORWARDED_FOR -->|<!--#echo var=nosuch -->|'
@@ -115,6 +115,7 @@ def test_echo_values_and_attribute_separator(site):
     name = f"{site.docroot}/index.htm"
     assert body(raw) == (f"/index.htm|{name}|q=%41&x|a'1 b|||"
                          + UNKNOWN_TAG.format(name, "echo", "value"))
+    assert "SSI unknown symbol <nosuch>" in log_file.read_text()
 
 
 def test_environment_values_escaped_by_echo_mode(site):
@@ -124,11 +125,6 @@ def test_environment_values_escaped_by_echo_mode(site):
     raw = site(text=page, extra={"HTTP_REFERER": referer, "QUERY_STRING": "a='<b>", "PATH_INFO": "/index.htm"})
     assert body(raw) == (referer + "|http://x/\\';alert(1);//\\\"\\u003C/script\\u003E|"
                          "a=\\'\\u003Cb\\u003E|/index.htm")
-
-
-def test_unknown_symbol_is_logged(site, log_file):
-    site(text="<!--#echo var=nosuch_symbol -->")
-    assert "SSI unknown symbol <nosuch_symbol>" in log_file.read_text()
 
 
 @pytest.mark.parametrize("attribute, expected", [
@@ -374,15 +370,12 @@ def test_check_and_uncheck_include_alternatives(site, gateway):
             "<!--#check Device_Hostname=\"other&file=alt.htm\" -->hidden<!--#endCheck -->still<!--#endCheck x -->|"
             "<!--#unCheck Device_Hostname=\"gw&virtual=eq.htm\" -->hidden<!--#endCheck x -->|"
             "<!--#unCheck Device_Hostname=\"&file=alt.htm\" -->empty-differs<!--#endCheck x -->|"
-            "<!--#check Nothing_Here=x -->unknown-object<!--#endCheck x -->")
-    assert body(site(text=page, files=files)) == "same|ALT|EQ|empty-differs|unknown-object"
-
-
-def test_auth_directives_ignored_inside_fired_check(site, gateway):
-    # isNotAuth reuses the last isAuth that was acted on: none here.
-    page = ("<!--#check Device_Hostname=other --><!--#isAuth level=no_realm --><!--#endAuth -->"
+            "<!--#check Nothing_Here=x -->unknown-object<!--#endCheck x -->|"
+            # An isAuth inside a fired check is ignored: isNotAuth, which reuses the
+            # last isAuth acted on, has none and shows its section.
+            "<!--#check Device_Hostname=other --><!--#isAuth level=no_realm --><!--#endAuth -->"
             "<!--#endCheck x -->[<!--#isNotAuth -->visible<!--#endAuth -->]")
-    assert body(site(text=page)) == "[visible]"
+    assert body(site(text=page, files=files)) == "same|ALT|EQ|empty-differs|unknown-object|[visible]"
 
 
 @pytest.fixture
