@@ -104,9 +104,6 @@ protected:
         set_body(body);
         return cgiInitResources(sink);
     }
-    static int post(const char *type, const char *length, const std::string &body, FCGI_FILE *sink = nullptr) {
-        return send("POST", type, length, body, sink);
-    }
 
     int saved_stdin_ = -1;
     std::string root_;
@@ -184,12 +181,12 @@ TEST_F(RequestInit, BodyLengthsTypesAndMethods) {
 TEST_F(RequestInit, BodySizeLimit) {
     constexpr int kLimit = 2098176;
     const std::string at = "a=" + std::string(kLimit - 2, 'x');
-    EXPECT_EQ(post(kUrlencoded, std::to_string(at.size()).c_str(), at + "next"), -1);
+    EXPECT_EQ(send("POST", kUrlencoded, std::to_string(at.size()).c_str(), at + "next"), -1);
     EXPECT_EQ(getFormEntries(), nullptr);
     EXPECT_EQ(unread_body(), "next") << "the refused body is consumed, nothing beyond it";
 
     // An upload sink lifts the limit.
-    EXPECT_EQ(post(kUrlencoded, std::to_string(at.size()).c_str(), at, FCGI_stdout), 0);
+    EXPECT_EQ(send("POST", kUrlencoded, std::to_string(at.size()).c_str(), at, FCGI_stdout), 0);
     ASSERT_NE(getFormEntries(), nullptr);
     EXPECT_EQ(getFormEntries()->valueLength, kLimit - 2);
 }
@@ -197,9 +194,9 @@ TEST_F(RequestInit, BodySizeLimit) {
 TEST_F(RequestInit, FilterRoleTakesDataLength) {
     setenv("FCGI_ROLE", "FILTER", 1);
     setenv("FCGI_DATA_LENGTH", "-5", 1);
-    EXPECT_EQ(post(kUrlencoded, "3", "a=1"), -1) << "the data length is the one used";
+    EXPECT_EQ(send("POST", kUrlencoded, "3", "a=1"), -1) << "the data length is the one used";
     setenv("FCGI_DATA_LENGTH", "0", 1);
-    EXPECT_EQ(post(kUrlencoded, "-1", "a=1"), 0);
+    EXPECT_EQ(send("POST", kUrlencoded, "-1", "a=1"), 0);
     EXPECT_EQ(unread_body(), "") << "standard input of a filter is drained";
 }
 
@@ -482,10 +479,10 @@ TEST_F(RequestFile, UploadedPartsAndTheirFiles) {
     ASSERT_EQ(cgiFormFileOpen("up", &file), cgiFormSuccess);
     char chunk[8];
     int got = 0;
-    EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormSuccess);
-    EXPECT_EQ(std::string(chunk, static_cast<std::size_t>(got)), "hello wo");
-    EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormSuccess);
-    EXPECT_EQ(std::string(chunk, static_cast<std::size_t>(got)), "rld");
+    for (const char *expected : {"hello wo", "rld"}) {
+        EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormSuccess);
+        EXPECT_EQ(std::string(chunk, static_cast<std::size_t>(got)), expected);
+    }
     EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormEmpty);
     EXPECT_EQ(got, 0);
     EXPECT_EQ(cgiFormFileClose(file), cgiFormSuccess);
