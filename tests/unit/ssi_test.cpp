@@ -111,15 +111,13 @@ TEST_F(SsiOutput, FormattingIsCutAt4095Characters) {
 }
 
 TEST_F(SsiOutput, StagingLeavesIn4095ByteChunks) {
-    std::string before_full;
-    std::string at_full;
     int pos = 0;
-    before_full = captured_output([&] {
+    const std::string before_full = captured_output([&] {
         for (int i = 0; i < 4095; ++i) pos = ssisendbyte(pos, static_cast<char>('a' + i % 26));
     });
     EXPECT_EQ(before_full, "") << "nothing leaves until the buffer is full";
     EXPECT_EQ(pos, 4095);
-    at_full = captured_output([&] { pos = ssisendbyte(pos, 'Z'); });
+    const std::string at_full = captured_output([&] { pos = ssisendbyte(pos, 'Z'); });
     ASSERT_EQ(at_full.size(), 4095u);
     EXPECT_EQ(at_full.substr(0, 3), "abc");
     EXPECT_EQ(pos, 1);
