@@ -199,16 +199,12 @@ TEST(UtilList, NextIndexStartsAt1001) {
     for (const Case &c : cases) EXPECT_EQ(quelm::util::next_list_index(c.indices), c.next) << c.indices;
 }
 
-std::filesystem::path make_temp_dir(const char *prefix) {
-    std::string tmpl = (std::filesystem::temp_directory_path() / prefix).string() + "XXXXXX";
-    return mkdtemp(tmpl.data()) ? std::filesystem::path(tmpl) : std::filesystem::path();
-}
-
 class UtilVarFile : public ::testing::Test {
 protected:
     void SetUp() override {
-        dir_ = make_temp_dir("util_var");
-        ASSERT_FALSE(dir_.empty());
+        std::string tmpl = (std::filesystem::temp_directory_path() / "util_varXXXXXX").string();
+        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
+        dir_ = tmpl;
     }
     void TearDown() override { std::filesystem::remove_all(dir_); }
     std::string write(const std::string &content) {
