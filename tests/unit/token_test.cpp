@@ -71,9 +71,7 @@ class Token : public test_support::GatewayRoot {
 
     int check(const char *query, token_context &context) {
         cgiFreeResources();
-        setenv("REQUEST_METHOD", "GET", 1);
-        setenv("QUERY_STRING", query, 1);
-        EXPECT_EQ(cgiInitResources(nullptr), 0);
+        EXPECT_EQ(test_support::get_request(query), 0);
         return get_token_rights(&context);
     }
 };
