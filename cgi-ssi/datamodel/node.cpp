@@ -74,6 +74,23 @@ std::uint64_t name_shape(std::string_view name) {
     return std::uint64_t{1} << ((name.size() * 7 + first) % 64);
 }
 
+// Whether a record named `relative` (below its object) may join `count`
+// members whose names seen(i) gives (see TreeNode): one component, none of
+// theirs, and room left. `shapes` holds the name_shape bits of theirs and
+// gains its own.
+template <typename Seen>
+bool joins_members(std::string_view relative, std::uint64_t &shapes, std::size_t count, Seen &&seen) {
+    if (count >= kMaxFlatRecords || std::find(relative.begin(), relative.end(), '_') != relative.end()) return false;
+    const std::uint64_t shape = name_shape(relative);
+    if ((shapes & shape) != 0) {
+        for (std::size_t i = 0; i < count; ++i) {
+            if (seen(i) == relative) return false;
+        }
+    }
+    shapes |= shape;
+    return true;
+}
+
 // Where the walk of the previous record went at each depth. Records arrive
 // grouped by object, so most components are found again at once instead of
 // by a scan of a chain that, at the top of a large list, holds every
@@ -368,28 +385,16 @@ private:
     // rest: the record's name after "<object>_<number>".
     void add_to_flat(Run &run, std::string_view rest) {
         if (!run.flat) return;
-        if (rest.empty() || std::find(rest.begin() + 1, rest.end(), '_') != rest.end() || run.count >= kMaxFlatRecords) {
-            run.flat = false;
-            return;
-        }
-        const std::string_view relative = rest.substr(1);
-        const std::uint64_t shape = name_shape(relative);
-        if ((run.shapes & shape) != 0) {
-            for (std::size_t i = run.first; i < run.first + run.count; ++i) {
-                if (records_[i].name.substr(run.base + 1) == relative) {
-                    run.flat = false;
-                    return;
-                }
-            }
-        }
-        run.shapes |= shape;
+        run.flat = !rest.empty() && joins_members(rest.substr(1), run.shapes, run.count, [&](std::size_t i) {
+            return records_[run.first + i].name.substr(run.base + 1);
+        });
     }
 
     // "<object>_<digits>" (base: its length) followed by the remainder, then
     // nothing or "_".
     static bool item_of(std::string_view name, std::string_view object, std::string_view remainder, int &number,
                         std::size_t &base) {
-        if (name.size() <= object.size() + 1 || name[object.size()] != '_' || !same_start(name, object)) return false;
+        if (name.size() <= object.size() + 1 || name[object.size()] != '_' || !same_prefix(name, object, object.size())) return false;
         std::size_t at = object.size() + 1;
         const std::size_t digits = at;
         const std::size_t digits_end = std::min(name.size(), digits + kMaxInstanceDigits);
@@ -405,17 +410,9 @@ private:
         return rest.starts_with(remainder) && (rest.size() == remainder.size() || rest[remainder.size()] == '_');
     }
 
-    // Whether name starts with prefix (which is no longer): object names are
-    // short, so comparing in place costs less than a call.
-    static bool same_start(std::string_view name, std::string_view prefix) {
-        for (std::size_t i = 0; i < prefix.size(); ++i) {
-            if (name[i] != prefix[i]) return false;
-        }
-        return true;
-    }
-
     // Whether the first n bytes of a and b (both at least that long) are the
-    // same: one comparison of a word for the short prefixes of list items.
+    // same. The prefixes of list items are short: one comparison of a word
+    // where both are long enough, else byte by byte (less than a call).
     static bool same_prefix(std::string_view a, std::string_view b, std::size_t n) {
         if constexpr (std::endian::native == std::endian::little) {
             if (n <= sizeof(std::uint64_t) && a.size() >= sizeof(std::uint64_t) && b.size() >= sizeof(std::uint64_t)) {
@@ -426,7 +423,10 @@ private:
                 return ((x ^ y) & mask) == 0;
             }
         }
-        return std::memcmp(a.data(), b.data(), n) == 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            if (a[i] != b[i]) return false;
+        }
+        return true;
     }
 
     static constexpr std::size_t kMaxInstanceDigits = 9;  // fits an int
@@ -470,6 +470,15 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
     for (int i : numbers) {
         char digits[std::numeric_limits<int>::digits10 + 2];
         number.assign(digits, std::to_chars(digits, digits + sizeof digits, i).ptr);
+        // The instance's key, after the last one; its number joins the list.
+        auto add_key = [&] {
+            TreeNode *key = tree.node(number);
+            last->next = key;
+            last = key;
+            if (!built.empty()) built += ',';
+            built += number;
+            return last;
+        };
         // The item's names, made when something needs them.
         bool named = false;
         auto name_item = [&] {
@@ -494,13 +503,9 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
         const InstanceRecords::Item grouped_item = one_read ? grouped.of(i) : InstanceRecords::Item{};
         if (!grouped_item.members.empty() && !learning) {
             // What plain_tree would make of the records, made at once.
-            TreeNode *key = tree.node(number);
+            TreeNode *key = add_key();
             key->members = grouped_item.members.data();
             key->member_count = static_cast<std::uint32_t>(grouped_item.members.size());
-            last->next = key;
-            last = key;
-            if (!built.empty()) built += ',';
-            built += number;
             continue;
         }
         name_item();
@@ -512,14 +517,10 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
         const bool found = !item_records.empty();
         TreeNode *sub = plain_tree(tree, instance.c_str(), next_suffix, found ? &item_records : nullptr);
         if (sub == nullptr) continue;
-        TreeNode *key = tree.node(number);
+        TreeNode *key = add_key();
         key->child = sub->child;
         key->members = sub->members;
         key->member_count = sub->member_count;
-        last->next = key;
-        last = key;
-        if (!built.empty()) built += ',';
-        built += number;
     }
 
     list_node->child = tree.node(built);
@@ -568,14 +569,7 @@ bool flat_records(std::string_view base, std::string_view wanted, RecordSpan rec
         }
         const std::string_view relative = r.name.substr(base.size() + 1);
         if (!wanted_record(relative, wanted)) continue;
-        if (relative.find('_') != std::string_view::npos) return false;
-        const std::uint64_t shape = name_shape(relative);
-        if ((seen_shapes & shape) != 0) {
-            for (std::size_t i = 0; i < count; ++i) {
-                if (flat[i].name == relative) return false;
-            }
-        }
-        seen_shapes |= shape;
+        if (!joins_members(relative, seen_shapes, count, [&](std::size_t i) { return flat[i].name; })) return false;
         flat[count++] = {relative, r.value, r.type};
     }
     return true;

@@ -31,37 +31,12 @@ constexpr std::size_t kControlEscapeSize = sizeof "\\u0000";
 // Small enough for the allocator's per-thread cache: most answers are short.
 constexpr std::size_t kFirstBufferSize = 512;
 
-// Bytes that strict JSON escaping replaces.
-constexpr bool strict_escaped(unsigned char byte) { return byte == '"' || byte == '\\' || byte < 0x20; }
-
+// The bytes that strict JSON escaping replaces: '"', '\\' and control bytes.
 constexpr std::array<bool, 256> kStrictEscaped = [] {
     std::array<bool, 256> table{};
-    for (unsigned byte = 0; byte < table.size(); ++byte) table[byte] = strict_escaped(static_cast<unsigned char>(byte));
+    for (unsigned byte = 0; byte < table.size(); ++byte) table[byte] = byte == '"' || byte == '\\' || byte < 0x20;
     return table;
 }();
-
-// Appends text escaped strictly, each run of unchanged bytes in one piece;
-// Out has append(string_view) and append(char).
-template <typename Out>
-void append_escape_strict(Out &out, std::string_view text) {
-    const char *at = text.data();
-    const char *const end = at + text.size();
-    for (;;) {
-        const char *run = at;
-        while (at != end && !kStrictEscaped[static_cast<unsigned char>(*at)]) ++at;
-        out.append(std::string_view(run, static_cast<std::size_t>(at - run)));
-        if (at == end) return;
-        const auto byte = static_cast<unsigned char>(*at++);
-        if (byte < 0x20) {
-            char escape[kControlEscapeSize];
-            std::snprintf(escape, sizeof escape, "\\u%04x", byte);
-            out.append(std::string_view(escape));
-        } else {
-            out.append('\\');
-            out.append(static_cast<char>(byte));
-        }
-    }
-}
 
 // Most bytes one byte becomes under strict escaping (\u00XX).
 constexpr std::size_t kStrictGrowth = kControlEscapeSize - 1;
@@ -109,20 +84,38 @@ bool output_mode_prints() {
     return Ssi_mode == SSI_MODE_PLAIN || Ssi_mode == SSI_MODE_JS || Ssi_mode == SSI_MODE_JSON;
 }
 
-// std::string with the two appends OutBuffer has.
-struct StringOut {
-    std::string &text;
-    void append(std::string_view more) { text.append(more); }
-    void append(char c) { text += c; }
-};
+// Room that put_key needs for name.
+std::size_t key_room(std::string_view name, const Layout &layout) {
+    return kStrictGrowth * name.size() + 2 + layout.key_separator.size();
+}
+
+// "name" and the key separator at `at`; returns the end.
+char *put_key(char *at, std::string_view name, const Layout &layout) {
+    *at++ = '"';
+    at = put_escape_strict(at, name);
+    *at++ = '"';
+    return put_short(at, layout.key_separator);
+}
+
+// The part of value an output-mode string takes (as ssiprintf cuts it) and
+// the room put_output_string needs for it.
+std::size_t output_taken(std::string_view value) { return std::min<std::size_t>(value.size(), SSI_FORMAT_SIZE - 1); }
+std::size_t output_string_room(std::size_t taken) { return kOutputModeGrowth * taken + 2; }
+
+// The first `taken` bytes of value escaped for the output mode, in double
+// quotes, at `at`; returns the end.
+char *put_output_string(char *at, std::string_view value, std::size_t taken) {
+    *at++ = '"';
+    at += ssi_escape_value(value.data(), taken, at);
+    *at++ = '"';
+    return at;
+}
 
 }  // namespace
 
 std::string escape_strict(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    StringOut sink{out};
-    append_escape_strict(sink, text);
+    std::string out(kStrictGrowth * text.size(), '\0');
+    out.resize(static_cast<std::size_t>(put_escape_strict(out.data(), text) - out.data()));
     return out;
 }
 
@@ -165,21 +158,28 @@ void Writer::write_output_mode(std::string_view text) {
         ssiprintf("%.*s", static_cast<int>(text.size()), text.data());
         return;
     }
-    const std::size_t taken = std::min<std::size_t>(text.size(), SSI_FORMAT_SIZE - 1);
+    const std::size_t taken = output_taken(text);
     buffer_->commit(ssi_escape_value(text.data(), taken, buffer_->room(kOutputModeGrowth * taken)));
 }
 
 void Writer::punctuation(std::string_view text) {
-    if (!layout_.punctuation_through_output_mode) {
-        write_out(text);
-    } else if (buffer_ == nullptr) {
+    if (buffer_ != nullptr) {
+        char *at = buffer_->room(text.size());
+        buffer_->commit(static_cast<std::size_t>(put_punctuation(at, text) - at));
+    } else if (layout_.punctuation_through_output_mode) {
         write_output_mode(text);
-    } else if (output_mode_prints()) {
-        // Braces and commas are the same in every mode that prints, so they
-        // are appended as they are; Ssi is left as ssi_escape_value leaves it.
-        buffer_->append(text);
-        if (Ssi_mode != SSI_MODE_PLAIN) Ssi[0] = '\0';
+    } else {
+        write_out(text);
     }
+}
+
+char *Writer::put_punctuation(char *at, std::string_view text) const {
+    if (!layout_.punctuation_through_output_mode) return put_short(at, text);
+    if (!output_mode_prints()) return at;
+    // Braces and commas are the same in every mode that prints, so they are
+    // written as they are; Ssi is left as ssi_escape_value leaves it.
+    if (Ssi_mode != SSI_MODE_PLAIN) Ssi[0] = '\0';
+    return put_short(at, text);
 }
 
 void Writer::separate() {
@@ -201,15 +201,8 @@ void Writer::end_object() {
 void Writer::key(std::string_view name) {
     separate();
     if (buffer_ != nullptr) {
-        // The whole key in one step: quotes, escaped name, separator.
-        const std::string_view separator = layout_.key_separator;
-        char *const start = buffer_->room(kStrictGrowth * name.size() + 2 + separator.size());
-        char *at = start;
-        *at++ = '"';
-        at = put_escape_strict(at, name);
-        *at++ = '"';
-        at = put_short(at, separator);
-        buffer_->commit(static_cast<std::size_t>(at - start));
+        char *at = buffer_->room(key_room(name, layout_));
+        buffer_->commit(static_cast<std::size_t>(put_key(at, name, layout_) - at));
         return;
     }
     write_out("\"");
@@ -228,14 +221,9 @@ void Writer::compact_member(std::string_view name, std::string_view value) {
 
 void Writer::string(std::string_view value, Escape escape) {
     if (buffer_ != nullptr && escape == Escape::output_mode) {
-        // Quotes and the escaped value in one step.
-        const std::size_t taken = std::min<std::size_t>(value.size(), SSI_FORMAT_SIZE - 1);
-        char *const start = buffer_->room(kOutputModeGrowth * taken + 2);
-        char *at = start;
-        *at++ = '"';
-        at += ssi_escape_value(value.data(), taken, at);
-        *at++ = '"';
-        buffer_->commit(static_cast<std::size_t>(at - start));
+        const std::size_t taken = output_taken(value);
+        char *at = buffer_->room(output_string_room(taken));
+        buffer_->commit(static_cast<std::size_t>(put_output_string(at, value, taken) - at));
         return;
     }
     write_out("\"");
@@ -262,32 +250,14 @@ void Writer::output_member(std::string_view name, std::string_view value, bool m
         output_member(name, shown, false);
         return;
     }
-    bool separator = false;
-    if (!has_member_.empty()) {
-        separator = has_member_.back() != 0;
-        has_member_.back() = 1;
-    }
-    const std::string_view member_separator = layout_.member_separator;
-    const std::string_view key_separator = layout_.key_separator;
-    const std::size_t taken = std::min<std::size_t>(value.size(), SSI_FORMAT_SIZE - 1);
-    char *const start = buffer_->room(member_separator.size() + kStrictGrowth * name.size() + 4 +
-                                      key_separator.size() + kOutputModeGrowth * taken);
-    char *at = start;
-    if (separator) {
-        if (!layout_.punctuation_through_output_mode) {
-            at = put_short(at, member_separator);
-        } else if (output_mode_prints()) {
-            at = put_short(at, member_separator);
-            if (Ssi_mode != SSI_MODE_PLAIN) Ssi[0] = '\0';
-        }
-    }
-    *at++ = '"';
-    at = put_escape_strict(at, name);
-    *at++ = '"';
-    at = put_short(at, key_separator);
-    *at++ = '"';
-    at += ssi_escape_value(value.data(), taken, at);
-    *at++ = '"';
+    const bool separator = !has_member_.empty() && has_member_.back() != 0;
+    if (!has_member_.empty()) has_member_.back() = 1;
+    const std::size_t taken = output_taken(value);
+    char *const start = buffer_->room(layout_.member_separator.size() + key_room(name, layout_) +
+                                      output_string_room(taken));
+    char *at = separator ? put_punctuation(start, layout_.member_separator) : start;
+    at = put_key(at, name, layout_);
+    at = put_output_string(at, value, taken);
     buffer_->commit(static_cast<std::size_t>(at - start));
 }
 

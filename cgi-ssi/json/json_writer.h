@@ -126,6 +126,8 @@ public:
 
 private:
     void punctuation(std::string_view text);
+    // Buffered punctuation written at `at` (room for text); returns the end.
+    char *put_punctuation(char *at, std::string_view text) const;
     void separate();
     void write_out(std::string_view text);
     void write_escaped(std::string_view text);
