@@ -54,5 +54,18 @@ bound_row "instructions per property (all of $n x 8, warm)" "$(value datamodel.s
 before=$(value ssi.summary rss_anon_before) after=$(value ssi.summary rss_anon_after)
 growth=$(awk -v a="$after" -v b="$before" 'BEGIN { if (a ~ /^[0-9]+$/ && b ~ /^[0-9]+$/) print a - b; else print "?" }')
 bound_row "RssAnon growth, kB, $(value ssi.summary mixed_requests) mixed requests" "$growth" 256
+# The same products against the copying responder on libfcgi's own loop,
+# which waits for lighttpd to close each connection (no target).
+info_ratio() { # product reference
+  awk -v p="$1" -v r="$2" 'BEGIN { if (p ~ /^[0-9.]+$/ && r ~ /^[0-9.]+$/ && r + 0 > 0) printf "%.2f", p / r; else print "-" }'
+}
+printf 'against a copy on libfcgi'"'"'s own close: page %s' \
+  "$(info_ratio "$(value ssi.summary page_rate)" "$(value ssi.summary libfcgi_copy_rate)")"
+for read in all one none; do
+  printf ', %s %s' "$read" \
+    "$(info_ratio "$(value datamodel.summary "rate_${n}_$read")" "$(value datamodel.summary "libfcgi_${n}_$read")")"
+done
+printf ' (libfcgi copy: page %s req/s, none %s req/s)\n' "$(value ssi.summary libfcgi_copy_rate)" \
+  "$(value datamodel.summary "libfcgi_${n}_none")"
 echo "RssAnon of the page responder: idle $(value ssi.summary rss_anon_idle) kB, before the mixed run $before kB, after $after kB"
 echo "warm instructions per page request: $(value ssi.summary ir_page_warm)"

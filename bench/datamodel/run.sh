@@ -9,7 +9,10 @@
 #   none       (token only)             the fixed cost of a request
 # For each N and read: instructions of one request run as a plain CGI
 # (callgrind, process start included; "net" subtracts the "none" request),
-# and requests per second through lighttpd and one FastCGI responder (wrk).
+# and requests per second through lighttpd and one FastCGI responder (wrk),
+# against a responder that copies the same answer ("copy", ending requests
+# as cgi-ssi does) and the same copy on libfcgi's own loop and close
+# ("libfcgi copy", which waits for lighttpd to close each connection).
 #
 #   bench/datamodel/run.sh [BUILD_DIR]      (default: build)
 #
@@ -131,8 +134,10 @@ serve_root() { # root run_dir
   mkdir -p "$run/www"
   conf=$run/lighttpd.conf
   QUELM_LOG_FILE=$run/cgi-ssi.log "$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$run/www" "$run" > "$conf"
-  # The reference: the minimal copying responder serving the same JSON bytes.
+  # The references: the minimal copying responder serving the same JSON
+  # bytes, and the same on libfcgi's own close.
   reference_backend_conf .bfc bench-fcgi-copy >> "$conf"
+  reference_backend_conf .bfl bench-fcgi-copy-libfcgi >> "$conf"
   base="http://127.0.0.1:$port"
   start_lighttpd "$conf" "$run/lighttpd.out" "$base/generic.cgi?${query[none]}"
 }
@@ -147,6 +152,14 @@ best_of() { # rate rate
   fi
 }
 
+rate_ratio() { # rate reference: "-" unless both are numbers
+  if [[ "$1" =~ ^[0-9.]+$ && "$2" =~ ^[0-9.]+$ ]]; then
+    awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }'
+  else
+    echo -
+  fi
+}
+
 rps() { # url
   timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s \
       -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$1" 2>&1 |
@@ -155,21 +168,25 @@ rps() { # url
 
 {
   printf 'generic.cgi reads of an Array of N instances x 8 properties (%s)\n' "$(date -u +%FT%TZ)"
-  printf '%-6s %-6s %10s %14s %14s %10s %10s %6s\n' N read bytes instructions net req/s copy-req/s ratio
+  printf '%-6s %-6s %10s %14s %14s %10s %10s %6s %10s %6s\n' N read bytes instructions net req/s copy-req/s ratio \
+    libfcgi-cp ratio
 } | tee "$report"
 
-declare -A all_rate=() all_copy=()
+declare -A all_rate=() all_copy=() all_libfcgi=()
 for n in $sizes; do
   root=$work/root-$n
   make_root "$n" "$root"
   set_queries "$n"
-  declare -A ir=() rate=() copy_rate=()
+  declare -A ir=() rate=() copy_rate=() libfcgi_rate=()
   if [ "$do_callgrind" = 1 ]; then
     for r in "${reads[@]}"; do ir[$r]=$(instructions "$root" "${query[$r]}"); done
   fi
   if [ "$do_wrk" = 1 ]; then
     mkdir -p "$work/run-$n/www"
-    for r in "${reads[@]}"; do answer "$root" "${query[$r]}" > "$work/run-$n/www/$r.bfc"; done
+    for r in "${reads[@]}"; do
+      answer "$root" "${query[$r]}" > "$work/run-$n/www/$r.bfc"
+      ln "$work/run-$n/www/$r.bfc" "$work/run-$n/www/$r.bfl"
+    done
     serve_root "$root" "$work/run-$n"
     for r in "${reads[@]}"; do
       wrk -t1 -c1 -d1s -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
@@ -178,24 +195,22 @@ for n in $sizes; do
       for ((round = 1; round <= rounds; round++)); do
         rate[$r]=$(best_of "${rate[$r]:-}" "$(rps "$base/generic.cgi?${query[$r]}")")
         copy_rate[$r]=$(best_of "${copy_rate[$r]:-}" "$(rps "$base/$r.bfc")")
+        libfcgi_rate[$r]=$(best_of "${libfcgi_rate[$r]:-}" "$(rps "$base/$r.bfl")")
       done
     done
     stop_lighttpd
   fi
   for r in "${reads[@]}"; do
-    all_rate[${n}_$r]=${rate[$r]:-?} all_copy[${n}_$r]=${copy_rate[$r]:-?}
+    all_rate[${n}_$r]=${rate[$r]:-?} all_copy[${n}_$r]=${copy_rate[$r]:-?} all_libfcgi[${n}_$r]=${libfcgi_rate[$r]:-?}
   done
   for r in "${reads[@]}"; do
     size=$(answer_size "$root" "${query[$r]}")
     total=${ir[$r]:--}
     net=-
     if [ -n "${ir[$r]:-}" ] && [ -n "${ir[none]:-}" ]; then net=$(( ${ir[$r]} - ${ir[none]} )); fi
-    ratio=-
-    if [[ "${rate[$r]:-}" =~ ^[0-9.]+$ && "${copy_rate[$r]:-}" =~ ^[0-9.]+$ ]]; then
-      ratio=$(awk -v a="${rate[$r]}" -v b="${copy_rate[$r]}" 'BEGIN { printf "%.2f", a / b }')
-    fi
-    printf '%-6s %-6s %10s %14s %14s %10s %10s %6s\n' "$n" "$r" "$size" "$total" "$net" "${rate[$r]:--}" \
-      "${copy_rate[$r]:--}" "$ratio"
+    printf '%-6s %-6s %10s %14s %14s %10s %10s %6s %10s %6s\n' "$n" "$r" "$size" "$total" "$net" "${rate[$r]:--}" \
+      "${copy_rate[$r]:--}" "$(rate_ratio "${rate[$r]:-}" "${copy_rate[$r]:-}")" \
+      "${libfcgi_rate[$r]:--}" "$(rate_ratio "${rate[$r]:-}" "${libfcgi_rate[$r]:-}")"
   done | tee -a "$report"
 done
 # ----------------------------------------------- sessions, warm responder --
@@ -248,6 +263,7 @@ fi
     for r in "${reads[@]}"; do
       echo "rate_${n}_${r} ${all_rate[${n}_$r]:-?}"
       echo "copy_${n}_${r} ${all_copy[${n}_$r]:-?}"
+      echo "libfcgi_${n}_${r} ${all_libfcgi[${n}_$r]:-?}"
     done
   done
   for count in 0 1000 10000; do echo "sessions_${count}_rate ${session_rate[$count]:-?}"; done

@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # The page benchmark. One lighttpd on loopback serves the same 8 KB page with
-# 20 echo directives four ways:
+# 20 echo directives five ways:
 #   (a) cgi-ssi rendering it (FastCGI, started as "ssi")       /page.htm
 #   (b) a FastCGI responder that only copies the file          /page.bfc
 #   (c) lighttpd's own mod_ssi rendering it                    /page.shtml
 #   (d) the file served as a static file                       /page.txt
+#   (e) the copying responder on libfcgi's own close           /page.bfl
 # wrk loads each target in turn; then cgi-ssi runs once under callgrind as a
 # plain CGI to count the instructions of one page request. See bench/README.md.
 #
@@ -12,7 +13,7 @@
 #
 # Knobs (environment): BENCH_DURATION seconds per measured run (3),
 # BENCH_WARMUP seconds of warm-up per target (1), BENCH_ROUNDS rounds over the
-# four targets (2), BENCH_THREADS (2), BENCH_CONNECTIONS (8),
+# five targets (2), BENCH_THREADS (2), BENCH_CONNECTIONS (8),
 # BENCH_MAX_REQUESTS per wrk thread and run (1000000), BENCH_PORT (a free one),
 # BENCH_CALLGRIND=0 skips the instruction count.
 set -euo pipefail
@@ -47,9 +48,9 @@ mkdir -p "$sessions" && chmod 700 "$sessions"
 printf 'REMOTE_ADDR=127.0.0.1\nHTTP_USER_AGENT=%s\nREALM=web\n' "$user_agent" > "$sessions/web_bench1"
 cookie='QM_web_ID=bench1'
 
-# One file under four names: every target serves exactly the same bytes.
+# One file under five names: every target serves exactly the same bytes.
 cp "$here/page.shtml" "$docroot/page.shtml"
-for name in page.htm page.bfc page.txt; do
+for name in page.htm page.bfc page.txt page.bfl; do
   ln "$docroot/page.shtml" "$docroot/$name"
 done
 # The same page with every directive turned into a plain comment ("<!--#"
@@ -63,9 +64,10 @@ conf=$run/lighttpd.conf
 "$top/scripts/lighttpd-conf.sh" "$root" "$port" "$bin" "$docroot" "$run" > "$conf"
 cat >> "$conf" <<CONF
 
-# ---- page benchmark: the reference FastCGI responder (b) ----
+# ---- page benchmark: the reference FastCGI responders (b) and (e) ----
 CONF
 reference_backend_conf .bfc bench-fcgi-copy >> "$conf"
+reference_backend_conf .bfl bench-fcgi-copy-libfcgi >> "$conf"
 lighttpd -tt -f "$conf" >/dev/null
 
 base=http://127.0.0.1:$port
@@ -85,12 +87,13 @@ anon_ssi_idle=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" RssAnon || echo "?")
 rss_copy_idle=$( [ -n "$copy_pid" ] && status_kb "$copy_pid" VmRSS || echo "?")
 
 # ----------------------------------------------------------------- probe --
-targets=(a b c d)
+targets=(a b c d e)
 declare -A url label probe_status probe_size probe_type probe_note
 url[a]="/page.htm?$query";   label[a]="cgi-ssi (FastCGI, renders)"
 url[b]="/page.bfc?$query";   label[b]="copy responder (FastCGI, no render)"
 url[c]="/page.shtml?$query"; label[c]="lighttpd mod_ssi (renders)"
 url[d]="/page.txt?$query";   label[d]="static file"
+url[e]="/page.bfl?$query";   label[e]="copy responder, libfcgi's close"
 
 problems=()
 for t in "${targets[@]}"; do
@@ -275,6 +278,7 @@ ab=$(ratio "${best[a]}" "${best[b]}")
 ac=$(ratio "${best[a]}" "${best[c]}")
 bd=$(ratio "${best[b]}" "${best[d]}")
 cd_=$(ratio "${best[c]}" "${best[d]}")
+ae=$(ratio "${best[a]}" "${best[e]}")
 target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (r >= 0.9) print "target 0.90 met"; else print "target 0.90 NOT met" }')
 
 {
@@ -301,6 +305,7 @@ target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (
   echo "a/c = $ac   (cgi-ssi against lighttpd mod_ssi)"
   echo "b/d = $bd   (FastCGI round trip against the static file)"
   echo "c/d = $cd_   (mod_ssi against the static file)"
+  echo "a/e = $ae   (cgi-ssi against the copy-only responder on libfcgi's loop, which waits for lighttpd's close)"
   echo
   echo "(a) with live sessions of other visitors in the folder (best of $rounds rounds, against none in the same rounds):"
   for n in "${session_counts[@]}"; do
@@ -333,6 +338,7 @@ target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (
 {
   echo "page_rate ${best[a]}"
   echo "copy_rate ${best[b]}"
+  echo "libfcgi_copy_rate ${best[e]}"
   for n in "${session_counts[@]}"; do echo "sessions_${n}_rate ${best_sessions[$n]}"; done
   echo "rss_anon_idle ${anon_ssi_idle:-?}"
   echo "rss_anon_before ${anon_ssi_before:-?}"

@@ -3,10 +3,9 @@
 // serves exactly one request as a plain CGI.
 #include <cstdlib>
 
-#define NO_FCGI_DEFINES
-#include <fcgi_stdio.h>
 
 #include "core/dispatch.h"
+#include "core/fcgi_request.h"
 #include "qm_config.h"
 #include "qm_session.h"
 #include "quelm_guard.h"
@@ -23,7 +22,7 @@ int main(int argc, char **argv) {
     cgissi::init_cgi(&registry);
     cgissi::session::secure_store_directory();
 
-    while (FCGI_Accept() >= 0) {
+    while (cgissi::fcgi::accept_request()) {
         QM_SessionRealm = std::getenv("QUELM_REALM");
         // One request's failure (memory exhaustion above all) ends that
         // request, not the responder.

@@ -6,6 +6,7 @@
 #define NO_FCGI_DEFINES
 #include <fcgi_stdio.h>
 
+#include "core/fcgi_request.h"
 #include "quelm_http.h"
 
 namespace {
@@ -61,9 +62,9 @@ extern "C" int cgi_out_printf(const char *format, ...) {
 extern "C" int cgi_out_flush(void) { return FCGI_fflush(FCGI_stdout); }
 
 extern "C" void cgi_out_finish(void) {
-    // A plain CGI's FCGI_Finish does nothing; a finished FastCGI request's
-    // stream takes no more flushes (the call returns EOF, harmless).
-    FCGI_Finish();
+    // A plain CGI's request has nothing to finish; a finished FastCGI
+    // request's stream takes no more flushes (the call returns EOF, harmless).
+    cgissi::fcgi::finish_request();
     cgi_out_flush();
 }
 

@@ -47,20 +47,31 @@ def request(address, params, body=b"", timeout=30):
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as conn:
         conn.settimeout(timeout)
         conn.connect(address)
-        encoded = _params(params)  # each stream ends with an empty record
-        conn.sendall(b"".join([_record(BEGIN_REQUEST, struct.pack(">HB5x", RESPONDER, 0)),
-                               _record(PARAMS, encoded) if encoded else b"", _record(PARAMS, b""),
-                               _record(STDIN, body) if body else b"", _record(STDIN, b"")]))
-        stdout, stderr = b"", b""
-        while True:
-            _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", _read_exact(conn, 8))
-            content = _read_exact(conn, length + padding)[:length]
-            if kind == STDOUT:
-                stdout += content
-            elif kind == STDERR:
-                stderr += content
-            elif kind == END_REQUEST:
-                return stdout, stderr
+        send_request(conn, params, body)
+        return read_answer(conn)
+
+
+def send_request(conn, params, body=b"", end_input=True):
+    """Sends the records of one request; with end_input false, its input
+    stream is left open (more of the body could follow)."""
+    encoded = _params(params)  # each stream ends with an empty record
+    conn.sendall(b"".join([_record(BEGIN_REQUEST, struct.pack(">HB5x", RESPONDER, 0)),
+                           _record(PARAMS, encoded) if encoded else b"", _record(PARAMS, b""),
+                           _record(STDIN, body) if body else b"", _record(STDIN, b"") if end_input else b""]))
+
+
+def read_answer(conn):
+    """Reads records up to the request's end; returns (stdout, stderr)."""
+    stdout, stderr = b"", b""
+    while True:
+        _, kind, _, length, padding, _ = struct.unpack(">BBHHBB", _read_exact(conn, 8))
+        content = _read_exact(conn, length + padding)[:length]
+        if kind == STDOUT:
+            stdout += content
+        elif kind == STDERR:
+            stderr += content
+        elif kind == END_REQUEST:
+            return stdout, stderr
 
 
 SANITIZER_MARKS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")

@@ -1,9 +1,11 @@
 """The request loop through the real executable: dispatch by name, request
 bodies at and around their limits, and the FastCGI path behind lighttpd."""
 
+import socket
+
 import pytest
 
-from fcgi import Responder
+from fcgi import Responder, read_answer, send_request
 
 # The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
@@ -136,6 +138,33 @@ def test_many_fastcgi_requests_leak_nothing(bin_dir, env, tmp_path):
             out, _ = responder.request(params, b"a=1&b=2&c=3" if i % 3 == 0 else b"")
             assert out == BUILTIN_ANSWER if i % 2 else out.startswith(PAGE_MISSING)
     assert responder.proc.returncode == 0
+
+
+@pytest.mark.parametrize("length, body, end_input, closes_first", [
+    ("0", b"", True, True),                  # nothing more can come: closed with the answer
+    ("11", b"a=1&b=2&c=3", False, False),    # input still open: libfcgi's close, which waits
+])
+def test_connection_is_closed_at_once_only_when_input_has_ended(bin_dir, env, tmp_path, length, body, end_input,
+                                                                closes_first):
+    params = {"SCRIPT_FILENAME": "/www/dir/nosuch.cgi", "SCRIPT_NAME": "/dir/nosuch.cgi", "REQUEST_METHOD": "POST",
+              "CONTENT_LENGTH": length, "QUELM_REALM": "web"}
+    with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as responder:
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as conn:
+            conn.settimeout(30)
+            conn.connect(responder.address)
+            send_request(conn, params, body, end_input)
+            assert read_answer(conn)[0] == UNKNOWN_NAME
+            assert conn.recv(1) == b""  # the answer's end: shut down, or closed
+            # Closed, the responder takes nothing more; waiting for this end
+            # to close, it still reads (and drops) what comes.
+            try:
+                conn.sendall(b"\0" * 8)
+                closed = False
+            except BrokenPipeError:
+                closed = True
+            assert closed == closes_first
+        # Either way the responder goes on to the next request.
+        assert responder.request(dict(params, CONTENT_LENGTH="0"))[0] == UNKNOWN_NAME
 
 
 ERROR_PAGE = b"<HTML>\n<HEAD>\n<TITLE>Error</TITLE>\n</HEAD>\n<BODY>Internal Server Error generic.cgi</BODY>\n</HTML>\n"
