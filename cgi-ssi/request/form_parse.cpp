@@ -14,21 +14,47 @@ namespace {
 
 using EntryPtr = std::unique_ptr<cgiFormEntry, quelm::CDeleter<free_entry>>;
 
-// One urlencoded field; null when any piece could not be allocated (the
-// pieces made so far are freed with it).
+// The empty file name, content type and temporary name of every urlencoded
+// field. Writable, as the C structure's fields are; a field pointing here
+// was allocated in one piece with its name and value.
+char urlencoded_empty[1];
+
+// Writes text unescaped to out, which has room for text.size() + 1 bytes;
+// returns the end of what was written (its terminator).
+char *unescape_into(char *out, std::string_view text) {
+    char *d = out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (c == '+') {
+            *d++ = ' ';
+        } else if (c == '%') {
+            if (text.size() - i - 1 < 2) break;  // an incomplete escape gives nothing
+            int high = cgiHexValue[static_cast<unsigned char>(text[i + 1])];
+            int low = cgiHexValue[static_cast<unsigned char>(text[i + 2])];
+            *d++ = static_cast<char>(static_cast<unsigned char>(high * 16 + low));
+            i += 2;
+        } else {
+            *d++ = c;
+        }
+    }
+    *d = '\0';
+    return d;
+}
+
+// One urlencoded field: the entry, its name and its value in one
+// allocation; null when it cannot be had.
 EntryPtr make_entry(std::string_view name, std::string_view value) {
-    EntryPtr entry(static_cast<cgiFormEntry *>(std::calloc(1, sizeof(cgiFormEntry))));
+    const std::size_t size = sizeof(cgiFormEntry) + name.size() + 1 + value.size() + 1;
+    EntryPtr entry(static_cast<cgiFormEntry *>(std::calloc(1, size)));
     if (!entry) return nullptr;
-    entry->attr = unescape(name).release();
-    if (entry->attr == nullptr) return nullptr;
-    entry->value = unescape(value).release();
-    if (entry->value == nullptr) return nullptr;
+    entry->attr = reinterpret_cast<char *>(entry.get() + 1);
+    entry->value = unescape_into(entry->attr, name) + 1;
+    unescape_into(entry->value, value);
     // strlen, not the unescaped byte count: an escaped zero byte ends the value.
     entry->valueLength = static_cast<int>(std::strlen(entry->value));
-    entry->fileName = copy_text("").release();
-    entry->contentType = copy_text("").release();
-    entry->tfileName = copy_text("").release();
-    if (entry->fileName == nullptr || entry->contentType == nullptr || entry->tfileName == nullptr) return nullptr;
+    entry->fileName = urlencoded_empty;
+    entry->contentType = urlencoded_empty;
+    entry->tfileName = urlencoded_empty;
     return entry;
 }
 
@@ -45,28 +71,16 @@ MallocString copy_text(std::string_view text) {
 
 MallocString unescape(std::string_view text) {
     MallocString out(static_cast<char *>(std::malloc(text.size() + 1)));
-    if (!out) return out;
-    char *d = out.get();
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        char c = text[i];
-        if (c == '+') {
-            *d++ = ' ';
-        } else if (c == '%') {
-            if (text.size() - i - 1 < 2) break;  // an incomplete escape gives nothing
-            int high = cgiHexValue[static_cast<unsigned char>(text[i + 1])];
-            int low = cgiHexValue[static_cast<unsigned char>(text[i + 2])];
-            *d++ = static_cast<char>(static_cast<unsigned char>(high * 16 + low));
-            i += 2;
-        } else {
-            *d++ = c;
-        }
-    }
-    *d = '\0';
+    if (out) unescape_into(out.get(), text);
     return out;
 }
 
 void free_entry(cgiFormEntry *entry) {
     if (entry == nullptr) return;
+    if (entry->fileName == urlencoded_empty) {  // one piece, no temporary file
+        std::free(entry);
+        return;
+    }
     std::free(entry->attr);
     std::free(entry->value);
     std::free(entry->fileName);
