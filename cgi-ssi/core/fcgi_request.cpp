@@ -13,6 +13,10 @@ extern char **environ;
 namespace cgissi::fcgi {
 namespace {
 
+// FCGI_RESPONDER of the FastCGI protocol, the role a request's begin record
+// names (fcgiapp.h does not define the roles).
+constexpr int kResponderRole = 1;
+
 // libfcgi's stdio layer reads and writes through these three; FCGI_Accept
 // would point them at its own request.
 FCGI_FILE &stream(int which) { return _fcgi_sF[which]; }
@@ -41,9 +45,9 @@ Loop &loop() {
 bool input_ended(FCGX_Request &request) {
     if (request.in == nullptr) return false;
     if (FCGX_HasSeenEOF(request.in) != 0) return true;
-    const char *role = FCGX_GetParam("FCGI_ROLE", request.envp);
+    // A filter's input may have been switched to its data stream.
+    if (request.role != kResponderRole) return false;
     const char *length = FCGX_GetParam("CONTENT_LENGTH", request.envp);
-    if (role == nullptr || std::strcmp(role, "RESPONDER") != 0) return false;
     if (length == nullptr || std::strcmp(length, "0") != 0) return false;
     return FCGX_GetChar(request.in) == EOF;
 }

@@ -1,6 +1,7 @@
 #include "cgi_output.h"
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #define NO_FCGI_DEFINES
@@ -27,6 +28,8 @@ extern "C" int cgi_out_write(const void *data, size_t len) {
 }
 
 extern "C" int cgi_out_vprintf(const char *format, va_list args) {
+    // Most header lines are fixed text: written as they are, unformatted.
+    if (std::strchr(format, '%') == nullptr) return cgi_out_write(format, std::strlen(format));
     char small[kStackFormat];
     va_list again;
     va_copy(again, args);
