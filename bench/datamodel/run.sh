@@ -23,7 +23,8 @@
 #
 # Knobs (environment): BENCH_SIZES ("100 1000"), BENCH_DURATION seconds
 # per wrk run (3), BENCH_ROUNDS of product and reference in turn, the best
-# of each kept (2), BENCH_THREADS (1), BENCH_CONNECTIONS (4), BENCH_PORT,
+# of each kept (2), BENCH_SESSION_ROUNDS of none, 1,000 and 10,000 live
+# sessions (3), BENCH_THREADS (1), BENCH_CONNECTIONS (4), BENCH_PORT,
 # BENCH_CALLGRIND=0 / BENCH_WRK=0 skip a part.
 #
 # Obj is an Array on purpose: a List's instance list text is refused beyond
@@ -39,6 +40,7 @@ duration=${BENCH_DURATION:-3}
 threads=${BENCH_THREADS:-1}
 connections=${BENCH_CONNECTIONS:-4}
 rounds=${BENCH_ROUNDS:-2}
+session_rounds=${BENCH_SESSION_ROUNDS:-3}
 do_callgrind=${BENCH_CALLGRIND:-1}
 do_wrk=${BENCH_WRK:-1}
 token=abc123
@@ -221,7 +223,7 @@ sessions=$root/var/quelm/session
 declare -A session_rate=()
 if [ "$do_wrk" = 1 ]; then
   serve_root "$root" "$work/run-sessions"
-  for _ in 1 2; do
+  for ((round = 1; round <= session_rounds; round++)); do
     for count in 0 1000 10000; do
       [ "$count" = 0 ] && find "$sessions" -name 'web_s*' -delete 2>/dev/null
       bench_add_sessions "$sessions" "$count"

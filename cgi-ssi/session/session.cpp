@@ -68,7 +68,11 @@ std::string cut(std::string text, std::size_t size) {
 }
 
 std::string session_path(const char *token) {
-    return cut(std::string(kSessionPath) + "/" + realm() + "_" + or_empty(token), kPathSize);
+    const std::string_view folder = kSessionPath, name = realm(), id = or_empty(token);
+    std::string path;
+    path.reserve(folder.size() + name.size() + id.size() + 2);  // one allocation
+    path.append(folder).append("/").append(name).append("_").append(id);
+    return cut(std::move(path), kPathSize);
 }
 
 bool valid_token(const char *token) { return token != nullptr && cgissi::session::valid_token(token); }
