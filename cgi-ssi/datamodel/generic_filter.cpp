@@ -277,6 +277,13 @@ int where_holds(QM_DAT_record *records, const char *instance_name, const char *c
         QM_LOG_print("%s : failed to extract operator or value in %s", where_name, clause);
         return 0;
     }
+    return parsed_where_holds(records, instance_name, where, where_name);
+}
+
+}  // namespace
+
+int parsed_where_holds(QM_DAT_record *records, const char *instance_name, const WhereClause &where,
+                       const char *where_name) {
     std::string object = instance_name;
     std::string property = where.field;
     const std::size_t cut = where.field.rfind('_');
@@ -297,8 +304,6 @@ int where_holds(QM_DAT_record *records, const char *instance_name, const char *c
     }
     return holds;
 }
-
-}  // namespace
 
 // ---- Pure parsers ------------------------------------------------------------
 

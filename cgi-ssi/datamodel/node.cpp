@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -20,6 +21,7 @@
 #include "qm_generic.h"
 #include "qm_node.h"
 #include "qm_token.h"
+#include "quelm_guard.h"
 #include "ssi.h"
 #include "quelm_chars.h"
 #include "quelm_guard.h"
@@ -467,6 +469,20 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
     const bool learning = token_ssi_autolearn != 0 && last_token_name != nullptr && last_token_name[0] != '\0';
     // Made again for each instance in the same buffers.
     std::string number, instance, item;
+    // Each clause is parsed once for all instances; one that does not parse
+    // goes to Where_check each time, which logs it for each instance.
+    std::vector<std::optional<WhereClause>> clauses;
+    clauses.reserve(selector.wheres.size());
+    for (const std::string &w : selector.wheres) {
+        WhereClause clause;
+        clauses.push_back(parse_where(w.c_str(), clause) ? std::optional<WhereClause>(std::move(clause)) : std::nullopt);
+    }
+    auto clause_holds = [&](std::size_t n) {
+        if (!clauses[n]) return Where_check(records, instance.c_str(), selector.wheres[n].c_str()) == 1;
+        return quelm::guarded(0, "Where_check", [&] {
+                   return parsed_where_holds(records, instance.c_str(), *clauses[n], "Where_check");
+               }) == 1;
+    };
     for (int i : numbers) {
         char digits[std::numeric_limits<int>::digits10 + 2];
         number.assign(digits, std::to_chars(digits, digits + sizeof digits, i).ptr);
@@ -494,9 +510,8 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
         if (!selector.wheres.empty()) {
             name_item();
             if (schema_type(item.c_str(), type)) {
-                const bool selected = std::all_of(
-                    selector.wheres.begin(), selector.wheres.end(),
-                    [&](const std::string &w) { return Where_check(records, instance.c_str(), w.c_str()) == 1; });
+                bool selected = true;
+                for (std::size_t n = 0; n < clauses.size() && selected; ++n) selected = clause_holds(n);
                 if (!selected) continue;
             }
         }

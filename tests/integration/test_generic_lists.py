@@ -87,3 +87,17 @@ def test_one_responder_sees_a_change_between_reads(bin_dir, env, tmp_path, users
         second, _ = responder.request(params)
     assert b'"11" : {"Username" : "user11"}' in first and b'"12" : ' in first
     assert b'"11" : {"Username" : "changed"}' in second and b'"12" : ' not in second
+
+
+@pytest.mark.parametrize("path, numbers, logged", [
+    ("User_*[Enable=1][Username!=user3]_Username", [i for i in USERS if i % 2 and i != 3], []),
+    # A clause that does not parse selects nothing and is logged for every
+    # instance; so is an unknown operator.
+    ("User_*[Enable=1][Enable]_Username", [], ["Where_check : failed to extract operator or value in Enable"] * 6),
+    ("User_*[Enable??1]_Username", [], ["Where_check: unknow operator (??)"] * 12),
+])
+def test_where_clauses_select_and_log_per_instance(cgi, users, log_file, path, numbers, logged):
+    tree = read(cgi, path)
+    assert [k for k, _ in tree] == ["List"] + [str(i) for i in numbers]
+    lines = log_file.read_text().splitlines() if log_file.exists() else []
+    assert [line.split("]: ", 1)[1] for line in lines if "Where_check" in line] == logged
