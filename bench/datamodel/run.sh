@@ -244,10 +244,11 @@ fi
 
 declare -A warm=()
 if [ "$do_callgrind" = 1 ]; then
+  # A GET's parameters as lighttpd passes them, CONTENT_LENGTH "0" among them.
   for r in all one none; do
     params=$(python3 -c 'import json, sys; print(json.dumps({"SCRIPT_FILENAME": "/www/generic.cgi", "SCRIPT_NAME": "/generic.cgi",
       "REQUEST_METHOD": "GET", "QUERY_STRING": sys.argv[1], "QUELM_REALM": "web", "REMOTE_ADDR": "127.0.0.1",
-      "HTTP_HOST": "127.0.0.1", "HTTP_COOKIE": sys.argv[2], "HTTP_USER_AGENT": sys.argv[3]}))' \
+      "HTTP_HOST": "127.0.0.1", "HTTP_COOKIE": sys.argv[2], "HTTP_USER_AGENT": sys.argv[3], "CONTENT_LENGTH": "0"}))' \
       "${query[$r]}" "$cookie" "$user_agent")
     count=20
     [ "$r" = all ] && count=3

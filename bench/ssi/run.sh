@@ -205,10 +205,11 @@ stop_lighttpd
 #   plain  the same page with no directive (same size)
 #   start  no page at all: the responder starts, initialises, accepts the one
 #          request and returns before any handler runs
+# The variables are those lighttpd passes for a GET, CONTENT_LENGTH "0" among them.
 cgi_env() { # script-file script-name
   local env_args=(
     PATH=/usr/bin:/bin QUELM_ROOT="$root" QUELM_LOG_FILE="$run/cgi-ssi-callgrind.log"
-    QUELM_REALM=web QUELM_SRV_IDX=1 GATEWAY_INTERFACE=CGI/1.1 REQUEST_METHOD=GET
+    QUELM_REALM=web QUELM_SRV_IDX=1 GATEWAY_INTERFACE=CGI/1.1 REQUEST_METHOD=GET CONTENT_LENGTH=0
     QUERY_STRING="$query" REQUEST_URI="$2?$query" DOCUMENT_ROOT="$docroot"
     HTTP_HOST="127.0.0.1:$port" HTTP_USER_AGENT="$user_agent" HTTP_ACCEPT="$accept" HTTP_COOKIE="$cookie"
     REMOTE_ADDR=127.0.0.1 REMOTE_PORT=40000 SERVER_NAME=127.0.0.1 SERVER_ADDR=127.0.0.1
