@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #define NO_FCGI_DEFINES
 #include <fcgi_stdio.h>
@@ -36,6 +37,19 @@ Loop &loop() {
     return l;
 }
 
+// The request's CONTENT_LENGTH, or null. A pass over the parameters that
+// looks at two bytes of most (FCGX_GetParam calls strncmp on each).
+const char *content_length(char **envp) {
+    static constexpr std::string_view kName = "CONTENT_LENGTH=";
+    for (char **p = envp; p != nullptr && *p != nullptr; ++p) {
+        const char *entry = *p;
+        if (entry[0] == 'C' && entry[1] == 'O' && std::strncmp(entry, kName.data(), kName.size()) == 0) {
+            return entry + kName.size();
+        }
+    }
+    return nullptr;
+}
+
 // True when the web server can send nothing more for this request, so the
 // connection may be closed without waiting for its end. A request that said
 // its body is empty is followed only by the end of its input stream, which
@@ -47,7 +61,7 @@ bool input_ended(FCGX_Request &request) {
     if (FCGX_HasSeenEOF(request.in) != 0) return true;
     // A filter's input may have been switched to its data stream.
     if (request.role != kResponderRole) return false;
-    const char *length = FCGX_GetParam("CONTENT_LENGTH", request.envp);
+    const char *length = content_length(request.envp);
     if (length == nullptr || std::strcmp(length, "0") != 0) return false;
     return FCGX_GetChar(request.in) == EOF;
 }
