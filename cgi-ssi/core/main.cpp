@@ -3,7 +3,6 @@
 // serves exactly one request as a plain CGI.
 #include <cstdlib>
 
-
 #include "core/dispatch.h"
 #include "core/fcgi_request.h"
 #include "qm_config.h"

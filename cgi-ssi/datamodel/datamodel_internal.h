@@ -84,10 +84,8 @@ struct WhereClause {
 // "%128[a-zA-Z0-9_-]%15[<>!=?]%128s"; false when fewer than three items.
 bool parse_where(const char *clause, WhereClause &out);
 // Where_check of a clause parse_where took: 1 when the instance's field
-// (read from records) satisfies it, else 0; where_name names the caller in
-// the log.
-int parsed_where_holds(QM_DAT_record *records, const char *instance_name, const WhereClause &where,
-                       const char *where_name);
+// (read from records) satisfies it, else 0.
+int where_check(QM_DAT_record *records, const char *instance_name, const WhereClause &where);
 
 // 1 holds, 0 does not, -1 unknown operator.
 int compare_where(std::string_view op, const char *property_value, const char *value);

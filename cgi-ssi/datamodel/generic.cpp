@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "cgi_output.h"
-#include "core/fcgi_request.h"
 #include "cgic.h"
 #include "datamodel/datamodel_internal.h"
 #include "qm_cgi_state.h"
@@ -207,7 +206,7 @@ int generic_cgi(int, char **) {
         quelm::guarded(__func__, serve_request);
         cgiFreeResources();
     }
-    cgissi::fcgi::finish_request();
+    cgi_out_finish();
     if (need_reboot != 0) QM_SYS_reboot(0);
     if (need_factory != 0) quelm::guarded(__func__, run_factory_reset);
     need_reboot = 0;

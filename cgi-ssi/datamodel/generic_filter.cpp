@@ -271,19 +271,10 @@ int filter_flags(const char *filter_text, int *flags) {
     return static_cast<int>(std::min<std::size_t>(current.size(), INT_MAX));
 }
 
-int where_holds(QM_DAT_record *records, const char *instance_name, const char *clause, const char *where_name) {
-    WhereClause where;
-    if (!parse_where(clause, where)) {
-        QM_LOG_print("%s : failed to extract operator or value in %s", where_name, clause);
-        return 0;
-    }
-    return parsed_where_holds(records, instance_name, where, where_name);
-}
+// Where_check's name in the log and in its guard, for both ways in.
+constexpr const char *kWhereCheck = "Where_check";
 
-}  // namespace
-
-int parsed_where_holds(QM_DAT_record *records, const char *instance_name, const WhereClause &where,
-                       const char *where_name) {
+int clause_holds(QM_DAT_record *records, const char *instance_name, const WhereClause &where) {
     std::string object = instance_name;
     std::string property = where.field;
     const std::size_t cut = where.field.rfind('_');
@@ -299,10 +290,25 @@ int parsed_where_holds(QM_DAT_record *records, const char *instance_name, const 
     const int holds = compare_where(where.op, value.c_str(), where.value.c_str());
     if (holds < 0) {
         // compat: "unknow" as the log readers search for it.
-        QM_LOG_print("%s: unknow operator (%s)", where_name, where.op.c_str());
+        QM_LOG_print("%s: unknow operator (%s)", kWhereCheck, where.op.c_str());
         return 0;
     }
     return holds;
+}
+
+int where_holds(QM_DAT_record *records, const char *instance_name, const char *clause) {
+    WhereClause where;
+    if (!parse_where(clause, where)) {
+        QM_LOG_print("%s : failed to extract operator or value in %s", kWhereCheck, clause);
+        return 0;
+    }
+    return clause_holds(records, instance_name, where);
+}
+
+}  // namespace
+
+int where_check(QM_DAT_record *records, const char *instance_name, const WhereClause &where) {
+    return quelm::guarded(0, kWhereCheck, [&] { return clause_holds(records, instance_name, where); });
 }
 
 // ---- Pure parsers ------------------------------------------------------------
@@ -551,8 +557,7 @@ int compute_generic_list(const char *filter_text, int *flags) {
 
 int Where_check(QM_DAT_record *records, const char *instance_name, const char *clause) {
     if (instance_name == nullptr || clause == nullptr) return 0;
-    const char *where = __func__;
-    return quelm::guarded(0, where, [&] { return where_holds(records, instance_name, clause, where); });
+    return quelm::guarded(0, kWhereCheck, [&] { return where_holds(records, instance_name, clause); });
 }
 
 int create_object(const char *list_name) {

@@ -21,7 +21,6 @@
 #include "qm_generic.h"
 #include "qm_node.h"
 #include "qm_token.h"
-#include "quelm_guard.h"
 #include "ssi.h"
 #include "quelm_chars.h"
 #include "quelm_guard.h"
@@ -478,10 +477,8 @@ TreeNode *list_tree(ResultTree &tree, const char *path, const ListPath &list_pat
         clauses.push_back(parse_where(w.c_str(), clause) ? std::optional<WhereClause>(std::move(clause)) : std::nullopt);
     }
     auto clause_holds = [&](std::size_t n) {
-        if (!clauses[n]) return Where_check(records, instance.c_str(), selector.wheres[n].c_str()) == 1;
-        return quelm::guarded(0, "Where_check", [&] {
-                   return parsed_where_holds(records, instance.c_str(), *clauses[n], "Where_check");
-               }) == 1;
+        return (clauses[n] ? where_check(records, instance.c_str(), *clauses[n])
+                           : Where_check(records, instance.c_str(), selector.wheres[n].c_str())) == 1;
     };
     for (int i : numbers) {
         char digits[std::numeric_limits<int>::digits10 + 2];
