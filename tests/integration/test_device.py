@@ -13,7 +13,8 @@ import time
 from urllib.parse import urlencode
 
 import pytest
-from conftest import assert_no_sanitizer_report, events, write_token
+from conftest import events, write_token
+from fcgi import Responder
 
 # The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
@@ -285,16 +286,13 @@ def test_background_tests_leave_no_child_in_a_long_lived_responder(bin_dir, env,
     """A FastCGI responder serves many requests: a test it started must not
     stay its child (no zombie), and later commands still get their status.
     The request parameters carry no PATH or root: both were pinned at start."""
-    from fcgi import Responder
-    running = Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock")
+    with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as running:
+        def fct(call):
+            body = urlencode([("token", TOKEN), ("fct", call)]).encode()
+            params = {"SCRIPT_FILENAME": "/www/generic.cgi", "REQUEST_METHOD": "POST", "CONTENT_TYPE": FORM,
+                      "CONTENT_LENGTH": str(len(body)), "QUELM_REALM": "web", "REMOTE_ADDR": "127.0.0.1"}
+            return running.request(params, body)[0].partition(b"\r\n\r\n")[2].decode()
 
-    def fct(call):
-        body = urlencode([("token", TOKEN), ("fct", call)]).encode()
-        params = {"SCRIPT_FILENAME": "/www/generic.cgi", "REQUEST_METHOD": "POST", "CONTENT_TYPE": FORM,
-                  "CONTENT_LENGTH": str(len(body)), "QUELM_REALM": "web", "REMOTE_ADDR": "127.0.0.1"}
-        return running.request(params, body)[0].partition(b"\r\n\r\n")[2].decode()
-
-    try:
         pid = started_pid(fct("diag_ping:START|127.0.0.1|56|2"), "diag_ping")
         assert "2 packets transmitted" in show_until_finished(fct, "diag_ping", pid)[-1]
         assert fct("clear_logs") == answer("clear_logs", '"SUCCESS"')
@@ -303,6 +301,3 @@ def test_background_tests_leave_no_child_in_a_long_lived_responder(bin_dir, env,
         children = subprocess.run(["ps", "--ppid", str(running.proc.pid), "-o", "pid=,stat="],
                                   capture_output=True, text=True).stdout
         assert children.strip() == ""
-    finally:
-        err = running.stop()
-    assert_no_sanitizer_report(err)

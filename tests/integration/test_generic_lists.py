@@ -45,10 +45,6 @@ def read_raw(cgi, path):
     return cgi(page="generic.cgi", query=urlencode({"token": TOKEN, "read": path})).body
 
 
-def members(tree):
-    return dict(tree)
-
-
 @pytest.mark.parametrize("path, numbers", [
     ("User_*", list(USERS)),
     ("User_{12,1,10,1,99,2}", [12, 1, 10, 1, 2]),  # set order, a repeat, a gap
@@ -61,7 +57,7 @@ def test_instances_keep_their_order_and_their_own_records(cgi, users, path, numb
     assert keys == ["List"] + [str(i) for i in numbers]
     assert tree[0][1] == ",".join(str(i) for i in numbers)
     for key, instance in tree[1:]:
-        fields = members(instance)
+        fields = dict(instance)
         assert fields["Username"] == name_of(int(key))
         assert fields["Password"] in ("", "********")  # secrets stay masked
         assert set(fields) == {"Enable", "User", "Username", "Password", "Services"}
@@ -69,7 +65,7 @@ def test_instances_keep_their_order_and_their_own_records(cgi, users, path, numb
 
 def test_remainder_selects_one_property_or_falls_back(cgi, users):
     tree = read(cgi, "User_*_Username")
-    assert [(k, members(v)) for k, v in tree[1:]] == [(str(i), {"Username": name_of(i)}) for i in USERS]
+    assert [(k, dict(v)) for k, v in tree[1:]] == [(str(i), {"Username": name_of(i)}) for i in USERS]
     # No such property: every instance is read by itself and has nothing
     # (a key with no value, as such reads have always printed).
     listed = ",".join(str(i) for i in USERS)

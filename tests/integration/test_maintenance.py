@@ -47,6 +47,20 @@ def multipart(fields=(), files=()):
 CONTENT_TYPE = f"multipart/form-data; boundary={BOUNDARY}"
 
 
+def start(bin_dir, env, argv0, length):
+    """A multipart POST of length bytes whose body the caller writes."""
+    # Posted from a page of the gateway's own web tree, as the guarded CGIs
+    # (reboot.cgi) require.
+    www = Path(env["QUELM_ROOT"]) / "www"
+    www.mkdir(exist_ok=True)
+    (www / "index.htm").write_text("home")
+    request_env = dict(env, REQUEST_METHOD="POST", CONTENT_TYPE=CONTENT_TYPE, CONTENT_LENGTH=str(length),
+                       SCRIPT_NAME=f"/{argv0}", SCRIPT_FILENAME=f"/www/{argv0}", QUELM_REALM="web",
+                       HTTP_HOST="192.168.1.1", HTTP_REFERER="http://192.168.1.1/index.htm")
+    return subprocess.Popen([argv0], executable=bin_dir / "cgi-ssi", env=request_env, stdin=subprocess.PIPE,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
 def after_cookie(raw):
     """The response after the request loop's Set-Cookie line."""
     assert raw.startswith(b"Set-Cookie: "), raw[:100]
@@ -114,11 +128,7 @@ def test_cut_upload_never_completes_an_image(bin_dir, env, root, log_file):
     """The client goes away mid-image: the flasher is stopped instead of
     being handed a short image as if it were whole."""
     body = multipart(files=[("sFirmwareFile", "fw.bin", os.urandom(4 * 1024 * 1024))])
-    request_env = dict(env, REQUEST_METHOD="POST", CONTENT_TYPE=CONTENT_TYPE, CONTENT_LENGTH=str(len(body)),
-                       SCRIPT_NAME="/firmware.cgi", SCRIPT_FILENAME="/www/firmware.cgi", QUELM_REALM="web",
-                       QUELM_FWBURN_PACE="off")
-    proc = subprocess.Popen(["firmware.cgi"], executable=bin_dir / "cgi-ssi", env=request_env,
-                            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    proc = start(bin_dir, dict(env, QUELM_FWBURN_PACE="off"), "firmware.cgi", len(body))
     out, err = proc.communicate(body[:len(body) // 2], timeout=30)
     assert out.endswith(b"\r\n\r\n") and "runtime error" not in err.decode(errors="replace")
     assert not (root / "var/quelm/platform/firmware.img").exists()

@@ -1,37 +1,20 @@
 """Multipart bodies through the real executable: what the parser leaves on
 disk when a body is cut, refused or complete."""
 
-import os
-import subprocess
-from pathlib import Path
 import time
 
 from conftest import assert_no_sanitizer_report, events
+from test_maintenance import BOUNDARY, CONTENT_TYPE, multipart, start
 import pytest
 
 # The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
 pytestmark = pytest.mark.compat
 
-BOUNDARY = "b0undary"
-CONTENT_TYPE = f"multipart/form-data; boundary={BOUNDARY}"
 
 
 def file_part(name, filename, content):
     return (f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"; filename="{filename}"\r\n\r\n'
             ).encode() + content + b"\r\n"
-
-
-def start(bin_dir, env, argv0, length):
-    # Posted from a page of the gateway's own web tree, as the guarded CGIs
-    # (reboot.cgi) require.
-    www = Path(env["QUELM_ROOT"]) / "www"
-    www.mkdir(exist_ok=True)
-    (www / "index.htm").write_text("home")
-    request_env = dict(env, REQUEST_METHOD="POST", CONTENT_TYPE=CONTENT_TYPE, CONTENT_LENGTH=str(length),
-                       SCRIPT_NAME=f"/{argv0}", SCRIPT_FILENAME=f"/www/{argv0}", QUELM_REALM="web",
-                       HTTP_HOST="192.168.1.1", HTTP_REFERER="http://192.168.1.1/index.htm")
-    return subprocess.Popen([argv0], executable=bin_dir / "cgi-ssi", env=request_env, stdin=subprocess.PIPE,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
 
 def uploads(root):
@@ -68,9 +51,7 @@ def test_second_file_part_is_refused_cleanly(cgi, root, log_file):
 def test_parts_reach_the_handler_in_any_number_of_writes(bin_dir, env, root):
     """The same body, written in small pieces with pauses, gives the same
     form: the parser does not depend on how reads fall."""
-    body = (f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="iRebootOption"\r\n\r\n2\r\n'
-            f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="sSuccessPage"\r\n\r\nok.htm\r\n'
-            f"--{BOUNDARY}--\r\n").encode()
+    body = multipart([("iRebootOption", b"2"), ("sSuccessPage", b"ok.htm")])
     proc = start(bin_dir, env, "reboot.cgi", len(body))
     for at in range(0, len(body), 13):
         proc.stdin.write(body[at:at + 13])

@@ -44,6 +44,11 @@ def nas(cgi, disk):
         if answer.raw.startswith(b"Set-Cookie: "):
             answer.raw = answer.raw.split(b"\r\n", 1)[1]
         return answer
+
+    def op(operation, /, **fields):
+        """One operation ("GetFile" for iNasGetFile=1) on the disk usb1."""
+        return run({f"iNas{operation}": "1", "disk": "usb1", **fields})
+    run.op = op
     return run
 
 
@@ -60,11 +65,11 @@ def status(answer):
 # ---- Sending ------------------------------------------------------------------
 
 def test_send_form_headers_name_the_file_for_the_front_server(nas, disk):
-    answer = nas({"iNasGetSong": "1", "disk": "usb1", "file": "Music/Album/01 Opening.mp3"})
+    answer = nas.op("GetSong", file="Music/Album/01 Opening.mp3")
     assert answer.raw == (b'Content-disposition: inline; filename="01 Opening.mp3"\r\n'
                           b"X-Sendfile2: " + sendfile_path(disk / "Music/Album/01 Opening.mp3").encode() + b" 0-\r\n"
                           b"Content-type: audio/mpeg\r\n\r\n")
-    answer = nas({"iNasGetFile": "1", "disk": "usb1", "file": "Documents/notes.txt"})
+    answer = nas.op("GetFile", file="Documents/notes.txt")
     assert answer.raw.startswith(b'Content-disposition: attachment; filename="notes.txt"\r\n')
     assert answer.raw.endswith(b"Content-type: application/octet-stream\r\n\r\n")
 
@@ -115,19 +120,18 @@ def test_links_planted_on_the_disk_lead_nowhere(nas, disk, root):
     (disk / "Music/up").symlink_to(root / "var")
     (disk / "inside.mp3").symlink_to(disk / "Music/Interlude.mp3")
     for file in ["escape", "Music/up/mnt/usb1/Documents/notes.txt", "inside.mp3"]:
-        answer = nas({"iNasGetFile": "1", "disk": "usb1", "file": file})
+        answer = nas.op("GetFile", file=file)
         assert status(answer) == 404 and b"X-Sendfile" not in answer.raw, file
     # Nothing is written through a planted folder link either.
-    answer = nas({"iNasAddThumb": "1", "disk": "usb1", "path": "Music/up", "name": "x",
-                  "data": base64.b64encode(PNG)})
+    answer = nas.op("AddThumb", path="Music/up", name="x", data=base64.b64encode(PNG))
     assert status(answer) == 404
-    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "Music/up", "name": "tmp"})
+    answer = nas.op("DeleteFile", path="Music/up", name="tmp")
     assert status(answer) == 404 and (root / "var/tmp").is_dir()
     # Deleting the link removes the link, not what it names.
-    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "", "name": "escape"})
+    answer = nas.op("DeleteFile", path="", name="escape")
     assert status(answer) == 200 and not (disk / "escape").is_symlink() and (root / "secret").exists()
     (disk / "Music/link").symlink_to(root / "var/tmp")
-    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "Music", "name": "link"})
+    nas.op("DeleteFile", path="Music", name="link")
     assert (root / "var/tmp").is_dir()
 
 
@@ -150,10 +154,10 @@ def test_access_policy(nas, qmcfg):
     qmcfg("set", "Services_NAS", "Disk", "off")
     qmcfg("set", "Services_NAS", "Music", "off")
     assert status(nas(song)) == 500
-    assert status(nas({"iNasGetMusicContent": "1", "disk": "usb1", "path": ""})) == 403
-    assert status(nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "Music", "name": "Live.aac"})) == 403
+    assert status(nas.op("GetMusicContent", path="")) == 403
+    assert status(nas.op("DeleteFile", path="Music", name="Live.aac")) == 403
     qmcfg("set", "Services_NAS", "Pictures", "off")
-    assert status(nas({"iNasGetExif": "1", "disk": "usb1", "file": "Pictures/camera.jpg"})) == 403
+    assert status(nas.op("GetExif", file="Pictures/camera.jpg")) == 403
 
 
 # ---- Changing the disk --------------------------------------------------------
@@ -183,21 +187,18 @@ def test_upload_stores_the_file_inside_the_disk_only(nas, disk, root):
 
 
 def test_rename_and_delete_reply_with_the_listing(nas, disk, log_file):
-    answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Live.aac",
-                  "newname": "On stage.aac"})
+    answer = nas.op("RenameFile", path="Music", name="Live.aac", newname="On stage.aac")
     assert b"<name>On stage.aac</name>" in answer.body and (disk / "Music/On stage.aac").exists()
-    answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Interlude.mp3",
-                  "newname": "On stage.aac"})
+    answer = nas.op("RenameFile", path="Music", name="Interlude.mp3", newname="On stage.aac")
     assert "File already exists" in log_file.read_text(errors="replace")
     assert (disk / "Music/Interlude.mp3").exists()
     for newname in ["../../../moved", "/tmp/moved", "..", "a/b"]:
-        answer = nas({"iNasRenameFile": "1", "disk": "usb1", "path": "Music", "name": "Interlude.mp3",
-                      "newname": newname})
+        answer = nas.op("RenameFile", path="Music", name="Interlude.mp3", newname=newname)
         assert status(answer) == 404 and (disk / "Music/Interlude.mp3").exists(), newname
-    answer = nas({"iNasDeleteFile": "1", "disk": "usb1", "path": "", "name": "Music"})
+    answer = nas.op("DeleteFile", path="", name="Music")
     assert b"<name>Music</name>" not in answer.body and not (disk / "Music").exists()
     for path, name in [("", ".."), ("", "."), ("..", "usb1"), ("Documents/..", "")]:
-        assert status(nas({"iNasDeleteFile": "1", "disk": "usb1", "path": path, "name": name})) in (400, 404)
+        assert status(nas.op("DeleteFile", path=path, name=name)) in (400, 404)
     assert (disk / "Documents/notes.txt").exists()
 
 
@@ -223,7 +224,7 @@ def test_thumbnails_are_png_and_tied_to_path_and_size(nas, disk):
 
 def test_folder_listings(nas, disk):
     (disk / "Music/a&<b>\"'\x01.mp3").write_bytes(b"x")
-    answer = nas({"iNasGetFolderContent": "1", "disk": "usb1", "path": "Music"})
+    answer = nas.op("GetFolderContent", path="Music")
     assert answer.header("Content-type") == "text/xml"
     body = answer.body.decode()
     assert body.startswith('<?xml version="1.0" encoding="UTF-8" ?>\n<root>\n<folder>\n<disk>usb1</disk>\n'
@@ -235,14 +236,14 @@ def test_folder_listings(nas, disk):
     assert "<name>a&amp;&lt;b&gt;&quot;&apos;&#xFFFD;.mp3</name>" in body
     # The music listing: folders and ".mp3" only (any case), hidden entries never.
     (disk / "Music/Album/.hidden.mp3").write_bytes(b"x")
-    body = nas({"iNasGetMusicContent": "1", "disk": "usb1", "path": "Music/Album"}).body.decode()
+    body = nas.op("GetMusicContent", path="Music/Album").body.decode()
     assert "01 Opening.mp3" in body and "02 Closing.MP3" in body and ".hidden" not in body
-    body = nas({"iNasGetMusicContent": "1", "disk": "usb1", "path": "Music"}).body.decode()
+    body = nas.op("GetMusicContent", path="Music").body.decode()
     assert "<name>Album</name>" in body and "Live.aac" not in body
     # The disk root, and nowhere above it.
-    assert "<name>Documents</name>" in nas({"iNasGetFolderContent": "1", "disk": "usb1", "path": ""}).body.decode()
+    assert "<name>Documents</name>" in nas.op("GetFolderContent", path="").body.decode()
     for path in ["..", "../..", "Music/../../.."]:
-        answer = nas({"iNasGetFolderContent": "1", "disk": "usb1", "path": path})
+        answer = nas.op("GetFolderContent", path=path)
         assert status(answer) == 404 and b"<folderset>" not in answer.body, path
 
 
@@ -259,39 +260,37 @@ def playlist_paths(answer):
 
 
 def test_playlist_xml_and_edits(nas, disk):
-    fav = {"disk": "usb1", "name": "Favourites"}
-    assert playlist_paths(nas({"iNasGetPlaylist": "1", **fav})) == FAVOURITES
-    assert status(nas({"iNasGetPlaylist": "1", "disk": "usb1", "name": "None"})) == 404
+    assert playlist_paths(nas.op("GetPlaylist", name="Favourites")) == FAVOURITES
+    assert status(nas.op("GetPlaylist", name="None")) == 404
     a, b, c = FAVOURITES
 
-    def move(field, song, nb=None):
-        return playlist_paths(nas({field: "1", **fav, "song": song, **({"nb": nb} if nb else {})}))
+    def edit(operation, song, **more):
+        return playlist_paths(nas.op(operation, name="Favourites", song=song, **more))
     # Each field's direction and count (wrapping and dropping: NasPlaylist.MovesWrapOnceThenDrop).
-    assert move("iNasMoveDownPlaylistItem", a) == [b, a, c]
-    assert move("iNasMoveUpPlaylistItem", c, "2") == [c, b, a]
-    assert playlist_paths(nas({"iNasAddPlaylistItem": "1", **fav, "path": "Music", "song": "Interlude.mp3"})) \
-        == [c, b, a, b]
-    assert move("iNasDeletePlaylistItem", b) == [c, a, b]            # the first occurrence only
-    assert move("iNasDeletePlaylistItem", "Music/none.mp3") == [c, a, b]
+    assert edit("MoveDownPlaylistItem", a) == [b, a, c]
+    assert edit("MoveUpPlaylistItem", c, nb="2") == [c, b, a]
+    assert edit("AddPlaylistItem", "Interlude.mp3", path="Music") == [c, b, a, b]
+    assert edit("DeletePlaylistItem", b) == [c, a, b]            # the first occurrence only
+    assert edit("DeletePlaylistItem", "Music/none.mp3") == [c, a, b]
     assert (disk / ".playlists/Favourites.m3u").read_text() == f"{c}\n{a}\n{b}\n"
     assert not list((disk / ".playlists").glob("*.tmp"))
 
 
 def test_playlist_create_rename_delete(nas, disk, root):
     lists = disk / ".playlists"
-    assert b"<BODY>OK</BODY>" in nas({"iNasAddPlaylist": "1", "disk": "usb1", "name": "Party"}).body
+    assert b"<BODY>OK</BODY>" in nas.op("AddPlaylist", name="Party").body
     assert (lists / "Party.m3u").read_bytes() == b""
-    nas({"iNasRenamePlaylist": "1", "disk": "usb1", "name": "Party", "newname": "Night"})
+    nas.op("RenamePlaylist", name="Party", newname="Night")
     assert (lists / "Night.m3u").exists() and not (lists / "Party.m3u").exists()
-    nas({"iNasRenamePlaylist": "1", "disk": "usb1", "name": "Night", "newname": "Favourites"})
+    nas.op("RenamePlaylist", name="Night", newname="Favourites")
     assert (lists / "Night.m3u").exists()
     # A missing field: the OK page all the same.
-    assert status(nas({"iNasDeletePlaylist": "1", "disk": "usb1"})) == 200
-    nas({"iNasDeletePlaylist": "1", "disk": "usb1", "name": "Night"})
+    assert status(nas.op("DeletePlaylist")) == 200
+    nas.op("DeletePlaylist", name="Night")
     assert not (lists / "Night.m3u").exists()
     for name in ["../../../../etc/evil", "../Music/x", ".."]:
-        nas({"iNasAddPlaylist": "1", "disk": "usb1", "name": name})
-        nas({"iNasDeletePlaylist": "1", "disk": "usb1", "name": "../Music/Interlude.mp3"[:-4]})
+        nas.op("AddPlaylist", name=name)
+        nas.op("DeletePlaylist", name="../Music/Interlude.mp3"[:-4])
     assert not list(root.rglob("evil.m3u")) and not (disk / "Music/x.m3u").exists()
     assert (disk / "Music/Interlude.mp3").exists()
 
@@ -299,7 +298,7 @@ def test_playlist_create_rename_delete(nas, disk, root):
 def test_playlist_rewrite_keeps_a_planted_link(nas, disk, root):
     (root / "target").write_text("keep\n")
     (disk / ".playlists/Favourites.m3u.tmp").symlink_to(root / "target")
-    nas({"iNasDeletePlaylistItem": "1", "disk": "usb1", "name": "Favourites", "song": FAVOURITES[0]})
+    nas.op("DeletePlaylistItem", name="Favourites", song=FAVOURITES[0])
     assert (root / "target").read_text() == "keep\n"
     assert (disk / ".playlists/Favourites.m3u").read_text() == "".join(f + "\n" for f in FAVOURITES[1:])
 
@@ -338,12 +337,12 @@ def test_m3u_both_forms(nas, qmcfg):
 
 
 def test_exif_of_the_sample_picture(nas, disk):
-    answer = nas({"iNasGetExif": "1", "disk": "usb1", "file": "Pictures/camera.jpg"})
+    answer = nas.op("GetExif", file="Pictures/camera.jpg")
     assert answer.header("Content-type") == "text/plain"
     assert answer.body.startswith(b'{"') and answer.body.endswith(b'", }\n')
     assert b'"Make":"Quelm", ' in answer.body and b'"Model":"QHG", ' in answer.body
-    assert status(nas({"iNasGetExif": "1", "disk": "usb1", "file": "Documents/notes.txt"})) == 404
-    assert status(nas({"iNasGetExif": "1", "disk": "usb1", "file": "../usb1/Pictures/camera.jpg"})) == 404
+    assert status(nas.op("GetExif", file="Documents/notes.txt")) == 404
+    assert status(nas.op("GetExif", file="../usb1/Pictures/camera.jpg")) == 404
 
 
 def test_playlist_symbols_in_pages(cgi, disk, qmcfg):

@@ -11,6 +11,7 @@ import pytest
 
 from cipher import page_encrypt
 from conftest import events, make_user, write_token
+from test_maintenance import CONTENT_TYPE, multipart
 
 HOST = "192.168.1.1"
 SELF = f"http://{HOST}"
@@ -20,7 +21,6 @@ COOKIE = re.compile(rb"^Set-Cookie: QM_web_ID=([A-Za-z0-9]{6});  Path=/; (SameSi
 JSON_OK = b'text/plain\r\n\r\n{"result": "OK", "codeError": 0}\r\n'
 JSON_FAILED = b'text/plain\r\n\r\n{"result": "Invalid Username or password", "codeError": -1}\r\n'
 REFUSED = b"<H2>404 Not Found</H2>"
-BOUNDARY = "----quelmpolicy"
 SETTINGS = [pytest.param(False, id="default"), pytest.param(True, id="compat")]
 
 
@@ -118,23 +118,17 @@ def test_referer_stands_in_for_a_missing_origin(cgi, gateway, referer, allowed):
     assert answer.raw.endswith(JSON_OK) == allowed, answer.raw
 
 
-def reboot_form():
-    return (f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="iRebootOption"\r\n\r\n0\r\n'
-            f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="iDelay"\r\n\r\n5\r\n'
-            f"--{BOUNDARY}--\r\n").encode()
-
-
 def test_maintenance_needs_an_admin(cgi, gateway, compat, root):
-    multipart = f"multipart/form-data; boundary={BOUNDARY}"
+    reboot_form = multipart([("iRebootOption", b"0"), ("iDelay", b"5")])
     visitor = Browser(cgi, SELF)  # same origin, but not signed in
-    answer = visitor.send("reboot.cgi", reboot_form(), content_type=multipart)
+    answer = visitor.send("reboot.cgi", reboot_form, content_type=CONTENT_TYPE)
     assert (REFUSED in answer) != compat
     assert events(root).count("reboot 5") == (1 if compat else 0)
     ops = Browser(cgi, SELF)
     assert ops.login("ops", "ops-pw", "ops") == JSON_OK  # signed in, not at the admin level
     assert (REFUSED in ops.send("export.cgi", query="sExportMode=archive", method="GET")) != compat
     admin = signed_in_admin(cgi)
-    admin.send("reboot.cgi", reboot_form(), content_type=multipart)
+    admin.send("reboot.cgi", reboot_form, content_type=CONTENT_TYPE)
     assert events(root).count("reboot 5") == (2 if compat else 1)
 
 

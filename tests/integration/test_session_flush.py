@@ -57,24 +57,7 @@ def test_count_and_limit_hold_between_passes(responder, root):
     # Lifting the limit (the file changes again) applies at once too.
     limit.write_text("0\n")
     assert COOKIE.search(page(responder, addr="192.168.1.32"))
-
-
-def test_expired_files_go_on_a_later_pass(responder, root):
-    page(responder)  # the first request passes over the folder
-    old = session_dir(root) / "web_OLD111"
-    other = session_dir(root) / "other_OLD222"
-    for path in (old, other):
-        path.write_text("REMOTE_ADDR=1.2.3.4\n")
-        os.utime(path, (time.time() - 3600,) * 2)
-    time.sleep(1.1)
-    page(responder)
-    assert not old.exists() and other.exists()
-
-
-@pytest.mark.compat
-def test_limit_file_replaced_or_removed_applies_at_once(responder, root):
-    limit = root / "var/quelm/webiad.d/http_session_maxlimit"
-    limit.write_text("1\n")
+    limit.write_text("6\n")  # five sessions now: room for one
     assert COOKIE.search(page(responder, addr="192.168.1.40"))
     assert page(responder, addr="192.168.1.41").startswith(LIMITED)
     # A new file renamed over the old one, same size and same second.
@@ -87,6 +70,17 @@ def test_limit_file_replaced_or_removed_applies_at_once(responder, root):
     # No file: no limit.
     limit.unlink()
     assert COOKIE.search(page(responder, addr="192.168.1.44"))
+
+
+def test_expired_files_go_on_a_later_pass(responder, root):
+    page(responder)  # the first request passes over the folder
+    old, fresh, other = (session_dir(root) / name for name in ("web_OLD111", "web_NEW111", "other_OLD222"))
+    for path, age in ((old, 3600), (fresh, 10), (other, 3600)):
+        path.write_text("REMOTE_ADDR=1.2.3.4\n")
+        os.utime(path, (time.time() - age,) * 2)
+    time.sleep(1.1)
+    page(responder, host="elsewhere.example")  # a request without a session passes too
+    assert not old.exists() and fresh.exists() and other.exists()
 
 
 def test_a_changed_name_applies_to_the_next_request(responder, qmcfg):

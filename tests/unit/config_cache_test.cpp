@@ -11,9 +11,6 @@
 #include <tuple>
 #include <vector>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "qm_config.h"
 #include "quelm_owned.h"
 #include "test_support.h"
@@ -51,14 +48,7 @@ std::string count_of(const char *object) {
     return text ? text.get() : "(null)";
 }
 
-// Runs change in a child process, as another responder or qmcfg would.
-void in_other_process(int (*change)()) {
-    pid_t pid = fork();
-    if (pid == 0) _exit(change() == 0 ? 0 : 1);
-    int status = -1;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-}
+using test_support::in_other_process;
 
 class ConfigCacheTest : public test_support::GatewayRoot {};
 

@@ -16,7 +16,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "platform.h"
@@ -309,11 +308,7 @@ TEST_F(PlatformTest, ReadsSeeChangesOfOtherProcesses) {
     EXPECT_EQ(value_of("Device", "Hostname"), "before");
     EXPECT_EQ(value_of("Device", "Hostname"), "before");
     for (const char *value : {"from-child", "again-from-child"}) {
-        pid_t pid = fork();
-        if (pid == 0) _exit(QM_DAT_setobjproperty("Device", "Hostname", value, 0) == 0 ? 0 : 1);
-        int status = -1;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        test_support::in_other_process([&] { return QM_DAT_setobjproperty("Device", "Hostname", value, 0); });
         EXPECT_EQ(value_of("Device", "Hostname"), value);
     }
 }

@@ -50,9 +50,7 @@ using test_support::captured_output;
 class RequestTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        // Outside a web server the first accept turns the FastCGI streams
-        // into wrappers of the process's stdin and stdout.
-        if (FCGI_ToFILE(FCGI_stdin) == nullptr) FCGI_Accept();
+        test_support::bind_fcgi_streams();
         // Unbuffered, so that replacing fd 0 never leaves an old body's
         // bytes in stdio's buffer.
         std::setvbuf(stdin, nullptr, _IONBF, 0);

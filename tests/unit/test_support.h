@@ -8,6 +8,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -53,6 +54,15 @@ inline std::string slurp(const std::filesystem::path &path) {
     std::ostringstream s;
     s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
+}
+
+// Runs change in a child process, as another responder or qmcfg would.
+inline void in_other_process(const std::function<int()> &change) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(change() == 0 ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 // Sets up a GET request with `query` as its query string.
