@@ -227,6 +227,7 @@ constexpr std::size_t kMaxKeptSteps = 1024;
 struct KeptPage {
     std::string path;
     struct stat status {};
+    quelm::FolderStamp stamp{};
     std::shared_ptr<const ScannedPage> page;
 };
 struct KeptPages {
@@ -243,6 +244,10 @@ KeptPages &kept_pages() {
 std::shared_ptr<const ScannedPage> kept_page(const std::string &path, struct stat &status) {
     for (const KeptPage &slot : kept_pages().slots) {
         if (slot.page == nullptr || slot.path != path) continue;
+        if (quelm::folder_quiet(slot.stamp)) {
+            status = slot.status;
+            return slot.page;
+        }
         if (::stat(path.c_str(), &status) == 0 && quelm::same_status(status, slot.status)) return slot.page;
         return nullptr;
     }
@@ -252,7 +257,7 @@ std::shared_ptr<const ScannedPage> kept_page(const std::string &path, struct sta
 // Keeps a page read whole, when it is small and its last change had
 // settled before it was read; the kept page, or null when it is not kept.
 std::shared_ptr<const ScannedPage> keep_page(const std::string &path, const struct stat &status,
-                                             std::string_view text) {
+                                             const quelm::FolderStamp &stamp, std::string_view text) {
     if (text.size() > kKeptPageLimit || text.size() != static_cast<std::size_t>(status.st_size) ||
         !quelm::settled(status)) {
         return nullptr;
@@ -272,6 +277,7 @@ std::shared_ptr<const ScannedPage> keep_page(const std::string &path, const stru
     }
     slot->path = path;
     slot->status = status;
+    slot->stamp = quelm::stamp_if_own(stamp, path, status);
     slot->page = page;
     return page;
 }
@@ -351,7 +357,10 @@ PageSource::PageSource(const std::string &path) {
     kept_ = kept_page(path, status_);
     // Without blocking, so that a FIFO among the pages cannot stall the
     // responder.
-    if (kept_ == nullptr) fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (kept_ == nullptr) {
+        stamp_ = quelm::folder_stamp(path);
+        fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    }
 }
 
 void PageSource::render(RenderContext &page, const std::string &virtual_name, const std::string &file_name) {
@@ -373,7 +382,7 @@ void PageSource::render(RenderContext &page, const std::string &virtual_name, co
         QM_LOG_print("%s error : %s", size <= kReadLimit ? "read" : "mmap", std::strerror(errno));
         return;
     }
-    if (const std::shared_ptr<const ScannedPage> kept = keep_page(file_name, status_, text.text())) {
+    if (const std::shared_ptr<const ScannedPage> kept = keep_page(file_name, status_, stamp_, text.text())) {
         renderer.play(*kept);
         return;
     }

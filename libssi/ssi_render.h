@@ -10,6 +10,7 @@
 
 #include <sys/stat.h>
 
+#include "quelm_folder_watch.h"
 #include "quelm_owned.h"
 #include "ssi_parse.h"
 
@@ -76,6 +77,7 @@ public:
 
 private:
     struct stat status_ {};
+    quelm::FolderStamp stamp_{};  // the page's folder before it was opened
     std::shared_ptr<const ScannedPage> kept_;
     quelm::UniqueFd fd_;
 };

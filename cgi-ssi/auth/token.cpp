@@ -328,7 +328,9 @@ int get_token_rights(token_context *context) {
         struct stat st {};
         const bool unchanged = kept.unchanged(mapped, st, false);
         quelm::UniqueFd fd;
+        quelm::FolderStamp stamp;
         if (!unchanged) {
+            stamp = quelm::folder_stamp(mapped);
             fd.reset(::open(mapped.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
             if (!fd || ::fstat(fd.get(), &st) != 0) {
                 fd.reset();
@@ -349,7 +351,8 @@ int get_token_rights(token_context *context) {
         if (!unchanged && fd && S_ISREG(st.st_mode)) {
             text = read_token_text(fd.get(), static_cast<std::size_t>(st.st_size), kLifetimeLineSize,
                                    sizeof context->rights);
-            kept = quelm::settled(st) ? quelm::KeptFile{mapped, st, text} : quelm::KeptFile{};
+            // Opened without following links: the name itself, in the folder stamped.
+            kept = quelm::settled(st) ? quelm::KeptFile{mapped, st, text, stamp} : quelm::KeptFile{};
         }
         char lifetime_line[kLifetimeLineSize] = {};
         if ((!unchanged && (!fd || !S_ISREG(st.st_mode))) ||

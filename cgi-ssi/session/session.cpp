@@ -212,6 +212,7 @@ CheckedFile check_file(const char *token) {
         file.content = kept.bytes;
         return file;
     }
+    const quelm::FolderStamp stamp = quelm::folder_stamp(mapped);
     UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd) {
         file.found = ::fstat(fd.get(), &file.st) == 0;
@@ -224,6 +225,7 @@ CheckedFile check_file(const char *token) {
         kept.path = mapped;
         kept.status = file.st;
         kept.bytes = file.content;
+        kept.stamp = quelm::stamp_if_own(stamp, mapped, file.st);
     }
     return file;
 }

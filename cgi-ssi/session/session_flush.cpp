@@ -18,6 +18,7 @@
 
 #include "qm_config.h"
 #include "quelm_guard.h"
+#include "quelm_kept_file.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
 #include "session/session_store.h"
@@ -49,6 +50,8 @@ PassState last_pass;
 struct LimitFileState {
     bool read = false;
     struct stat st {};
+    bool looked = false;           // `read` and `st` describe the file as last looked at
+    quelm::FolderStamp stamp{};  // its folder before that look
 };
 LimitFileState limit_file;
 
@@ -119,18 +122,30 @@ void scan_sessions() {
 }  // namespace
 
 void read_session_limit() {
+    // Nothing changed in its folder since the last look: the file is as it
+    // was then, still missing or still holding the limit read.
+    if (limit_file.looked && quelm::folder_quiet(limit_file.stamp)) {
+        if (!limit_file.read) QM_SessionMaxLimit = 0;
+        return;
+    }
     const std::string path = quelm::root_path(kSessionLimitFile);
+    const quelm::FolderStamp stamp = quelm::folder_stamp(path);
     struct stat st {};
     // An unchanged file costs one status call; only a changed one is opened.
-    if (limit_file.read && ::stat(path.c_str(), &st) == 0 && same_status(st, limit_file.st)) return;
+    if (limit_file.read && ::stat(path.c_str(), &st) == 0 && same_status(st, limit_file.st)) {
+        limit_file.looked = true;
+        limit_file.stamp = quelm::stamp_if_own(stamp, path, st);
+        return;
+    }
     quelm::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd || ::fstat(fd.get(), &st) != 0) {
         QM_SessionMaxLimit = 0;
-        limit_file.read = false;
+        // Missing (not merely unreadable): gone until its folder changes.
+        limit_file = LimitFileState{false, {}, !fd && errno == ENOENT, stamp};
         return;
     }
     parse_limit(fd.get());
-    limit_file = LimitFileState{true, st};
+    limit_file = LimitFileState{true, st, true, quelm::stamp_if_own(stamp, path, st)};
 }
 
 void flush_sessions_if_due() {

@@ -1,6 +1,7 @@
 // The one-shot CGI error file, the configuration lock, the fixed error and
 // reboot pages, and the typed property helpers of qm_cgi_state.h.
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "qm_util.h"
+#include "quelm_folder_watch.h"
 #include "quelm_guard.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
@@ -43,9 +45,14 @@ std::string cgierror_path() { return quelm::root_path(kCgiErrorFile); }
 // their error result.
 extern "C" int set_cgierror(int code) {
     return quelm::guarded(code, __func__, [&]() -> int {
+        // Known absent while nothing in its folder has changed since it was
+        // last deleted or found missing.
+        static quelm::FolderStamp absent;
+        if (code == 0 && quelm::folder_quiet(absent)) return code;
         const std::string path = cgierror_path();
         if (code == 0) {
-            ::unlink(path.c_str());
+            const quelm::FolderStamp stamp = quelm::folder_stamp(path);
+            absent = ::unlink(path.c_str()) == 0 || errno == ENOENT ? stamp : quelm::FolderStamp{};
             return code;
         }
         // Nobody could report a failure to store the error, so it goes unnoticed.

@@ -10,7 +10,12 @@
 // when the file's last change is older than kSettled when it was read:
 // any later change then carries a newer change time and the status differs
 // (the rule version-control indexes use for "racily clean" files).
+//
+// A copy kept with a stamp of its folder (quelm_folder_watch.h) needs not
+// even the status call while nothing in the folder has changed.
 #pragma once
+
+#include "quelm_folder_watch.h"
 
 #include <ctime>
 #include <string>
@@ -45,11 +50,25 @@ inline bool settled(const struct stat &st) {
     return age >= kSettledNanoseconds;
 }
 
-// One kept file: where it was read, its status then, and its bytes.
+// Whether the status fd_status of a file opened at `path` is that of the
+// name itself, not of a link's target elsewhere, whose changes the folder's
+// watch would not see: a stamp is kept only then.
+inline FolderStamp stamp_if_own(const FolderStamp &stamp, const std::string &path, const struct stat &fd_status) {
+    struct stat own {};
+    if (stamp.watch < 0 || ::lstat(path.c_str(), &own) != 0 || own.st_dev != fd_status.st_dev ||
+        own.st_ino != fd_status.st_ino) {
+        return {};
+    }
+    return stamp;
+}
+
+// One kept file: where it was read, its status then, its bytes, and the
+// stamp of its folder taken before it was read (none: always a status call).
 struct KeptFile {
     std::string path;
     struct stat status {};
     std::string bytes;
+    FolderStamp stamp{};
 
     // Whether the file at `at` is the kept one, unchanged; `now` then holds
     // its status. False when nothing is kept for `at`, when the status call
@@ -57,6 +76,10 @@ struct KeptFile {
     // a link at `at` is never the kept file (its own status is taken).
     bool unchanged(const std::string &at, struct stat &now, bool follow_links = true) const {
         if (path.empty() || at != path) return false;
+        if (folder_quiet(stamp)) {
+            now = status;
+            return true;
+        }
         const int taken = follow_links ? ::stat(at.c_str(), &now) : ::lstat(at.c_str(), &now);
         return taken == 0 && same_status(now, status);
     }

@@ -194,6 +194,19 @@ def responder(bin_dir, env, tmp_path):
         yield post
 
 
+def test_error_file_is_cleared_by_every_request_of_a_responder(responder, token, root):
+    """Every request clears the CGI error file, also one that another program
+    wrote since the responder's previous request found none."""
+    token("Device")
+    error = root / "var/tmp/cgierror"
+    for code in ("7", "", "12"):
+        assert responder(("read", "Device_Hostname")).startswith(b'{"Device_Hostname" : "')
+        assert not error.exists()
+        error.write_text(code)
+    responder(("read", "Device_Hostname"))
+    assert not error.exists()
+
+
 def test_token_file_changed_in_place_is_read_again(responder, token, root):
     """The responder keeps the text of the token file it read last; a change
     to its rights, however soon, reaches the next request, and a link put in

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -127,6 +128,58 @@ TEST(KeptFile, TrustsOnlySettledUnchangedFiles) {
     }
     std::filesystem::remove(file);
     EXPECT_FALSE(kept.unchanged(file.string(), now_status));
+}
+
+TEST(FolderWatch, StampsGoStaleWithAnyChangeInTheirFolder) {
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::temp_directory_path() / ("watch." + std::to_string(::getpid()));
+    fs::remove_all(folder);
+    fs::create_directory(folder);
+    const std::string file = (folder / "kept").string();
+    auto write = [](const fs::path &path, const char *text) {
+        quelm::UniqueFile f(std::fopen(path.c_str(), "w"));
+        ASSERT_TRUE(f);
+        std::fputs(text, f.get());
+    };
+    write(file, "one");
+
+    quelm::FolderStamp stamp = quelm::folder_stamp(file);
+    ASSERT_GE(stamp.watch, 0);
+    EXPECT_EQ(test_support::slurp(file), "one");  // reading changes nothing
+    EXPECT_TRUE(quelm::folder_quiet(stamp));
+    const std::function<void()> changes[] = {
+        [&] { write(folder / "other", "x"); },
+        [&] { ::utimensat(AT_FDCWD, file.c_str(), nullptr, 0); },
+        [&] { write(file, "two"); },  // same size
+        [&] { fs::rename(folder / "other", folder / "moved"); },
+        [&] { fs::remove(folder / "moved"); },
+    };
+    for (const auto &change : changes) {
+        change();
+        EXPECT_FALSE(quelm::folder_quiet(stamp));
+        stamp = quelm::folder_stamp(file);
+        EXPECT_TRUE(quelm::folder_quiet(stamp));
+    }
+
+    // A forked child has no stamps and does not take the parent's notices.
+    test_support::in_other_process([&] {
+        write(folder / "child", "x");
+        return quelm::folder_quiet(stamp) || quelm::folder_stamp(file).watch >= 0 ? 1 : 0;
+    });
+    EXPECT_FALSE(quelm::folder_quiet(stamp));
+
+    // A folder removed and made again is watched afresh.
+    stamp = quelm::folder_stamp(file);
+    fs::remove_all(folder);
+    EXPECT_FALSE(quelm::folder_quiet(stamp));
+    fs::create_directory(folder);
+    stamp = quelm::folder_stamp(file);
+    EXPECT_TRUE(quelm::folder_quiet(stamp));
+
+    // What cannot be watched is never quiet.
+    EXPECT_FALSE(quelm::folder_quiet(quelm::folder_stamp((folder / "missing/file").string())));
+    EXPECT_FALSE(quelm::folder_quiet(quelm::folder_stamp("relative/file")));
+    fs::remove_all(folder);
 }
 
 TEST(Split, KeepsEmptyItemsAndStopsOnFalse) {
