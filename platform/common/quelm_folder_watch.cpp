@@ -35,12 +35,6 @@ struct Watcher {
     std::uint64_t serial = 0;
     std::vector<Watch> watches;
 
-    Watcher() = default;
-    Watcher(const Watcher &) = delete;
-    Watcher &operator=(const Watcher &) = delete;
-    ~Watcher() {
-        if (fd >= 0) ::close(fd);
-    }
 
     // Whether this process may use the descriptor, opening it the first
     // time. A forked child shares its parent's descriptor, and reading it
@@ -104,8 +98,10 @@ struct Watcher {
     }
 };
 
+// Never destroyed: a kept file may still be checked by another object's
+// destructor at exit. The descriptor closes with the process.
 Watcher &watcher() {
-    static Watcher w;
+    static Watcher &w = *new Watcher;
     return w;
 }
 
