@@ -124,17 +124,79 @@ backend_pid() { # argv0
   return 1
 }
 
-# Makes total live session files of other clients ("web_sNNNNN", realm web)
-# in the session folder, keeping those already there.
-bench_add_sessions() { # folder total
+# Makes the folder hold exactly total live session files of other clients
+# ("web_sNNNNN", realm web, numbered from 0): those numbered total or more
+# go, those missing below total come, any other file stays. The files are
+# made once in the sibling folder FOLDER.stock and hard-linked from there,
+# so that rounds going from 10,000 to none and back cost little.
+bench_set_sessions() { # folder total
   python3 - "$1" "$2" <<'PY'
-import os, sys
+import os, re, sys
 folder, total = sys.argv[1], int(sys.argv[2])
+stock = folder + ".stock"
 os.makedirs(folder, mode=0o700, exist_ok=True)
+os.makedirs(stock, mode=0o700, exist_ok=True)
+for name in os.listdir(folder):
+    m = re.fullmatch(r"web_s(\d{5})", name)
+    if m and int(m.group(1)) >= total:
+        os.remove(f"{folder}/{name}")
 for i in range(total):
-    path = f"{folder}/web_s{i:05d}"
-    if not os.path.exists(path):
-        with open(path, "w") as f:
+    name = f"web_s{i:05d}"
+    if os.path.exists(f"{folder}/{name}"):
+        continue
+    if not os.path.exists(f"{stock}/{name}"):
+        with open(f"{stock}/{name}", "w") as f:
             f.write(f"REMOTE_ADDR=10.0.{i // 250}.{i % 250}\nHTTP_USER_AGENT=other\nREALM=web\n")
+    os.link(f"{stock}/{name}", f"{folder}/{name}")
 PY
+}
+
+# ------------------------------------------------------- paired rounds --
+# The throughput benchmarks compare a product's rate with references'
+# rates measured in the same run. The host's speed drifts by tens of per
+# cent within seconds, so rates are taken in short rounds, each measuring
+# every target of a comparison back to back, in an order that turns by one
+# from round to round (round 1: P R L, round 2: R L P, ...). A round gives
+# one ratio per comparison; the reported ratio is the median of the rounds'
+# ratios and the reported rate the median of the rounds' rates.
+
+# The items, starting with the round's turn: round 1 gives them as they are,
+# round 2 from the second on and then the first, and so on. One per line.
+bench_rotate() { # round item...
+  local round=$1 count i k
+  shift
+  count=$#
+  for ((i = 0; i < count; i++)); do
+    k=$(( (round - 1 + i) % count + 1 ))
+    echo "${!k}"
+  done
+}
+
+# rate / reference with 4 decimals, or "-" unless both are numbers and the
+# reference is not 0 (a round with such a rate gives no ratio).
+bench_ratio() { # rate reference
+  if [[ "$1" =~ ^[0-9]+(\.[0-9]+)?$ && "$2" =~ ^[0-9]+(\.[0-9]+)?$ ]]; then
+    awk -v a="$1" -v b="$2" 'BEGIN { if (b + 0 > 0) printf "%.4f", a / b; else print "-" }'
+  else
+    echo -
+  fi
+}
+
+# The median of the values that are numbers, printed with the printf
+# format (the mean of the middle two for an even count), or "-" if none is.
+bench_median() { # format value...
+  local format=$1
+  shift
+  printf '%s\n' "$@" | awk -v f="$format" '
+    BEGIN { n = 0 }
+    /^[0-9]+(\.[0-9]+)?$/ {
+      x = $1 + 0
+      for (i = n; i > 0 && v[i - 1] > x; i--) v[i] = v[i - 1]
+      v[i] = x
+      n++
+    }
+    END {
+      if (n == 0) print "-"
+      else printf f "\n", (n % 2 ? v[(n - 1) / 2] : (v[n / 2 - 1] + v[n / 2]) / 2)
+    }'
 }

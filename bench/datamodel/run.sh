@@ -16,16 +16,25 @@
 #
 #   bench/datamodel/run.sh [BUILD_DIR]      (default: build)
 #
+# Rates are taken in paired rounds (see bench/common.sh): each round loads
+# the product, the copy and the libfcgi copy back to back, in an order that
+# turns by one from round to round; "req/s" is the median of the rounds'
+# rates, "ratio" the median of the rounds' ratios (product / copy, product /
+# libfcgi copy). A round with a rate that is not a number (wrk failed, or
+# answers that were not 2xx) gives no ratio. Every round's rates go to
+# BUILD_DIR/bench/datamodel-run/rounds.txt.
+#
 # With the largest N, the "one" read is loaded again with 1,000 and 10,000
-# live session files in the folder (each round: none, 1,000, 10,000), and a
-# warm FastCGI responder's instructions per request are counted
+# live session files in the folder (rounds of none, 1,000 and 10,000, in
+# turning order; ratio per round against none, median kept), and a warm
+# FastCGI responder's instructions per request are counted
 # (bench/fcgi_ir.py); "per property" is the "all" read's count / (N x 8).
 #
 # Knobs (environment): BENCH_SIZES ("100 1000"), BENCH_DURATION seconds
-# per wrk run (3), BENCH_ROUNDS of product and reference in turn, the best
-# of each kept (2), BENCH_SESSION_ROUNDS of none, 1,000 and 10,000 live
-# sessions (3), BENCH_THREADS (1), BENCH_CONNECTIONS (4), BENCH_PORT,
-# BENCH_CALLGRIND=0 / BENCH_WRK=0 skip a part.
+# per wrk run (1), BENCH_PAIRS rounds per read (7), BENCH_SESSION_ROUNDS
+# rounds of none, 1,000 and 10,000 live sessions (BENCH_PAIRS),
+# BENCH_THREADS (1), BENCH_CONNECTIONS (4), BENCH_PORT, BENCH_CALLGRIND=0 /
+# BENCH_WRK=0 skip a part.
 #
 # Obj is an Array on purpose: a List's instance list text is refused beyond
 # 1024 characters, which a List of 1,000 instances ("1,2,...,1000") exceeds.
@@ -36,11 +45,11 @@ here=$(cd "$(dirname "$0")" && pwd)
 bench_setup datamodel "${1:-}"
 
 sizes=${BENCH_SIZES:-"100 1000"}
-duration=${BENCH_DURATION:-3}
+duration=${BENCH_DURATION:-1}
 threads=${BENCH_THREADS:-1}
 connections=${BENCH_CONNECTIONS:-4}
-rounds=${BENCH_ROUNDS:-2}
-session_rounds=${BENCH_SESSION_ROUNDS:-3}
+pairs=${BENCH_PAIRS:-7}
+session_rounds=${BENCH_SESSION_ROUNDS:-$pairs}
 do_callgrind=${BENCH_CALLGRIND:-1}
 do_wrk=${BENCH_WRK:-1}
 token=abc123
@@ -144,42 +153,31 @@ serve_root() { # root run_dir
   start_lighttpd "$conf" "$run/lighttpd.out" "$base/generic.cgi?${query[none]}"
 }
 
-# The larger of two rates; a rate that is not a number counts for nothing,
-# and two such give the second.
-best_of() { # rate rate
-  if [[ "$1" =~ ^[0-9.]+$ ]] && ! { [[ "$2" =~ ^[0-9.]+$ ]] && awk -v a="$2" -v b="$1" 'BEGIN { exit !(a > b) }'; }; then
-    echo "$1"
-  else
-    echo "$2"
-  fi
-}
-
-rate_ratio() { # rate reference: "-" unless both are numbers
-  if [[ "$1" =~ ^[0-9.]+$ && "$2" =~ ^[0-9.]+$ ]]; then
-    awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }'
-  else
-    echo -
-  fi
-}
-
+# Requests per second of one wrk run, or a text that is not a number: empty
+# when wrk printed no rate, with " non-2xx" when some answers were not 2xx.
 rps() { # url
   timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s \
       -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$1" 2>&1 |
     awk '/^Requests\/sec:/ { print $2 } /Non-2xx/ { bad = 1 } END { if (bad) print "non-2xx" }' | paste -sd' '
 }
 
+rounds_log=$work/rounds.txt
+echo "# N read round: req/s of product copy libfcgi-copy, in that order whatever the round's order" > "$rounds_log"
 {
   printf 'generic.cgi reads of an Array of N instances x 8 properties (%s)\n' "$(date -u +%FT%TZ)"
+  printf 'load: wrk -t%s -c%s, %s rounds of %ss per read (product, copy, libfcgi copy back to back, order turning);\n' \
+    "$threads" "$connections" "$pairs" "$duration"
+  printf '      req/s = median of the rounds'"'"' rates, ratio = median of the rounds'"'"' ratios\n'
   printf '%-6s %-6s %10s %14s %14s %10s %10s %6s %10s %6s\n' N read bytes instructions net req/s copy-req/s ratio \
     libfcgi-cp ratio
 } | tee "$report"
 
-declare -A all_rate=() all_copy=() all_libfcgi=()
+declare -A all_rate=() all_copy=() all_libfcgi=() all_ratio=() all_libfcgi_ratio=()
 for n in $sizes; do
   root=$work/root-$n
   make_root "$n" "$root"
   set_queries "$n"
-  declare -A ir=() rate=() copy_rate=() libfcgi_rate=()
+  declare -A ir=() rate=() copy_rate=() libfcgi_rate=() ratio=() libfcgi_ratio=()
   if [ "$do_callgrind" = 1 ]; then
     for r in "${reads[@]}"; do ir[$r]=$(instructions "$root" "${query[$r]}"); done
   fi
@@ -190,15 +188,30 @@ for n in $sizes; do
       ln "$work/run-$n/www/$r.bfc" "$work/run-$n/www/$r.bfl"
     done
     serve_root "$root" "$work/run-$n"
+    declare -A path=()
     for r in "${reads[@]}"; do
       wrk -t1 -c1 -d1s -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
-      # Rounds of the product and the reference in turn, the best of each
-      # kept: a passing load on the machine then weighs on both alike.
-      for ((round = 1; round <= rounds; round++)); do
-        rate[$r]=$(best_of "${rate[$r]:-}" "$(rps "$base/generic.cgi?${query[$r]}")")
-        copy_rate[$r]=$(best_of "${copy_rate[$r]:-}" "$(rps "$base/$r.bfc")")
-        libfcgi_rate[$r]=$(best_of "${libfcgi_rate[$r]:-}" "$(rps "$base/$r.bfl")")
+      path[product]="/generic.cgi?${query[$r]}" path[copy]="/$r.bfc" path[libfcgi]="/$r.bfl"
+      # Paired rounds: the three back to back, the order turning, so that a
+      # drift of the machine's speed weighs on all three alike.
+      p_rates=() c_rates=() l_rates=() c_ratios=() l_ratios=()
+      for ((round = 1; round <= pairs; round++)); do
+        declare -A got=()
+        for t in $(bench_rotate "$round" product copy libfcgi); do got[$t]=$(rps "$base${path[$t]}"); done
+        p_rates+=("${got[product]}") c_rates+=("${got[copy]}") l_rates+=("${got[libfcgi]}")
+        c_ratios+=("$(bench_ratio "${got[product]}" "${got[copy]}")")
+        l_ratios+=("$(bench_ratio "${got[product]}" "${got[libfcgi]}")")
+        printf '%s %s %s: %s | %s | %s\n' "$n" "$r" "$round" "${got[product]:--}" "${got[copy]:--}" "${got[libfcgi]:--}" \
+          >> "$rounds_log"
       done
+      rate[$r]=$(bench_median %.2f "${p_rates[@]}")
+      copy_rate[$r]=$(bench_median %.2f "${c_rates[@]}")
+      libfcgi_rate[$r]=$(bench_median %.2f "${l_rates[@]}")
+      ratio[$r]=$(bench_median %.2f "${c_ratios[@]}")
+      libfcgi_ratio[$r]=$(bench_median %.2f "${l_ratios[@]}")
+      # With 3 decimals for the summary, whose targets compare them.
+      all_ratio[${n}_$r]=$(bench_median %.3f "${c_ratios[@]}")
+      all_libfcgi_ratio[${n}_$r]=$(bench_median %.3f "${l_ratios[@]}")
     done
     stop_lighttpd
   fi
@@ -211,8 +224,7 @@ for n in $sizes; do
     net=-
     if [ -n "${ir[$r]:-}" ] && [ -n "${ir[none]:-}" ]; then net=$(( ${ir[$r]} - ${ir[none]} )); fi
     printf '%-6s %-6s %10s %14s %14s %10s %10s %6s %10s %6s\n' "$n" "$r" "$size" "$total" "$net" "${rate[$r]:--}" \
-      "${copy_rate[$r]:--}" "$(rate_ratio "${rate[$r]:-}" "${copy_rate[$r]:-}")" \
-      "${libfcgi_rate[$r]:--}" "$(rate_ratio "${rate[$r]:-}" "${libfcgi_rate[$r]:-}")"
+      "${copy_rate[$r]:--}" "${ratio[$r]:--}" "${libfcgi_rate[$r]:--}" "${libfcgi_ratio[$r]:--}"
   done | tee -a "$report"
 done
 # ----------------------------------------------- sessions, warm responder --
@@ -220,25 +232,35 @@ largest=${sizes##* }
 root=$work/root-$largest
 set_queries "$largest"
 sessions=$root/var/quelm/session
-declare -A session_rate=()
+declare -A session_rate=() session_ratio=() session_ratio_3=()
 if [ "$do_wrk" = 1 ]; then
   serve_root "$root" "$work/run-sessions"
+  # Rounds of none, 1,000 and 10,000 in turning order; each round gives the
+  # ratio of 1,000 and of 10,000 against its none.
+  declare -A at=()  # [count,round] = rate
   for ((round = 1; round <= session_rounds; round++)); do
-    for count in 0 1000 10000; do
-      [ "$count" = 0 ] && find "$sessions" -name 'web_s*' -delete 2>/dev/null
-      bench_add_sessions "$sessions" "$count"
-      r=$(rps "$base/generic.cgi?${query[one]}")
-      if [[ "$r" =~ ^[0-9.]+$ ]] && awk -v a="$r" -v b="${session_rate[$count]:-0}" 'BEGIN { exit !(a > b) }'; then
-        session_rate[$count]=$r
-      fi
+    for count in $(bench_rotate "$round" 0 1000 10000); do
+      bench_set_sessions "$sessions" "$count"
+      at[$count,$round]=$(rps "$base/generic.cgi?${query[one]}")
     done
+    printf '%s sessions %s: %s | %s | %s\n' "$largest" "$round" "${at[0,$round]:--}" "${at[1000,$round]:--}" \
+      "${at[10000,$round]:--}" >> "$rounds_log"
   done
   stop_lighttpd
-  find "$sessions" -name 'web_s*' -delete 2>/dev/null
+  bench_set_sessions "$sessions" 0
+  for count in 0 1000 10000; do
+    values=() ratios=()
+    for ((round = 1; round <= session_rounds; round++)); do
+      values+=("${at[$count,$round]}")
+      ratios+=("$(bench_ratio "${at[$count,$round]}" "${at[0,$round]}")")
+    done
+    session_rate[$count]=$(bench_median %.2f "${values[@]}")
+    session_ratio[$count]=$(bench_median %.2f "${ratios[@]}")
+    session_ratio_3[$count]=$(bench_median %.3f "${ratios[@]}")
+  done
   for count in 1000 10000; do
     printf '%-6s %-6s with %5d live sessions: %10s req/s, against none %10s: ratio %s\n' "$largest" one "$count" \
-      "${session_rate[$count]:--}" "${session_rate[0]:--}" \
-      "$(awk -v a="${session_rate[$count]:-0}" -v b="${session_rate[0]:-0}" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }')"
+      "${session_rate[$count]}" "${session_rate[0]}" "${session_ratio[$count]}"
   done | tee -a "$report"
 fi
 
@@ -267,9 +289,12 @@ fi
       echo "rate_${n}_${r} ${all_rate[${n}_$r]:-?}"
       echo "copy_${n}_${r} ${all_copy[${n}_$r]:-?}"
       echo "libfcgi_${n}_${r} ${all_libfcgi[${n}_$r]:-?}"
+      echo "ratio_${n}_${r} ${all_ratio[${n}_$r]:-?}"
+      echo "libfcgi_ratio_${n}_${r} ${all_libfcgi_ratio[${n}_$r]:-?}"
     done
   done
   for count in 0 1000 10000; do echo "sessions_${count}_rate ${session_rate[$count]:-?}"; done
+  for count in 1000 10000; do echo "sessions_${count}_ratio ${session_ratio_3[$count]:-?}"; done
   echo "largest $largest"
   echo "ir_all_warm ${warm[all]:-?}"
   echo "ir_per_property ${per_property:-?}"

@@ -6,25 +6,35 @@
 #   (c) lighttpd's own mod_ssi rendering it                    /page.shtml
 #   (d) the file served as a static file                       /page.txt
 #   (e) the copying responder on libfcgi's own close           /page.bfl
-# wrk loads each target in turn; then cgi-ssi runs once under callgrind as a
-# plain CGI to count the instructions of one page request. See bench/README.md.
+# wrk loads the targets in paired rounds: each round runs all five back to
+# back, in an order that turns by one from round to round; a target's rate
+# (and p50, p99) is the median over the rounds, a ratio such as a/b the
+# median of the rounds' ratios. (a) is loaded again in rounds of none, 1,000
+# and 10,000 live sessions, likewise. Then cgi-ssi runs once under callgrind
+# as a plain CGI to count the instructions of one page request. See
+# bench/README.md.
 #
 #   bench/ssi/run.sh [BUILD_DIR]            (default: build)
 #
-# Knobs (environment): BENCH_DURATION seconds per measured run (3),
-# BENCH_WARMUP seconds of warm-up per target (1), BENCH_ROUNDS rounds over the
-# five targets (2), BENCH_THREADS (2), BENCH_CONNECTIONS (8),
-# BENCH_MAX_REQUESTS per wrk thread and run (1000000), BENCH_PORT (a free one),
-# BENCH_CALLGRIND=0 skips the instruction count.
+# Knobs (environment): BENCH_DURATION seconds per measured run (1),
+# BENCH_WARMUP seconds of warm-up per target and per live-session load (1),
+# BENCH_PAIRS rounds over the five targets (7), BENCH_SESSION_ROUNDS rounds
+# of none, 1,000 and 10,000 live sessions (5), BENCH_THREADS (2),
+# BENCH_CONNECTIONS (8), BENCH_MAX_REQUESTS per wrk thread and run (1000000),
+# BENCH_MIXED_REQUESTS (100000), BENCH_PORT (a free one), BENCH_CALLGRIND=0
+# skips the instruction count.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../common.sh"
 bench_setup ssi "${1:-}"
 
-duration=${BENCH_DURATION:-3}
+duration=${BENCH_DURATION:-1}
 warmup=${BENCH_WARMUP:-1}
-rounds=${BENCH_ROUNDS:-2}
+pairs=${BENCH_PAIRS:-7}
+# Each live-session load follows a warm-up of its own, so a round of the
+# three costs twice its measured time: 5 rounds by default, not 7.
+session_rounds=${BENCH_SESSION_ROUNDS:-5}
 threads=${BENCH_THREADS:-2}
 connections=${BENCH_CONNECTIONS:-8}
 export BENCH_MAX_REQUESTS=${BENCH_MAX_REQUESTS:-1000000}
@@ -129,13 +139,17 @@ load() { # target seconds
     END { if (!found) print "0 0 0 0 0 0" }' <<<"$text"
 }
 
-declare -A best requests non2xx sockerr p50 p99 all_rps
+# Paired rounds (see bench/common.sh): each round loads the five targets back
+# to back, in an order that turns by one from round to round. A run counts
+# (at[target,round] is its rate) unless wrk completed no request or some
+# answers had a status of 400 or more; then it is "-" and gives no ratio.
+declare -A requests non2xx sockerr all_rps at at50 at99
 for t in "${targets[@]}"; do
   load "$t" "$warmup" >/dev/null
-  best[$t]=0 requests[$t]=0 non2xx[$t]=0 sockerr[$t]=0 p50[$t]=0 p99[$t]=0 all_rps[$t]=""
+  requests[$t]=0 non2xx[$t]=0 sockerr[$t]=0 all_rps[$t]=""
 done
-for _ in $(seq 1 "$rounds"); do
-  for t in "${targets[@]}"; do
+for ((round = 1; round <= pairs; round++)); do
+  for t in $(bench_rotate "$round" "${targets[@]}"); do
     read -r rps n bad serr l50 l99 < <(load "$t" "$duration")
     all_rps[$t]="${all_rps[$t]} $rps"
     if [ $(( n + connections + threads )) -ge $(( threads * BENCH_MAX_REQUESTS )) ]; then
@@ -145,9 +159,8 @@ for _ in $(seq 1 "$rounds"); do
     requests[$t]=$(( ${requests[$t]} + n ))
     non2xx[$t]=$(( ${non2xx[$t]} + bad ))
     sockerr[$t]=$(( ${sockerr[$t]} + serr ))
-    if awk -v a="$rps" -v b="${best[$t]}" 'BEGIN { exit !(a > b) }'; then
-      best[$t]=$rps p50[$t]=$l50 p99[$t]=$l99
-    fi
+    at[$t,$round]=- at50[$t,$round]=- at99[$t,$round]=-
+    if [ "$n" -gt 0 ] && [ "$bad" -eq 0 ]; then at[$t,$round]=$rps at50[$t,$round]=$l50 at99[$t,$round]=$l99; fi
   done
 done
 for t in "${targets[@]}"; do
@@ -158,24 +171,58 @@ for t in "${targets[@]}"; do
     problems+=("($t) ${label[$t]}: wrk completed no request")
   fi
 done
+# Per target the medians of the rounds' rate, p50 and p99; per pair of
+# targets the rounds' ratios (by_round) and their median (med).
+declare -A rate p50 p99 by_round med
+for t in "${targets[@]}"; do
+  rates=() l50s=() l99s=()
+  for ((round = 1; round <= pairs; round++)); do
+    rates+=("${at[$t,$round]}") l50s+=("${at50[$t,$round]}") l99s+=("${at99[$t,$round]}")
+  done
+  rate[$t]=$(bench_median %.1f "${rates[@]}")
+  p50[$t]=$(bench_median %.0f "${l50s[@]}")
+  p99[$t]=$(bench_median %.0f "${l99s[@]}")
+done
+for pair in ab ac bd cd ae; do
+  ratios=()
+  for ((round = 1; round <= pairs; round++)); do
+    ratios+=("$(bench_ratio "${at[${pair:0:1},$round]}" "${at[${pair:1:1},$round]}")")
+  done
+  by_round[$pair]=${ratios[*]}
+  med[$pair]=$(bench_median %.3f "${ratios[@]}")
+done
 
 # ---------------------------------------------- live sessions, memory --
-# (a) again with 1,000 and then 10,000 live sessions of other visitors in
-# the folder; best of the rounds, against (a) with none.
-# Each round loads (a) with none, then 1,000, then 10,000 such sessions, so
-# that the three are measured minutes apart at most.
+# (a) again with 1,000 and 10,000 live sessions of other visitors in the
+# folder, against (a) with none: rounds of none, 1,000 and 10,000 in turning
+# order, each load after a warm-up with its count; per round the ratio of
+# 1,000 and of 10,000 against that round's none, the median kept.
 session_counts=(0 1000 10000)
-declare -A best_sessions
-for n in "${session_counts[@]}"; do best_sessions[$n]=0; done
-for _ in $(seq 1 "$rounds"); do
-  for n in "${session_counts[@]}"; do
-    [ "$n" = 0 ] && find "$sessions" -name 'web_s*' -delete
-    bench_add_sessions "$sessions" "$n"
+declare -A sess_at sess_rate sess_ratio
+for ((round = 1; round <= session_rounds; round++)); do
+  for count in $(bench_rotate "$round" "${session_counts[@]}"); do
+    bench_set_sessions "$sessions" "$count"
     load a "$warmup" >/dev/null
-    read -r rps _ < <(load a "$duration")
-    if awk -v a="$rps" -v b="${best_sessions[$n]}" 'BEGIN { exit !(a > b) }'; then best_sessions[$n]=$rps; fi
+    read -r rps n bad _ < <(load a "$duration")
+    sess_at[$count,$round]=-
+    if [ "$n" -gt 0 ] && [ "$bad" -eq 0 ]; then
+      sess_at[$count,$round]=$rps
+    else
+      problems+=("(a) with $count live sessions, round $round: $bad of $n responses had a status of 400 or more; the run counts for nothing")
+    fi
   done
 done
+for count in "${session_counts[@]}"; do
+  rates=() ratios=()
+  for ((round = 1; round <= session_rounds; round++)); do
+    rates+=("${sess_at[$count,$round]}")
+    ratios+=("$(bench_ratio "${sess_at[$count,$round]}" "${sess_at[0,$round]}")")
+  done
+  sess_rate[$count]=$(bench_median %.1f "${rates[@]}")
+  sess_ratio[$count]=$(bench_median %.3f "${ratios[@]}")
+done
+# The mixed run below has the 10,000 live sessions in the folder.
+bench_set_sessions "$sessions" 10000
 anon_ssi_before=$( [ -n "$ssi_pid" ] && status_kb "$ssi_pid" RssAnon || echo "?")
 # 100,000 requests of a mix (pages with and without directives, data-model
 # reads, a missing page) against the same responder; its private memory
@@ -186,8 +233,10 @@ export BENCH_PATHS="${url[a]} /plain.htm /model.htm /nosuch.htm"
 saved_cap=$BENCH_MAX_REQUESTS
 export BENCH_MAX_REQUESTS=$(( mixed_requests / threads ))
 # wrk runs for its whole duration even when its threads stop early: the
-# duration is set from the page rate so that the cap ends the run.
-mixed_secs=$(awk -v n="$mixed_requests" -v r="${best[a]}" 'BEGIN { s = (r > 0 ? n / (0.7 * r) : 60); print int(s) + 2 }')
+# duration is set from the best round's page rate so that the cap ends the run.
+page_best=$(for ((round = 1; round <= pairs; round++)); do echo "${at[a,$round]}"; done |
+              awk '/^[0-9.]+$/ && $1 + 0 > m { m = $1 + 0 } END { print m + 0 }')
+mixed_secs=$(awk -v n="$mixed_requests" -v r="$page_best" 'BEGIN { s = (r > 0 ? n / (0.7 * r) : 60); print int(s) + 2 }')
 read -r mixed_rps mixed_done _ < <(load a "$mixed_secs")
 export BENCH_MAX_REQUESTS=$saved_cap
 unset BENCH_PATHS
@@ -271,21 +320,20 @@ if [ "${BENCH_CALLGRIND:-1}" != 0 ] && command -v valgrind >/dev/null; then
 fi
 
 # ---------------------------------------------------------------- report --
-num() { awk -v x="$1" 'BEGIN { if (x == "?" || x == "") print "?"; else printf "%.0f", x }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a == "?" || b == "?" || b + 0 == 0) print "?"; else printf "%.3f", a / b }'; }
+num() { awk -v x="$1" 'BEGIN { if (x == "?" || x == "") print "?"; else if (x !~ /^[0-9.]+$/) print "-"; else printf "%.0f", x }'; }
+# The rounds' ratios with 2 decimals.
+each() { awk -v xs="$1" 'BEGIN { n = split(xs, x, " "); for (i = 1; i <= n; i++) printf "%s%s", (i > 1 ? " " : ""), (x[i] ~ /^[0-9.]+$/ ? sprintf("%.2f", x[i]) : x[i]) }'; }
 diff_ir() { awk -v a="$1" -v b="$2" -v n="${3:-1}" 'BEGIN { if (a == "?" || b == "?") print "?"; else printf "%.0f", (a - b) / n }'; }
 
-ab=$(ratio "${best[a]}" "${best[b]}")
-ac=$(ratio "${best[a]}" "${best[c]}")
-bd=$(ratio "${best[b]}" "${best[d]}")
-cd_=$(ratio "${best[c]}" "${best[d]}")
-ae=$(ratio "${best[a]}" "${best[e]}")
-target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (r >= 0.9) print "target 0.90 met"; else print "target 0.90 NOT met" }')
+ab=${med[ab]} ac=${med[ac]} bd=${med[bd]} cd_=${med[cd]} ae=${med[ae]}
+target_note=$(awk -v r="$ab" 'BEGIN { if (r !~ /^[0-9.]+$/) print "no number"; else if (r >= 0.9) print "target 0.90 met"; else print "target 0.90 NOT met" }')
 
 {
   echo "SSI page benchmark   $(date -u '+%Y-%m-%d %H:%M:%S UTC')   $(nproc) CPUs   $(lighttpd -v 2>/dev/null | head -n 1)"
   echo "page: $page_bytes bytes, $directives echo directives; lighttpd on $base"
-  echo "load: wrk -t$threads -c$connections, ${warmup}s warm-up then $rounds x ${duration}s per target, best run kept"
+  echo "load: wrk -t$threads -c$connections, ${warmup}s warm-up per target, then $pairs rounds of the five targets back to back"
+  echo "      (${duration}s each, order turning); req/s, p50 and p99 are medians over the rounds, each ratio the median"
+  echo "      of the rounds' ratios"
   echo
   if [ ${#problems[@]} -gt 0 ]; then
     echo "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!"
@@ -294,11 +342,11 @@ target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (
     echo "!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!!"
     echo
   fi
-  printf '%-40s %-8s %7s %-10s %-10s %10s %9s %9s %7s  %s\n' target probe bytes type note "req/s" "p50 us" "p99 us" "errors" "each run (req/s)"
+  printf '%-40s %-8s %7s %-10s %-10s %10s %9s %9s %7s  %s\n' target probe bytes type note "req/s" "p50 us" "p99 us" "errors" "each round (req/s)"
   for t in "${targets[@]}"; do
     type=${probe_type[$t]%%;*}
     printf '%-40s %-8s %7s %-10s %-10s %10s %9s %9s %7s  %s\n' "($t) ${label[$t]}" "HTTP ${probe_status[$t]}" \
-      "${probe_size[$t]}" "${type:--}" "${probe_note[$t]:--}" "$(num "${best[$t]}")" "${p50[$t]}" "${p99[$t]}" \
+      "${probe_size[$t]}" "${type:--}" "${probe_note[$t]:--}" "$(num "${rate[$t]}")" "${p50[$t]}" "${p99[$t]}" \
       "$(( ${non2xx[$t]} + ${sockerr[$t]} ))" "${all_rps[$t]# }"
   done
   echo
@@ -307,10 +355,12 @@ target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (
   echo "b/d = $bd   (FastCGI round trip against the static file)"
   echo "c/d = $cd_   (mod_ssi against the static file)"
   echo "a/e = $ae   (cgi-ssi against the copy-only responder on libfcgi's loop, which waits for lighttpd's close)"
+  echo "a/b by round: $(each "${by_round[ab]}")"
   echo
-  echo "(a) with live sessions of other visitors in the folder (best of $rounds rounds, against none in the same rounds):"
-  for n in "${session_counts[@]}"; do
-    echo "  $n sessions: $(num "${best_sessions[$n]}") req/s, ratio $(ratio "${best_sessions[$n]}" "${best_sessions[0]}")   (target 0.90)"
+  echo "(a) with live sessions of other visitors in the folder ($session_rounds rounds of none, 1,000 and 10,000; req/s the"
+  echo "    median, ratio the median of the rounds' ratios against none):"
+  for count in "${session_counts[@]}"; do
+    echo "  $count sessions: $(num "${sess_rate[$count]}") req/s, ratio ${sess_ratio[$count]}   (target 0.90)"
   done
   echo
   echo "cgi-ssi responder private memory (RssAnon): idle ${anon_ssi_idle:-?} kB, before the mixed run ${anon_ssi_before:-?} kB,"
@@ -337,10 +387,13 @@ target_note=$(awk -v r="$ab" 'BEGIN { if (r == "?") print "no number"; else if (
 
 # For the summary of scripts/bench.sh: one "key value" per line.
 {
-  echo "page_rate ${best[a]}"
-  echo "copy_rate ${best[b]}"
-  echo "libfcgi_copy_rate ${best[e]}"
-  for n in "${session_counts[@]}"; do echo "sessions_${n}_rate ${best_sessions[$n]}"; done
+  echo "page_rate ${rate[a]}"
+  echo "copy_rate ${rate[b]}"
+  echo "libfcgi_copy_rate ${rate[e]}"
+  echo "page_ratio ${med[ab]}"
+  echo "page_libfcgi_ratio ${med[ae]}"
+  for count in "${session_counts[@]}"; do echo "sessions_${count}_rate ${sess_rate[$count]}"; done
+  for count in 1000 10000; do echo "sessions_${count}_ratio ${sess_ratio[$count]}"; done
   echo "rss_anon_idle ${anon_ssi_idle:-?}"
   echo "rss_anon_before ${anon_ssi_before:-?}"
   echo "rss_anon_after ${anon_ssi_after:-?}"
