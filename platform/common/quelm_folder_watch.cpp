@@ -35,7 +35,6 @@ struct Watcher {
     std::uint64_t serial = 0;
     std::vector<Watch> watches;
 
-
     // Whether this process may use the descriptor, opening it the first
     // time. A forked child shares its parent's descriptor, and reading it
     // would take the parent's notices: the child closes its copy and never
@@ -69,7 +68,7 @@ struct Watcher {
             return;
         }
         // Two names of one folder share a watch descriptor: all of them move on.
-        bool ended = (event.mask & kWatchEnds) != 0;
+        const bool ended = (event.mask & kWatchEnds) != 0;
         for (Watch &w : watches)
             if (w.wd == event.wd) w.serial = ++serial;
         if (!ended) return;
