@@ -17,6 +17,7 @@ struct Pinned {
     bool has_root = false;
     bool has_log_file = false;
     bool has_search_path = false;
+    std::string_view root_prefix;  // root without its trailing "/"s
 };
 
 Pinned &pinned() {
@@ -37,6 +38,8 @@ void pin_process_environment() {
     const char *search_path = std::getenv("PATH");
     p.has_search_path = search_path != nullptr;
     p.search_path = search_path != nullptr ? search_path : "";
+    p.root_prefix = p.root;
+    while (!p.root_prefix.empty() && p.root_prefix.back() == '/') p.root_prefix.remove_suffix(1);
     p.pinned = true;
 }
 
@@ -51,6 +54,7 @@ const char *process_env(const char *name) {
 }
 
 std::string_view root_prefix() {
+    if (const Pinned &p = pinned(); p.pinned) return p.has_root ? p.root_prefix : std::string_view();
     const char *root = process_env("QUELM_ROOT");
     if (root == nullptr) return {};
     std::string_view r(root);
