@@ -57,12 +57,6 @@ LimitFileState limit_file;
 
 const char *realm() { return QM_SessionRealm != nullptr ? QM_SessionRealm : ""; }
 
-bool same_status(const struct stat &a, const struct stat &b) {
-    return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size &&
-           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
-           a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
-}
-
 // One decimal number from the open limit file; a file without a number keeps
 // the previous limit, an empty one means no limit.
 void parse_limit(int fd) {
@@ -132,7 +126,7 @@ void read_session_limit() {
     const quelm::FolderStamp stamp = quelm::folder_stamp(path);
     struct stat st {};
     // An unchanged file costs one status call; only a changed one is opened.
-    if (limit_file.read && ::stat(path.c_str(), &st) == 0 && same_status(st, limit_file.st)) {
+    if (limit_file.read && ::stat(path.c_str(), &st) == 0 && quelm::same_status(st, limit_file.st)) {
         limit_file.looked = true;
         limit_file.stamp = quelm::stamp_if_own(stamp, path, st);
         return;

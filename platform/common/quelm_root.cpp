@@ -20,6 +20,11 @@ struct Pinned {
     std::string_view root_prefix;  // root without its trailing "/"s
 };
 
+std::string_view without_trailing_slashes(std::string_view path) {
+    while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+    return path;
+}
+
 Pinned &pinned() {
     static Pinned p;
     return p;
@@ -38,8 +43,7 @@ void pin_process_environment() {
     const char *search_path = std::getenv("PATH");
     p.has_search_path = search_path != nullptr;
     p.search_path = search_path != nullptr ? search_path : "";
-    p.root_prefix = p.root;
-    while (!p.root_prefix.empty() && p.root_prefix.back() == '/') p.root_prefix.remove_suffix(1);
+    p.root_prefix = without_trailing_slashes(p.root);
     p.pinned = true;
 }
 
@@ -54,12 +58,9 @@ const char *process_env(const char *name) {
 }
 
 std::string_view root_prefix() {
-    if (const Pinned &p = pinned(); p.pinned) return p.has_root ? p.root_prefix : std::string_view();
-    const char *root = process_env("QUELM_ROOT");
-    if (root == nullptr) return {};
-    std::string_view r(root);
-    while (!r.empty() && r.back() == '/') r.remove_suffix(1);
-    return r;
+    if (const Pinned &p = pinned(); p.pinned) return p.root_prefix;  // "" when unset
+    const char *root = std::getenv("QUELM_ROOT");
+    return root != nullptr ? without_trailing_slashes(root) : std::string_view();
 }
 
 std::string root_path(std::string_view gateway_path) {
