@@ -1,8 +1,5 @@
-"""Device functions through the real executable: their answers through
-generic.cgi and through "fct=" in a page, the background diagnostics across
-responder processes, the requests that are refused before a tool sees them,
-the configuration lock, and the host simulators that record but never act.
-No test sends traffic beyond loopback: the tools are the root's simulators."""
+"""Device functions through generic.cgi and "fct=" pages: answers, background
+diagnostics, refused requests, the lock, and the root's tool simulators."""
 
 import fcntl
 import os
@@ -109,13 +106,6 @@ def test_client_log_and_key_functions(device, root, qmcfg):
     assert vars_answer.startswith('{"http_vars" : { ServerName:"", ServerName:"", GatewayInterface:"CGI/1.1"')
 
 
-def test_dhcp_leases_of_one_interface_are_dropped(device, root):
-    leases = root / "var/etc/config/dhclient.leases"
-    assert device("remove_dhclient_leases:eth0") == answer("remove_dhclient_leases", "")
-    assert leases.read_text() == ('lease {\n  interface "eth1.100";\n  fixed-address 198.51.100.42;\n'
-                                  '  option routers 198.51.100.1;\n  renew 4 2026/11/26 11:00:00;\n}\n')
-
-
 def test_reboot_reset_and_disconnect_act_after_the_answer(device, root):
     assert device("reboot", "factoryReset") == '{"reboot" : "", "factoryReset" : ""}\n'
     assert events(root)[-2:] == ["reboot 0", "factory-reset "]
@@ -124,6 +114,10 @@ def test_reboot_reset_and_disconnect_act_after_the_answer(device, root):
     while "syslog restart" not in events(root) and time.monotonic() < deadline:
         time.sleep(0.05)
     assert "syslog restart" in events(root)
+    assert device("remove_dhclient_leases:eth0") == answer("remove_dhclient_leases", "")  # one interface's leases
+    assert (root / "var/etc/config/dhclient.leases").read_text() == (
+        'lease {\n  interface "eth1.100";\n  fixed-address 198.51.100.42;\n'
+        '  option routers 198.51.100.1;\n  renew 4 2026/11/26 11:00:00;\n}\n')
     # Without a session there is nothing to end; the token goes anyway.
     assert device("disconnect_session") == answer("disconnect_session", '"ERROR"', failed=True)
     assert not device.token.exists()

@@ -1,7 +1,5 @@
-"""generic.cgi through the real executable against a data model changed with
-qmcfg: answer bytes, rights, rule ownership, secrets, commit and revert, the
-configuration lock, and state kept between requests of one process. The path
-language itself is covered in depth by tests/unit/datamodel_test.cpp."""
+"""generic.cgi against a data model set with qmcfg: answer bytes, rights, rules,
+secrets, commit, the lock, and state between requests of one process."""
 
 import base64
 import os
@@ -12,7 +10,7 @@ from urllib.parse import urlencode
 import pytest
 
 from cipher import page_encrypt
-from conftest import plugin_symbols, write_token
+from conftest import write_token
 from fcgi import Responder
 
 # The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
@@ -62,6 +60,9 @@ def test_mixed_request_answer_bytes(generic, qmcfg):
                 + "}\n")
     assert body.decode() == expected
     assert qmcfg("get", "Device", "Hostname").stdout == "gateway\n"  # the error reverted the write
+    body = generic(("write", "Device_Hostname:x"), with_token=False)  # no token: no field is acted on
+    assert body == b'{"error" : "You must provide a token to access the values of CLI get or post."}\n'
+    assert qmcfg("get", "Device", "Hostname").stdout == "gateway\n"
 
 
 def test_reads_through_the_front_end(generic, qmcfg):
@@ -150,12 +151,6 @@ def test_encrypted_secrets(generic, qmcfg):
     assert body.decode() == "{" + error_member(
         "Unable to write the value ******** for WLANInterface_1_Config_KeyPassphrase : 3. ",
         "Error: Bad base64 signature", "Error:  Bad Crypt signature", printed=False) + "}\n"
-
-
-def test_missing_token_stops_every_field(generic, qmcfg):
-    body = generic(("write", "Device_Hostname:x"), with_token=False)
-    assert body == b'{"error" : "You must provide a token to access the values of CLI get or post."}\n'
-    assert qmcfg("get", "Device", "Hostname").stdout == "gateway\n"
 
 
 def test_lock_held_elsewhere_is_waited_for_once(generic, root):
@@ -253,6 +248,7 @@ def test_hostile_paths_are_refused_cleanly(generic, qmcfg):
     assert body.count(b" : ") >= len(paths)
 
 
+# The generic interface as plugins use it (test_token.py compiles it).
 PLUGIN = r"""
 #include <stdio.h>
 #include "qm_generic.h"
@@ -270,13 +266,6 @@ int plugin_entry(void) {
            + find_in_list_word("1,2", "2") + get_lock() + generic_ssi("Device_Name") + generic_fct("date");
 }
 """
-
-
-def test_plugin_interface_is_exported_and_plain_c(bin_dir, tmp_path):
-    needed, exported = plugin_symbols(PLUGIN, bin_dir, tmp_path, "-include", "stdlib.h")
-    ours = needed - {"free", "stdout"}
-    assert len(ours) == 24
-    assert sorted(ours - exported) == []
 
 
 def test_page_symbols_read_the_data_model(cgi, qmcfg, root):

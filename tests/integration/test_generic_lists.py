@@ -1,8 +1,5 @@
-"""List reads of generic.cgi over many instances, which fetch the whole list
-with one query and split it by instance: instance boundaries (1 against 10
-and 12), instance sets in their own order with repeats and gaps, a
-remainder naming a property or nothing, where clauses, masking, and a
-change between two reads of one responder."""
+"""List reads of generic.cgi over twelve instances (1 against 10 and 12): sets,
+remainders, where clauses, masking, and a change between two reads."""
 
 import json
 from urllib.parse import urlencode

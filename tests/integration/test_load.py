@@ -37,11 +37,8 @@ def configuration(root):
 
 
 def test_concurrent_writers_commit_whole_values(lighttpd, cgi, root):
-    """Half the writers go through lighttpd's responder, half run as CGI
-    processes of their own on the same root, so that processes really
-    overlap. Every request writes one tag into the three properties and
-    commits; the saved configuration always holds one request's tag in all
-    three, and no request hangs."""
+    """Half the writers through lighttpd, half as CGI processes: the saved
+    configuration always holds one request's tag in all three, none hangs."""
     write_token(root, name="load01")
     origin = {"Origin": lighttpd.url, "Content-Type": "application/x-www-form-urlencoded"}
     factory = configuration(root)[0]

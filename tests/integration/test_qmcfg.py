@@ -155,14 +155,6 @@ def test_changes_wait_for_the_configuration_lock(qmcfg, root, env):
     assert qmcfg("get", "Device", "Hostname").stdout == "free\n"
 
 
-def test_uninitialised_root_is_reported(bin_dir, env, tmp_path):
-    empty = tmp_path / "empty"
-    empty.mkdir()
-    done = subprocess.run([bin_dir / "qmcfg", "get", "Device", "Hostname"], env=dict(env, QUELM_ROOT=str(empty)),
-                          capture_output=True, text=True)
-    assert done.returncode == 1
-    assert "qmcfg init" in done.stderr
-    assert not (empty / "var").exists()
 
 
 def test_help_and_both_naming_styles(qmcfg):
@@ -176,8 +168,12 @@ def test_help_and_both_naming_styles(qmcfg):
     assert qmcfg("type", "User", "7").stdout == qmcfg("type", "User_7").stdout
 
 
-def test_without_root_changes_need_system(bin_dir, env):
-    bare = {k: v for k, v in env.items() if k != "QUELM_ROOT"}
+def test_uninitialised_or_missing_root_is_reported(bin_dir, env, tmp_path):
+    (tmp_path / "empty").mkdir()
+    done = subprocess.run([bin_dir / "qmcfg", "get", "Device", "Hostname"],
+                          env=dict(env, QUELM_ROOT=str(tmp_path / "empty")), capture_output=True, text=True)
+    assert done.returncode == 1 and "qmcfg init" in done.stderr and not (tmp_path / "empty/var").exists()
+    bare = {k: v for k, v in env.items() if k != "QUELM_ROOT"}  # without a root, changes need --system
     for args in (["set", "Device", "Hostname", "x"], ["init"], ["factory"], ["-n", "load", "-"]):
         done = subprocess.run([bin_dir / "qmcfg", *args], env=bare, capture_output=True, text=True, input="")
         assert done.returncode == 1, args

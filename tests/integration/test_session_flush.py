@@ -1,8 +1,5 @@
-"""Sessions in one long-lived FastCGI responder: expired files go and the
-realm's count holds across requests even though the folder is scanned at
-most once a second; the limit file, and the gateway's names a request's
-Host is checked against and the session settings, are picked up as soon
-as they change."""
+"""Sessions in one long-lived responder: expiry and the realm's count across
+passes, and changed limits, names and settings apply to the next request."""
 
 import os
 import re

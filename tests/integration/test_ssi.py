@@ -1,7 +1,5 @@
-"""The SSI page engine through the real executable run as a plain CGI:
-headers and error pages byte for byte, directives, includes and their
-refusals, malformed pages, and the sections shown by authentication or by
-a data-model value."""
+"""The SSI page engine as a plain CGI: headers and error pages byte for byte,
+directives, includes, malformed pages, and sections by login or value."""
 
 import os
 import re
@@ -85,6 +83,9 @@ def test_error_blocks_escape_names(site):
     assert raw == FORBIDDEN + NOT_PERMITTED.format("initial", "PATH_INFO", f"/a/../{shown}")
     raw = site(text='<!--#include file="../<b>&x.htm" -->')
     assert body(raw) == NOT_PERMITTED.format("include", "file", "../&lt;b&gt;&amp;x.htm")
+    # A page matching the CGI pattern is refused as it is named.
+    raw = site("run.cgi.htm", "secret", extra={"CGI_PATTERN": "**.cgi.htm|/nothing"})
+    assert raw == FORBIDDEN + NOT_PERMITTED.format("initial", "SCRIPT_FILENAME", f"{site.docroot}/run.cgi.htm")
 
 
 def test_missing_variable_exact_bytes(site):
@@ -97,22 +98,18 @@ def test_missing_variable_exact_bytes(site):
     assert raw == "Status: 500 Internal Server Error\r\nContent-type: text/html\r\n\r\n" + expected
 
 
-def test_pages_matching_cgi_pattern_are_refused(site):
-    raw = site("run.cgi.htm", "secret", extra={"CGI_PATTERN": "**.cgi.htm|/nothing"})
-    assert raw == FORBIDDEN + NOT_PERMITTED.format("initial", "SCRIPT_FILENAME", f"{site.docroot}/run.cgi.htm")
-
-
 # ---- Directives -------------------------------------------------------------------
 
-def test_echo_values_and_attribute_separator(site, log_file):
+def test_echo_values_attribute_separator_and_unknown_directives(site, log_file):
     page = ('<!--#echo var="DOCUMENT_URI" -->|<!--#echo var=DOCUMENT_NAME -->|'
             '<!--#echo var=QUERY_STRING_UNESCAPED -->|<!--#echo var=A var=B -->|'
             '<!--#echo var=X_FORWARDED_FOR -->|<!--#echo var=nosuch -->|'
-            '<!--#echo value=x -->')
+            '<!--#echo value=x -->a<!--#foo -->b<!--#Echo var=A -->c<!--# -->d')
     raw = site(text=page, extra={"A": "a'1", "B": "b", "QUERY_STRING": "q=%41&x"})
     name = f"{site.docroot}/index.htm"
-    assert body(raw) == (f"/index.htm|{name}|q=%41&x|a'1 b|||"
-                         + UNKNOWN_TAG.format(name, "echo", "value"))
+    assert body(raw) == (f"/index.htm|{name}|q=%41&x|a'1 b|||" + UNKNOWN_TAG.format(name, "echo", "value")
+                         + "a" + UNKNOWN_DIRECTIVE.format(name, "foo") + "b" + UNKNOWN_DIRECTIVE.format(name, "Echo")
+                         + "c" + UNKNOWN_DIRECTIVE.format(name, "") + "d")
     assert "SSI unknown symbol <nosuch>" in log_file.read_text()
 
 
@@ -231,14 +228,6 @@ def test_includes_per_page_are_bounded(site):
 ])
 def test_malformed_directives_are_text(site, text):
     assert body(site(text=text, extra={"A": "value"})) == text
-
-
-def test_page_of_unknown_directives(site):
-    raw = site(text="a<!--#foo -->b<!--#Echo var=A -->c<!--# -->d", extra={"A": "x"})
-    name = f"{site.docroot}/index.htm"
-    assert body(raw) == ("a" + UNKNOWN_DIRECTIVE.format(name, "foo") + "b"
-                         + UNKNOWN_DIRECTIVE.format(name, "Echo") + "c"
-                         + UNKNOWN_DIRECTIVE.format(name, "") + "d")
 
 
 # ---- Sections ------------------------------------------------------------------------------

@@ -209,8 +209,7 @@ TEST_F(CgiState, FormFieldsChooseThePage) {
     EXPECT_EQ(url_page, long_page.substr(0, QM_URL_PAGE_SIZE - 1));
     EXPECT_EQ(url_expert, 2);
 
-    ASSERT_EQ(get("iDelay=15"), 0);
-    EXPECT_EQ(get_shelldelay(), 15);
+    // A given iDelay reaches the reboot of an import (test_maintenance.py); none is 0.
     ASSERT_EQ(get("x=1"), 0);
     EXPECT_EQ(get_shelldelay(), 0);
 }

@@ -47,7 +47,6 @@ TEST(DeviceHex, WritesWholeBytesWithinTheBuffer) {
     EXPECT_STREQ(out, "FF");
     EXPECT_EQ(atoh(nullptr, out, sizeof out), 1);
     EXPECT_EQ(atoh("A", nullptr, 0), 1);
-    EXPECT_EQ(itoh(10), 'A');
 }
 
 TEST(DeviceHosts, OnlyNamesAndAddressesReachATool) {

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -30,12 +29,8 @@ namespace {
 namespace fs = std::filesystem;
 
 using Text = quelm::MallocString;
+using test_support::owned_text;
 
-// A text the library allocated, freed here; "(null)" for none.
-std::string owned_text(char *text) {
-    Text v(text);
-    return v ? std::string(v.get()) : std::string("(null)");
-}
 std::string value_of(const char *object, const char *property) {
     return owned_text(QM_DAT_getobjproperty(object, property));
 }
@@ -89,10 +84,25 @@ bool lock_is_free(const fs::path &root) {
     return fd >= 0;
 }
 
+// Replaces the installed schema and reopens the library on it.
+int reopen_with_schema(const fs::path &root, const std::string &body) {
+    QM_Cfg_Free();
+    std::ofstream(root / "etc/quelm/config.default/schema.xml")
+        << "<?xml version=\"1.0\"?>\n<schema>" << body << "</schema>\n";
+    return QM_Cfg_Init(1);
+}
+
 // The type codes of valid names are checked through qmcfg (test_qmcfg.py).
 TEST_F(PlatformTest, NamesMapToSchemaPaths) {
     // xml_path: null: unknown name
-    struct Case { const char *name; const char *xml_path; } cases[] = {
+    struct Case { const char *name; const char *xml_path; };
+    const auto check = [](std::initializer_list<Case> cases) {
+        for (const Case &c : cases) {
+            EXPECT_STREQ(Text(QM_DAT_objname2xmlpath(c.name)).get(), c.xml_path) << c.name;
+            EXPECT_EQ(QM_err_get(), c.xml_path ? 0 : QM_ERR_UNKNOWN_OBJECT) << c.name;
+        }
+    };
+    check({
         {"Device", "Device"},
         {"Device_Hostname", "Device.Hostname"},
         {"User_3", "User.{i}"},
@@ -105,47 +115,30 @@ TEST_F(PlatformTest, NamesMapToSchemaPaths) {
         {"User_03", nullptr},         // one spelling per instance
         {"User_100000000", nullptr},  // above the largest instance number
         {"User_Username", nullptr},   // a List member needs its instance
-        {"User_3_", nullptr},
         {"Device__Hostname", nullptr},
         {"Device_Hostname_More", nullptr},
         {"Device_1", nullptr},  // no instances below a node
-        {"DeviceX", nullptr},
         {"User_Count", nullptr},  // pseudo-properties belong to the back end
-    };
-    for (const Case &c : cases) {
-        Text path(QM_DAT_objname2xmlpath(c.name));
-        EXPECT_STREQ(path.get(), c.xml_path) << c.name;
-        EXPECT_EQ(QM_err_get(), c.xml_path ? 0 : QM_ERR_UNKNOWN_OBJECT) << c.name;
-    }
+    });
     for (const char *bad : {"", "{i}", "User.Username", "User.{i}.{i}", "Device.{i}", "Device.Hostname.X", "Device."}) {
         int32_t type = -1;
         EXPECT_EQ(QM_XML_gettype(bad, &type), QM_ERR_UNKNOWN_OBJECT) << bad;
         EXPECT_EQ(type, -1) << bad;
     }
     EXPECT_NE(QM_XML_gettype(nullptr, nullptr), 0);
-}
 
-// Replaces the installed schema and reopens the library on it.
-int reopen_with_schema(const fs::path &root, const std::string &body) {
-    QM_Cfg_Free();
-    std::ofstream(root / "etc/quelm/config.default/schema.xml")
-        << "<?xml version=\"1.0\"?>\n<schema>" << body << "</schema>\n";
-    return QM_Cfg_Init(1);
-}
-
-TEST_F(PlatformTest, ComponentNamesMayHoldUnderscores) {
+    // Component names may hold underscores.
     ASSERT_EQ(reopen_with_schema(root_, R"(
         <object name="Services" type="31"><param name="Name" type="1"/></object>
         <object name="Services_IAD" type="31"><param name="Delay" type="3" default="5"/></object>
         <object name="A_B" type="33"><param name="C" type="1"/><param name="C_D" type="2"/></object>)"),
               0);
-    struct Case { const char *name, *xml_path; } cases[] = {
+    check({
         {"Services_IAD", "Services_IAD"},  // the longer component wins
         {"Services_Name", "Services.Name"}, {"Services_IAD_Delay", "Services_IAD.Delay"}, {"A_B_2", "A_B.{i}"},
         {"A_B_2_C", "A_B.{i}.C"},           {"A_B_2_C_D", "A_B.{i}.C_D"},                 {"A_B_2_C_E", nullptr},
         {"A_2", nullptr},                   {"Services_IAD_Name", nullptr},
-    };
-    for (const Case &c : cases) EXPECT_STREQ(Text(QM_DAT_objname2xmlpath(c.name)).get(), c.xml_path) << c.name;
+    });
     int32_t type = 0;
     EXPECT_EQ(QM_XML_gettype("A_B.{i}.C_D", &type), 0);
     EXPECT_EQ(type, QM_TYPE_INT);
@@ -179,11 +172,8 @@ TEST_F(PlatformTest, MalformedSchemaIsRefused) {
 TEST_F(PlatformTest, RecordsOfAnInstanceLeaveOutLongerNumbers) {
     ASSERT_EQ(QM_DAT_createobject("User_10", 0), 0);
     ASSERT_EQ(QM_DAT_createobject("User_11", 0), 0);
-    EXPECT_EQ(record_names("User_1"), (std::vector<std::string>{"User_1_Enable", "User_1_User", "User_1_Username",
-                                                                 "User_1_Password", "User_1_Services"}));
-
-    // The whole list: schema order inside each instance, instances in
-    // numeric (not text) order.
+    // User_1 without User_10: the dump test of test_qmcfg.py. The whole list:
+    // instances in numeric (not text) order.
     EXPECT_EQ(first_of_each_user("User"), (std::vector<std::string>{"User_1_Enable", "User_2_Enable", "User_3_Enable",
                                                                    "User_10_Enable", "User_11_Enable"}));
 
@@ -194,11 +184,7 @@ TEST_F(PlatformTest, RecordsOfAnInstanceLeaveOutLongerNumbers) {
     EXPECT_EQ(records->next, nullptr);
     QM_DAT_freedata(&records);
 
-    EXPECT_EQ(QM_DAT_getobjdata("User_4", 0), nullptr);
-    EXPECT_EQ(QM_err_get(), QM_ERR_NOTHING);
-    EXPECT_EQ(QM_DAT_getobjdata("Storage_Item", 0), nullptr);
-    EXPECT_EQ(QM_DAT_getobjdata("Nope", 0), nullptr);
-    EXPECT_EQ(QM_err_get(), QM_ERR_UNKNOWN_OBJECT);
+    EXPECT_EQ(QM_DAT_getobjdata("Storage_Item", 0), nullptr);  // failing reads: config_cache_test.cpp
 }
 
 TEST_F(PlatformTest, WhereClausesSelectInstances) {
@@ -224,7 +210,6 @@ TEST_F(PlatformTest, CountsFollowCreateAndDelete) {
     EXPECT_EQ(count_of("User"), "1,2,3");
     EXPECT_EQ(count_of("Storage_Item"), "");
     EXPECT_EQ(count_of("HttpServer"), "3");
-    EXPECT_EQ(count_of("Device"), "(null)");
     EXPECT_EQ(count_of("User_1"), "(null)");
     // new_list_index of qm_util.h reads the same count (its arithmetic: util_test.cpp).
     EXPECT_EQ(new_list_index("User"), 1001);
@@ -235,8 +220,8 @@ TEST_F(PlatformTest, CountsFollowCreateAndDelete) {
     } steps[] = {
         {QM_DAT_createobject, "User_1001", 0, "User", "1,2,3,1001"},
         {QM_DAT_deleteobject, "User_2", 0, "User", "1,3,1001"},
-        // Arrays keep 1..count: they change at their end only.
-        {QM_DAT_createobject, "LANEthernetInterface_6", QM_ERR_NOT_INSTANCE, "LANEthernetInterface", "4"},
+        // Arrays keep 1..count: they change at their end only (creating past
+        // it, and the count of a node: test_qmcfg.py).
         {QM_DAT_createobject, "LANEthernetInterface_5", 0, "LANEthernetInterface", "5"},
         {QM_DAT_deleteobject, "LANEthernetInterface_3", QM_ERR_NOT_INSTANCE, "LANEthernetInterface", "5"},
         {QM_DAT_deleteobject, "LANEthernetInterface_5", 0, "LANEthernetInterface", "4"},
@@ -301,24 +286,9 @@ TEST_F(PlatformTest, SetValidatesAgainstTheType) {
     EXPECT_EQ(QM_err_get(), QM_ERR_NOTHING);
 }
 
-// Values are cached per process; a change made by another process must be
-// seen by the next read, and so must one made through this process.
-TEST_F(PlatformTest, ReadsSeeChangesOfOtherProcesses) {
-    ASSERT_EQ(QM_DAT_setobjproperty("Device", "Hostname", "before", 0), 0);
-    EXPECT_EQ(value_of("Device", "Hostname"), "before");
-    EXPECT_EQ(value_of("Device", "Hostname"), "before");
-    for (const char *value : {"from-child", "again-from-child"}) {
-        test_support::in_other_process([&] { return QM_DAT_setobjproperty("Device", "Hostname", value, 0); });
-        EXPECT_EQ(value_of("Device", "Hostname"), value);
-    }
-}
-
-TEST_F(PlatformTest, FactoryDropsNewInstancesAndEventsAreStamped) {
-    ASSERT_EQ(QM_DAT_createobject("Storage_Item_1", 0), 0);
-    ASSERT_EQ(QM_FILE_commit(0), 0);
+// What a factory reset restores: test_qmcfg.py.
+TEST_F(PlatformTest, EventsAreStampedInUtc) {
     EXPECT_EQ(QM_FILE_factory(2), 0);
-    EXPECT_EQ(count_of("Storage_Item"), "");
-
     EXPECT_EQ(QM_SYS_reboot(5), 0);
     EXPECT_EQ(QM_STATUS_set(1), 0);
     std::istringstream log(slurp(root_ / "var/quelm/platform/events.log"));
@@ -371,14 +341,11 @@ TEST_F(PlatformTest, LoadSkipsCommentsAndGrowsArrays) {
     EXPECT_EQ(dump, "Storage_Item_2_Status_MountPoint=\n");
 }
 
+// How long a held lock is waited for: test_generic.py.
 TEST_F(PlatformTest, LockHeldElsewhereTimesOutAndNestsWithinTheProcess) {
     int other = take_lock(root_);
     ASSERT_GE(other, 0);
-    auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(QM_FILE_lock(), QM_ERR_LOCKED);
-    auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(waited, std::chrono::milliseconds(150));  // QUELM_LOCK_WAIT_MS is 200
-    EXPECT_LT(waited, std::chrono::seconds(2));
     EXPECT_EQ(QM_FILE_unlock(), QM_ERR_NOTHING);
 
     close(other);

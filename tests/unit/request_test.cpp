@@ -154,12 +154,10 @@ TEST_F(RequestInit, BodyLengthsTypesAndMethods) {
         {"exact", "7", "a=1&b=2", 0, {{"a", "1"}, {"b", "2"}}, ""},
         {"shorter than body", "3", "a=1&b=2", 0, {{"a", "1"}}, "&b=2"},
         {"leading number", "3abc", "a=1xyz", 0, {{"a", "1"}}, "xyz"},
-        {"short body", "10", "a=1", -1, {}, ""},
+        // A short body, "abc", "-2147483648" and twenty nines: test_dispatch.py.
         {"zero", "0", "a=1", 0, {}, "a=1"},           {"unset", nullptr, "a=1", 0, {}, "a=1"},
-        {"not a number", "abc", "a=1", 0, {}, "a=1"}, {"minus zero", "-0", "a=1", 0, {}, "a=1"},
-        {"negative", "-1", "a=1", -1, {}, "a=1"},     {"most negative", "-2147483648", "a=1", -1, {}, "a=1"},
+        {"minus zero", "-0", "a=1", 0, {}, "a=1"},    {"negative", "-1", "a=1", -1, {}, "a=1"},
         {"just past int", "2147483648", "a=1", -1, {}, "a=1"},
-        {"far past int", "99999999999999999999", "a=1", -1, {}, "a=1"},
         // Only urlencoded POSTs are read; method and type compare ignoring case.
         {"other type", "3", "a=1", 0, {}, "a=1", "POST", "text/plain"},
         {"other method", "3", "a=1", 0, {}, "a=1", "PUT"},
@@ -461,9 +459,9 @@ TEST_F(RequestFile, UploadedPartsAndTheirFiles) {
     part->next = cgiFormEntryFirst;
     cgiFormEntryFirst = part;
 
+    // The name whole and the reads of the file: the upload and import tests
+    // of test_nas.py and test_maintenance.py.
     char text[CGIC_TEMP_NAME_SIZE];
-    EXPECT_EQ(cgiFormFileName("up", text, sizeof text), cgiFormSuccess);
-    EXPECT_STREQ(text, "photo.jpg");
     EXPECT_EQ(cgiFormFileName("up", text, 4), cgiFormTruncated);
     EXPECT_STREQ(text, "pho");
     EXPECT_EQ(cgiFormFileContentType("up", text, sizeof text), cgiFormNoContentType);
@@ -472,18 +470,7 @@ TEST_F(RequestFile, UploadedPartsAndTheirFiles) {
     int size = -1;
     EXPECT_EQ(cgiFormFileSize("up", &size), cgiFormSuccess);
     EXPECT_EQ(size, 11);
-
     cgiFilePtr file = nullptr;
-    ASSERT_EQ(cgiFormFileOpen("up", &file), cgiFormSuccess);
-    char chunk[8];
-    int got = 0;
-    for (const char *expected : {"hello wo", "rld"}) {
-        EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormSuccess);
-        EXPECT_EQ(std::string(chunk, static_cast<std::size_t>(got)), expected);
-    }
-    EXPECT_EQ(cgiFormFileRead(file, chunk, sizeof chunk, &got), cgiFormEmpty);
-    EXPECT_EQ(got, 0);
-    EXPECT_EQ(cgiFormFileClose(file), cgiFormSuccess);
     EXPECT_EQ(cgiFormFileClose(nullptr), cgiFormOpenFailed);
 
     // An urlencoded field is no file; a missing one is not found.

@@ -20,6 +20,7 @@
 #include "cgic.h"
 #include "platform.h"
 #include "qm_config.h"
+#include "quelm_owned.h"
 #include "ssi.h"
 
 namespace test_support {
@@ -47,6 +48,12 @@ inline std::string captured_output(const std::function<void()> &write) {
     for (std::size_t n; (n = std::fread(chunk, 1, sizeof chunk, sink)) > 0;) out.append(chunk, n);
     std::fclose(sink);
     return out;
+}
+
+// A text the library allocated, freed here; "(null)" for none.
+inline std::string owned_text(char *text) {
+    quelm::MallocString owned(text);
+    return owned ? owned.get() : "(null)";
 }
 
 // The whole file as bytes ("" when it cannot be read).

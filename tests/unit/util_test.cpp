@@ -215,32 +215,20 @@ protected:
     std::filesystem::path dir_;
 };
 
-TEST_F(UtilVarFile, FilevarTruncation) {
-    struct Case { const char *desc; std::string content; size_t size; std::string out; int code; } cases[] = {
-        {"fits", "abc\n", 4, "abc", QM_VAR_OK},
-        {"exactly size is cut but ok", "abcd\n", 4, "abc", QM_VAR_OK},
-        {"longer than size", "abcde\n", 4, "abc", QM_VAR_TRUNCATED},
-        {"only one line end removed", "abc\r\n", 8, "abc\r", QM_VAR_OK},
-        {"carriage return alone", "abc\r", 8, "abc", QM_VAR_OK},
-        {"first line only", "one\ntwo\n", 8, "one", QM_VAR_OK},
-        {"empty file", "", 8, "", QM_VAR_OK},
-        {"line longer than Line", std::string(5000, 'a'), 8192, std::string(QM_LINE_SIZE - 1, 'a'),
-         QM_VAR_OK},
-    };
-    for (const Case &c : cases) {
-        std::vector<char> out(c.size, 'X');
-        EXPECT_EQ(get_filevar(write(c.content).c_str(), out.data(), c.size), c.code) << c.desc;
-        EXPECT_EQ(out.data(), c.out) << c.desc;
-    }
-    char out[4] = "zz";
-    EXPECT_EQ(get_filevar((dir_ / "absent").c_str(), out, sizeof out), QM_VAR_MISSING);
-    EXPECT_STREQ(out, "");
-}
-
-TEST_F(UtilVarFile, LogvarKeyMatching) {
+// key null: get_filevar (the first line), else get_logvar (the value of "key=").
+TEST_F(UtilVarFile, FirstLineAndKeyedValues) {
     struct Case {
-        const char *desc; const char *content; const char *key; size_t size; const char *out; int code;
+        const char *desc; std::string content; const char *key; size_t size; std::string out; int code;
     } cases[] = {
+        {"fits", "abc\n", nullptr, 4, "abc", QM_VAR_OK},
+        {"exactly size is cut but ok", "abcd\n", nullptr, 4, "abc", QM_VAR_OK},
+        {"longer than size", "abcde\n", nullptr, 4, "abc", QM_VAR_TRUNCATED},
+        {"only one line end removed", "abc\r\n", nullptr, 8, "abc\r", QM_VAR_OK},
+        {"carriage return alone", "abc\r", nullptr, 8, "abc", QM_VAR_OK},
+        {"first line only", "one\ntwo\n", nullptr, 8, "one", QM_VAR_OK},
+        {"empty file", "", nullptr, 8, "", QM_VAR_OK},
+        {"line longer than Line", std::string(5000, 'a'), nullptr, 8192, std::string(QM_LINE_SIZE - 1, 'a'),
+         QM_VAR_OK},
         {"= must follow the key", "ipv6=::1\nip=1.2.3.4\n", "ip", 32, "1.2.3.4", QM_VAR_OK},
         {"longer key only", "ipv6=::1\n", "ip", 32, "", QM_VAR_MISSING},
         {"blank before =", "ip =1\n", "ip", 32, "", QM_VAR_MISSING},
@@ -251,11 +239,15 @@ TEST_F(UtilVarFile, LogvarKeyMatching) {
     };
     for (const Case &c : cases) {
         std::vector<char> out(c.size, 'X');
-        EXPECT_EQ(get_logvar(write(c.content).c_str(), c.key, out.data(), c.size), c.code) << c.desc;
-        EXPECT_STREQ(out.data(), c.out) << c.desc;
+        const std::string path = write(c.content);
+        EXPECT_EQ(c.key ? get_logvar(path.c_str(), c.key, out.data(), c.size)
+                        : get_filevar(path.c_str(), out.data(), c.size), c.code) << c.desc;
+        EXPECT_EQ(out.data(), c.out) << c.desc;
     }
     char out[4] = "zz";
     EXPECT_EQ(get_logvar((dir_ / "absent").c_str(), "ip", out, sizeof out), QM_VAR_MISSING);
+    EXPECT_EQ(get_filevar((dir_ / "absent").c_str(), out, sizeof out), QM_VAR_MISSING);
+    EXPECT_STREQ(out, "");
 }
 
 }  // namespace
