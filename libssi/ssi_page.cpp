@@ -277,7 +277,7 @@ std::shared_ptr<const ScannedPage> keep_page(const std::string &path, const stru
     }
     slot->path = path;
     slot->status = status;
-    slot->stamp = quelm::stamp_if_own(stamp, path, status);
+    slot->stamp = quelm::stamp_if_own(stamp, path.c_str(), status);
     slot->page = page;
     return page;
 }

@@ -26,6 +26,7 @@
 #include "qm_config.h"
 #include "qm_token.h"
 #include "util/policy.h"
+#include "quelm_chars.h"
 #include "quelm_guard.h"
 #include "quelm_kept_file.h"
 #include "quelm_owned.h"
@@ -76,9 +77,8 @@ bool is_token_path(const char *path) {
 
 // Decimal number as "%d" reads it, clamped to int; fallback when none.
 int parse_int(const char *text, int fallback) {
-    char *end = nullptr;
-    errno = 0;
-    long value = std::strtol(text, &end, 10);
+    const char *end = nullptr;
+    const long value = quelm::parse_long(text, &end);
     if (end == text) return fallback;
     if (value > INT_MAX) return INT_MAX;
     if (value < INT_MIN) return INT_MIN;
@@ -154,9 +154,9 @@ quelm::KeptFile &kept_token() {
     return kept;
 }
 
-void hold_token(const std::string &path, int lifetime) {
+void hold_token(const char *path, int lifetime) {
     std::free(last_token_name);
-    last_token_name = ::strdup(path.c_str());
+    last_token_name = ::strdup(path);
     last_token_lifetime = lifetime;
 }
 
@@ -210,7 +210,7 @@ int create_token(const char *text) {
         // The first token of a page is the one that "create=" and autolearn
         // extend.
         if (last_token_name == nullptr) {
-            hold_token(path, lifetime);
+            hold_token(path.c_str(), lifetime);
         } else {
             QM_LOG_print("%s %d: error, two or more tokens created !", function, __LINE__);
         }
@@ -317,8 +317,11 @@ int get_token_rights(token_context *context) {
             record(context, kInvalidMessage);
             return QM_TOKEN_UNKNOWN;
         }
-        std::string path = std::string(kTokenPathPrefix) + token;
-        std::string mapped = quelm::root_path(path);
+        // Built in place: this runs for every request of the data-model API.
+        char path[kTokenPathPrefix.size() + sizeof token];
+        std::memcpy(path, kTokenPathPrefix.data(), kTokenPathPrefix.size());
+        std::memcpy(path + kTokenPathPrefix.size(), token, sizeof token);  // token is terminated
+        const quelm::RootPath mapped(path);
         // The kept text of this token file while its own status (not a
         // link's target) is unchanged; otherwise the file is opened first
         // (never through a link, never waiting on a FIFO), so that one
@@ -326,11 +329,11 @@ int get_token_rights(token_context *context) {
         // is looked at with a status call through links.
         quelm::KeptFile &kept = kept_token();
         struct stat st {};
-        const bool unchanged = kept.unchanged(mapped, st, false);
+        const bool unchanged = kept.unchanged(mapped.c_str(), st, false);
         quelm::UniqueFd fd;
         quelm::FolderStamp stamp;
         if (!unchanged) {
-            stamp = quelm::folder_stamp(mapped);
+            stamp = quelm::folder_stamp(mapped.view());
             fd.reset(::open(mapped.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
             if (!fd || ::fstat(fd.get(), &st) != 0) {
                 fd.reset();
@@ -352,7 +355,7 @@ int get_token_rights(token_context *context) {
             text = read_token_text(fd.get(), static_cast<std::size_t>(st.st_size), kLifetimeLineSize,
                                    sizeof context->rights);
             // Opened without following links: the name itself, in the folder stamped.
-            kept = quelm::settled(st) ? quelm::KeptFile{mapped, st, text, stamp} : quelm::KeptFile{};
+            kept = quelm::settled(st) ? quelm::KeptFile{std::string(mapped.view()), st, text, stamp} : quelm::KeptFile{};
         }
         char lifetime_line[kLifetimeLineSize] = {};
         if ((!unchanged && (!fd || !S_ISREG(st.st_mode))) ||
@@ -369,7 +372,7 @@ int get_token_rights(token_context *context) {
         // request came in the same second) is not written again.
         const std::time_t now = std::time(nullptr);
         if (st.st_mtim.tv_sec != now + lifetime || st.st_mtim.tv_nsec != 0) {
-            refresh_token_timestamp(path.c_str(), lifetime);
+            refresh_token_timestamp(path, lifetime);
         }
         hold_token(path, lifetime);
         return QM_TOKEN_VALID;

@@ -5,6 +5,7 @@
 // write, and entries are removed by writing a copy and renaming it over.
 #include "session/session_store.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +21,7 @@
 
 #include "cgic.h"
 #include "qm_config.h"
+#include "quelm_chars.h"
 #include "quelm_guard.h"
 #include "quelm_kept_file.h"
 #include "quelm_log.h"
@@ -62,18 +64,25 @@ bool has_line_break(std::string_view s) { return s.find_first_of("\r\n") != std:
 
 // Gateway path of a session file, cut at the design size like the page
 // scripts that build the same names expect.
-std::string cut(std::string text, std::size_t size) {
-    if (text.size() >= size) text.resize(size - 1);
-    return text;
-}
+// The same, in a buffer of that size: the session step of every request
+// builds it without allocating.
+struct SessionPath {
+    char text[kPathSize];
 
-std::string session_path(const char *token) {
-    const std::string_view folder = kSessionPath, name = realm(), id = or_empty(token);
-    std::string path;
-    path.reserve(folder.size() + name.size() + id.size() + 2);  // one allocation
-    path.append(folder).append("/").append(name).append("_").append(id);
-    return cut(std::move(path), kPathSize);
-}
+    explicit SessionPath(const char *token) {
+        std::size_t at = 0;
+        for (std::string_view part : {std::string_view(kSessionPath), std::string_view("/"), std::string_view(realm()),
+                                      std::string_view("_"), std::string_view(or_empty(token))}) {
+            const std::size_t n = std::min(part.size(), kPathSize - 1 - at);
+            std::memcpy(text + at, part.data(), n);
+            at += n;
+        }
+        text[at] = '\0';
+    }
+    const char *c_str() const { return text; }
+};
+
+std::string session_path(const char *token) { return SessionPath(token).c_str(); }
 
 bool valid_token(const char *token) { return token != nullptr && cgissi::session::valid_token(token); }
 
@@ -88,8 +97,8 @@ long idle_lifetime() {
     if (!kept_property(object, "SessionDelay", value)) return delay;
     // As sscanf's "%d" reads it (strtol's number, kept as an int), without
     // the formatter.
-    char *end = nullptr;
-    const long parsed = std::strtol(value.c_str(), &end, 10);
+    const char *end = nullptr;
+    const long parsed = quelm::parse_long(value.c_str(), &end);
     if (end != value.c_str()) delay = static_cast<int>(parsed);
     return delay;
 }
@@ -177,20 +186,25 @@ SessionFile find_session(const char *token) {
     return file;
 }
 
-void log_missing(const char *function, const std::string &path) {
+void log_missing(const char *function, const char *path) {
     // compat: the message as log readers in the field match it.
-    quelm::log::print(LOG_ERR, "%s has failed : reason file session doesn't exists anymore '%s'", function,
-                      path.c_str());
+    quelm::log::print(LOG_ERR, "%s has failed : reason file session doesn't exists anymore '%s'", function, path);
 }
 
 // The token's session file for the check, opened and read once: found as a
 // status call finds it, readable when it holds a session's text.
+// Its text is the kept copy's when that was still good.
 struct CheckedFile {
-    std::string path;
+    explicit CheckedFile(const char *token) : path(token) {}
+
+    SessionPath path;
     struct stat st {};
     bool found = false;
     bool readable = false;
-    std::string content;
+    bool kept = false;
+    std::string read;  // the text read now, when not kept
+
+    std::string_view text() const;
 };
 
 // The session file the last check read. A signed-in visitor's requests
@@ -201,33 +215,31 @@ quelm::KeptFile &kept_session() {
     return kept;
 }
 
-CheckedFile check_file(const char *token) {
-    CheckedFile file;
-    file.path = session_path(token);
-    if (!valid_token(token)) return file;
-    const std::string mapped = quelm::root_path(file.path);
+std::string_view CheckedFile::text() const { return kept ? std::string_view(kept_session().bytes) : read; }
+
+void check_file(const char *token, CheckedFile &file) {
+    if (!valid_token(token)) return;
+    const quelm::RootPath mapped(file.path.c_str());
     quelm::KeptFile &kept = kept_session();
-    if (kept.unchanged(mapped, file.st)) {
-        file.found = file.readable = true;
-        file.content = kept.bytes;
-        return file;
+    if (kept.unchanged(mapped.c_str(), file.st)) {
+        file.found = file.readable = file.kept = true;
+        return;
     }
-    const quelm::FolderStamp stamp = quelm::folder_stamp(mapped);
+    const quelm::FolderStamp stamp = quelm::folder_stamp(mapped.view());
     UniqueFd fd(::open(mapped.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd) {
         file.found = ::fstat(fd.get(), &file.st) == 0;
-        file.readable = file.found && read_open_file(fd.get(), file.st, file.content);
+        file.readable = file.found && read_open_file(fd.get(), file.st, file.read);
     } else {
         // There but not to be opened: found, and no session's text.
         file.found = ::stat(mapped.c_str(), &file.st) == 0;
     }
     if (file.readable && quelm::settled(file.st)) {
-        kept.path = mapped;
+        kept.path = mapped.view();
         kept.status = file.st;
-        kept.bytes = file.content;
-        kept.stamp = quelm::stamp_if_own(stamp, mapped, file.st);
+        kept.bytes = file.read;
+        kept.stamp = quelm::stamp_if_own(stamp, mapped.c_str(), file.st);
     }
-    return file;
 }
 
 // Copies key's value into out (size bytes, zero-filled first); false when
@@ -241,13 +253,17 @@ bool copy_entry(std::string_view content, const char *key, char *out, std::size_
     return true;
 }
 
-// An entry of the checked file, as QM_GetSessionInfo would read it.
-bool checked_entry(const CheckedFile &file, const char *key, char *out, std::size_t size) {
+// Whether an entry of the checked file, read as QM_GetSessionInfo would read
+// it into a buffer of size bytes (cut there, and at a NUL), is `expected`.
+bool checked_entry_is(const CheckedFile &file, const char *key, std::size_t size, const char *expected) {
     if (!file.readable) {
-        log_missing("QM_GetSessionInfo", file.path);
+        log_missing("QM_GetSessionInfo", file.path.c_str());
         return false;
     }
-    return copy_entry(file.content, key, out, size);
+    std::string_view value;
+    if (!find_entry(file.text(), key, value)) return false;
+    value = value.substr(0, size);
+    return value.substr(0, value.find('\0')) == expected;
 }
 
 bool iequals(std::string_view a, std::string_view b) {
@@ -367,32 +383,25 @@ int check_session(const char *token, CheckedFile &file) {
         quelm::log::print(LOG_ERR, "CheckSession has failed : token has bad lenght");
         return 0;
     }
-    file = check_file(token);
-    const std::string &path = file.path;
+    check_file(token, file);
+    const char *path = file.path.c_str();
     if (!file.found) {
         // compat: "doesn't exists" as log readers in the field match it.
-        quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s",
-                          path.c_str());
+        quelm::log::print(LOG_ERR, "CheckSession has failed : file session doesn't exists anymore : %s", path);
         return 0;
     }
     if (expired(file.st, std::time(nullptr), idle_lifetime())) {
-        quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path.c_str());
+        quelm::log::print(LOG_ERR, "CheckSession has failed : session has expired : %s", path);
         QM_DestroySession();
         return 0;
     }
     // Both entries must be present: an empty or damaged file is no session,
     // even for a request without address or agent.
-    char address[kAddressSize + 1] = {};
-    if (!checked_entry(file, "REMOTE_ADDR", address, kAddressSize) ||
-        std::strcmp(address, or_empty(cgiRemoteAddr)) != 0) {
+    if (!checked_entry_is(file, "REMOTE_ADDR", kAddressSize, or_empty(cgiRemoteAddr))) {
         quelm::log::print(LOG_ERR, "CheckSession has failed : saved IP and current IP are not equal");
         return 0;
     }
-    char agent[kUserAgentSize + 1] = {};
-    if (checked_entry(file, "HTTP_USER_AGENT", agent, kUserAgentSize) &&
-        std::strcmp(agent, or_empty(cgiUserAgent)) == 0) {
-        return 1;
-    }
+    if (checked_entry_is(file, "HTTP_USER_AGENT", kUserAgentSize, or_empty(cgiUserAgent))) return 1;
     quelm::log::print(LOG_ERR, "CheckSession has failed : saved UserAgent and current UserAgent are not equal");
     return 0;
 }
@@ -401,7 +410,7 @@ int check_session(const char *token, CheckedFile &file) {
 
 int QM_CheckSession(const char *token) {
     return quelm::guarded(0, __func__, [&]() -> int {
-        CheckedFile file;
+        CheckedFile file(token);
         return check_session(token, file);
     });
 }
@@ -410,12 +419,12 @@ int QM_InitSession(const char *token) {
     return quelm::guarded(0, __func__, [&]() -> int {
         std::free(QM_SessionToken);
         QM_SessionToken = token != nullptr ? strdup(token) : nullptr;
+        CheckedFile file(token);
         if (valid_token(token)) {
-            quelm::copy_cut(QM_SessionFullPath, sizeof QM_SessionFullPath, session_path(token).c_str());
+            quelm::copy_cut(QM_SessionFullPath, sizeof QM_SessionFullPath, file.path.c_str());
         } else {
             QM_SessionFullPath[0] = '\0';
         }
-        CheckedFile file;
         if (check_session(token, file) == 0) {
             if (QM_SessionFullPath[0] != '\0') ::unlink(quelm::root_path(QM_SessionFullPath).c_str());
             note_sessions_changed();
@@ -466,7 +475,7 @@ int QM_GetSessionInfo(const char *token, const char *key, char *out, int size) {
         std::string path = session_path(token);
         std::string content;
         if (!valid_token(token) || !read_session_file(quelm::root_path(path), content)) {
-            log_missing(function, path);
+            log_missing(function, path.c_str());
             return 0;
         }
         return copy_entry(content, key, out, static_cast<std::size_t>(size)) ? 1 : 0;
@@ -478,7 +487,7 @@ int QM_SetSessionInfo(const char *token, const char *key, const char *value) {
         const SessionFile file = find_session(token);
         const std::string &path = file.path;
         if (!file.found) {
-            log_missing(function, path);
+            log_missing(function, path.c_str());
             return 0;
         }
         if (key == nullptr || value == nullptr || has_line_break(key) || has_line_break(value) ||
@@ -505,7 +514,7 @@ int QM_RemoveSessionInfo(const char *token, const char *key) {
         std::string mapped = quelm::root_path(path);
         std::string content;
         if (!valid_token(token) || !read_session_file(mapped, content)) {
-            log_missing(function, path);
+            log_missing(function, path.c_str());
             return 0;
         }
         std::string_view key_view = or_empty(key);
@@ -544,28 +553,30 @@ unsigned int checkLocalIP(const char *address) {
 
 int QM_GetHostSession(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
-        std::string host = or_empty(std::getenv("HTTP_HOST"));
+        std::string_view host = or_empty(std::getenv("HTTP_HOST"));
         const HostIdentity &gateway = host_identity();
         const std::string &hostname = gateway.hostname;
         const std::string &aliases = gateway.aliases;
         const std::string &lan_address = gateway.lan_address;
         const std::string &ipv6 = gateway.ipv6;
-        const std::string host_with_domain = hostname + "." + gateway.domain;
 
         if (!host.empty() && host[0] == '[') {
-            host.erase(0, 1);
+            host.remove_prefix(1);
         } else {
-            std::size_t colon = host.find(':');
-            if (colon != std::string::npos) host.resize(colon);
+            host = host.substr(0, host.find(':'));
         }
 
         const char *request_realm = std::getenv("QUELM_REALM");
         if (request_realm != nullptr && std::strcmp(request_realm, "rmt") == 0) {
             unsigned mask = checkLocalIP(gateway.lan_mask.c_str());
-            if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(host.c_str()) & mask)) return 1;
+            if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(std::string(host).c_str()) & mask)) return 1;
         }
         if (iequals(host, hostname) || iequals(host, aliases) || starts_with_address(host, lan_address, true)) return 1;
-        if (host == host_with_domain) return 1;
+        // The host name with the domain, "<Hostname>.<Domain>", compared as it stands.
+        if (host.size() == hostname.size() + 1 + gateway.domain.size() && host.starts_with(hostname) &&
+            host[hostname.size()] == '.' && host.ends_with(gateway.domain)) {
+            return 1;
+        }
         if (starts_with_address(host, ipv6, false)) return 1;
         if (!aliases.empty() && aliases.find(',') != std::string::npos && in_alias_list(aliases, host)) return 1;
         return 0;

@@ -128,7 +128,7 @@ void read_session_limit() {
     // An unchanged file costs one status call; only a changed one is opened.
     if (limit_file.read && ::stat(path.c_str(), &st) == 0 && quelm::same_status(st, limit_file.st)) {
         limit_file.looked = true;
-        limit_file.stamp = quelm::stamp_if_own(stamp, path, st);
+        limit_file.stamp = quelm::stamp_if_own(stamp, path.c_str(), st);
         return;
     }
     quelm::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -139,7 +139,7 @@ void read_session_limit() {
         return;
     }
     parse_limit(fd.get());
-    limit_file = LimitFileState{true, st, true, quelm::stamp_if_own(stamp, path, st)};
+    limit_file = LimitFileState{true, st, true, quelm::stamp_if_own(stamp, path.c_str(), st)};
 }
 
 void flush_sessions_if_due() {

@@ -3,6 +3,8 @@
 // any class, and no locale is consulted.
 #pragma once
 
+#include <climits>
+
 namespace quelm {
 
 constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
@@ -29,6 +31,36 @@ constexpr int hex_value(char c) {
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
     return -1;
+}
+
+// strtol(text, &end, 10) as the "C" locale reads it, without the library's
+// locale look-ups: leading C spaces, an optional sign, decimal digits;
+// beyond the range of long, LONG_MAX or LONG_MIN. Without digits the value
+// is 0 and *end is text.
+constexpr long parse_long(const char *text, const char **end) {
+    const char *p = text;
+    while (is_c_space(*p)) ++p;
+    const bool negative = *p == '-';
+    if (*p == '-' || *p == '+') ++p;
+    if (!is_digit(*p)) {
+        *end = text;
+        return 0;
+    }
+    const unsigned long limit = negative ? static_cast<unsigned long>(LONG_MAX) + 1 : LONG_MAX;
+    unsigned long magnitude = 0;
+    bool overflow = false;
+    for (; is_digit(*p); ++p) {
+        const auto digit = static_cast<unsigned long>(*p - '0');
+        if (overflow || magnitude > (limit - digit) / 10) {
+            overflow = true;
+        } else {
+            magnitude = magnitude * 10 + digit;
+        }
+    }
+    *end = p;
+    if (overflow) return negative ? LONG_MIN : LONG_MAX;
+    if (!negative) return static_cast<long>(magnitude);
+    return magnitude == limit ? LONG_MIN : -static_cast<long>(magnitude);
 }
 
 }  // namespace quelm

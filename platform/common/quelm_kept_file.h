@@ -53,9 +53,9 @@ inline bool settled(const struct stat &st) {
 // Whether the status fd_status of a file opened at `path` is that of the
 // name itself, not of a link's target elsewhere, whose changes the folder's
 // watch would not see: a stamp is kept only then.
-inline FolderStamp stamp_if_own(const FolderStamp &stamp, const std::string &path, const struct stat &fd_status) {
+inline FolderStamp stamp_if_own(const FolderStamp &stamp, const char *path, const struct stat &fd_status) {
     struct stat own {};
-    if (stamp.watch < 0 || ::lstat(path.c_str(), &own) != 0 || own.st_dev != fd_status.st_dev ||
+    if (stamp.watch < 0 || ::lstat(path, &own) != 0 || own.st_dev != fd_status.st_dev ||
         own.st_ino != fd_status.st_ino) {
         return {};
     }
@@ -74,13 +74,13 @@ struct KeptFile {
     // its status. False when nothing is kept for `at`, when the status call
     // fails, or when the file changed: read it again. Without follow_links
     // a link at `at` is never the kept file (its own status is taken).
-    bool unchanged(const std::string &at, struct stat &now, bool follow_links = true) const {
-        if (path.empty() || at != path) return false;
+    bool unchanged(const char *at, struct stat &now, bool follow_links = true) const {
+        if (path.empty() || path != at) return false;
         if (folder_quiet(stamp)) {
             now = status;
             return true;
         }
-        const int taken = follow_links ? ::stat(at.c_str(), &now) : ::lstat(at.c_str(), &now);
+        const int taken = follow_links ? ::stat(at, &now) : ::lstat(at, &now);
         return taken == 0 && same_status(now, status);
     }
 };

@@ -84,6 +84,20 @@ bool root_path(std::string_view gateway_path, char *out, std::size_t size) {
     return true;
 }
 
+RootPath::RootPath(std::string_view gateway_path) {
+    const std::string_view prefix = root_prefix();
+    size_ = prefix.size() + gateway_path.size();
+    if (size_ < kInline) {
+        std::memcpy(inline_, prefix.data(), prefix.size());
+        std::memcpy(inline_ + prefix.size(), gateway_path.data(), gateway_path.size());
+        inline_[size_] = '\0';
+        return;
+    }
+    inline_[0] = '\0';
+    on_heap_ = true;
+    heap_ = root_path(gateway_path);
+}
+
 pid_t current_pid() {
     static pid_t pid = [] {
         ::pthread_atfork(nullptr, nullptr, [] { pid = ::getpid(); });

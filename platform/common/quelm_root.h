@@ -38,4 +38,24 @@ QUELM_COMMON_API std::string root_path(std::string_view gateway_path);
 // holds "" so that a cut path is never used.
 QUELM_COMMON_API bool root_path(std::string_view gateway_path, char *out, std::size_t size);
 
+// A mapped gateway path that lives on the stack when it fits, as it does on
+// the gateway and in most roots: code run for every request builds its
+// paths without allocating. A longer path is held on the heap.
+class QUELM_COMMON_API RootPath {
+public:
+    explicit RootPath(std::string_view gateway_path);
+    RootPath(const RootPath &) = delete;
+    RootPath &operator=(const RootPath &) = delete;
+
+    const char *c_str() const { return on_heap_ ? heap_.c_str() : inline_; }
+    std::string_view view() const { return on_heap_ ? std::string_view(heap_) : std::string_view(inline_, size_); }
+
+private:
+    static constexpr std::size_t kInline = 256;
+    char inline_[kInline];
+    std::size_t size_ = 0;
+    bool on_heap_ = false;
+    std::string heap_;
+};
+
 }  // namespace quelm

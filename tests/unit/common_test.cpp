@@ -13,11 +13,13 @@
 #include <vector>
 #include <unistd.h>
 
+#include "quelm_chars.h"
 #include "quelm_child.h"
 #include "quelm_guard.h"
 #include "quelm_kept_file.h"
 #include "quelm_log.h"
 #include "quelm_owned.h"
+#include "quelm_root.h"
 #include "quelm_text.h"
 #include "test_support.h"
 
@@ -88,6 +90,20 @@ TEST(ChildRunner, FindsProgramsInTheRootBeforeTheSearchPath) {
     fs::remove_all(root);
 }
 
+TEST(RootPath, MapsLikeRootPathOnTheStackAndBeyondIt) {
+    const char *saved = std::getenv("QUELM_ROOT");
+    const std::string saved_root = saved != nullptr ? saved : "";
+    setenv("QUELM_ROOT", "/srv/gw//", 1);
+    // Either side of the stack buffer's size: 7 + 248 bytes and the terminator fill it.
+    for (std::size_t length : {1UL, 248UL, 249UL, 1000UL}) {
+        const std::string path = "/" + std::string(length - 1, 'a');
+        const quelm::RootPath mapped(path);
+        EXPECT_EQ(mapped.view(), quelm::root_path(path)) << length;
+        EXPECT_EQ(std::string(mapped.c_str()), "/srv/gw" + path) << length;
+    }
+    saved != nullptr ? setenv("QUELM_ROOT", saved_root.c_str(), 1) : unsetenv("QUELM_ROOT");
+}
+
 TEST(KeptFile, TrustsOnlySettledUnchangedFiles) {
     struct stat st {};
     st.st_mode = S_IFREG | 0644;
@@ -112,20 +128,20 @@ TEST(KeptFile, TrustsOnlySettledUnchangedFiles) {
     }
     quelm::KeptFile kept;
     struct stat now_status {};
-    EXPECT_FALSE(kept.unchanged(file.string(), now_status));  // nothing kept yet
+    EXPECT_FALSE(kept.unchanged(file.c_str(), now_status));  // nothing kept yet
     ASSERT_EQ(::stat(file.c_str(), &kept.status), 0);
     kept.path = file.string();
-    EXPECT_TRUE(kept.unchanged(file.string(), now_status));
-    EXPECT_FALSE(kept.unchanged(file.string() + "x", now_status));
+    EXPECT_TRUE(kept.unchanged(file.c_str(), now_status));
+    EXPECT_FALSE(kept.unchanged((file.string() + "x").c_str(), now_status));
     for (auto change : {+[](struct stat &s) { ++s.st_ino; }, +[](struct stat &s) { ++s.st_size; },
                         +[](struct stat &s) { ++s.st_mtim.tv_nsec; }, +[](struct stat &s) { ++s.st_ctim.tv_nsec; },
                         +[](struct stat &s) { s.st_mode ^= 0004; }}) {
         quelm::KeptFile stale = kept;
         change(stale.status);
-        EXPECT_FALSE(stale.unchanged(file.string(), now_status));
+        EXPECT_FALSE(stale.unchanged(file.c_str(), now_status));
     }
     std::filesystem::remove(file);
-    EXPECT_FALSE(kept.unchanged(file.string(), now_status));
+    EXPECT_FALSE(kept.unchanged(file.c_str(), now_status));
 }
 
 TEST(FolderWatch, StampsGoStaleWithAnyChangeInTheirFolder) {
@@ -178,6 +194,18 @@ TEST(FolderWatch, StampsGoStaleWithAnyChangeInTheirFolder) {
     EXPECT_FALSE(quelm::folder_quiet(quelm::folder_stamp((folder / "missing/file").string())));
     EXPECT_FALSE(quelm::folder_quiet(quelm::folder_stamp("relative/file")));
     fs::remove_all(folder);
+}
+
+TEST(ParseLong, ReadsNumbersAsStrtolDoes) {
+    for (const char *text : {"0", "86400", "  \t\n\v\f\r42x", "+7", "-7", "- 7", "+-7", "", "x1", " ", "-",
+                             "0012", "9223372036854775807", "9223372036854775808", "-9223372036854775808",
+                             "-9223372036854775809", "99999999999999999999999", "-99999999999999999999999", "1\x80"}) {
+        char *want_end = nullptr;
+        const long want = std::strtol(text, &want_end, 10);
+        const char *end = nullptr;
+        EXPECT_EQ(quelm::parse_long(text, &end), want) << '"' << text << '"';
+        EXPECT_EQ(end, want_end) << '"' << text << '"';
+    }
 }
 
 TEST(Split, KeepsEmptyItemsAndStopsOnFalse) {
