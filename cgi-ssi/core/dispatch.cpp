@@ -1,7 +1,9 @@
 #include "core/dispatch.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <cstdlib>
 #include <strings.h>
 #include <string>
@@ -48,6 +50,7 @@ constexpr BuiltinCgi kBuiltins[kBuiltinCount] = {
 };
 
 constexpr std::string_view kSessionNameTemplate = "QM_%s_ID";
+constexpr std::size_t kStackLine = 256;  // header lines put together on the stack
 constexpr int kNotFoundStatus = 404;      // no built-in and no plugin of that name
 constexpr int kSessionLimitStatus = 503;  // no room for a new session
 
@@ -67,13 +70,37 @@ bool session_extension(std::string_view ext) {
 // the previous request's cookie name (kept on purpose: pages of a misconfigured
 // server keep working with the last good name).
 void set_session_name(const char *realm) {
-    if (kSessionNameTemplate.size() + std::strlen(realm) - 2 < QM_SESSION_NAME_SIZE) {
-        std::snprintf(QM_SessionName, sizeof QM_SessionName, "QM_%s_ID", realm);
+    const std::size_t length = std::strlen(realm);
+    if (kSessionNameTemplate.size() + length - 2 < QM_SESSION_NAME_SIZE) {
+        // "QM_%s_ID", put together by hand: this runs for every request.
+        char *at = QM_SessionName;
+        at = std::copy_n("QM_", 3, at);
+        at = std::copy_n(realm, length, at);
+        at = std::copy_n("_ID", 3, at);
+        *at = '\0';
     } else {
         // compat: "Warnig" as log readers in the field match it.
         QM_LOG_print("Warnig: sizeof realm '%s' set to HttpServer[%s] is too big, please change it !", realm,
                      QM_HttpServerId);
     }
+}
+
+// Writes the pieces to the answer as one piece of text, put together on the
+// stack when they fit (a cookie line always does, unless a plugin set a
+// token of its own).
+void write_pieces(std::initializer_list<std::string_view> pieces) {
+    std::size_t size = 0;
+    for (std::string_view piece : pieces) size += piece.size();
+    char small[kStackLine];
+    std::string large;
+    char *text = small;
+    if (size > sizeof small) {
+        large.resize(size);
+        text = large.data();
+    }
+    char *at = text;
+    for (std::string_view piece : pieces) at = std::copy(piece.begin(), piece.end(), at);
+    cgi_out_write(text, size);
 }
 
 // Attaches or creates the browser session and writes its cookie line.
@@ -91,10 +118,8 @@ bool attach_session() {
     if (result == cgiFormNotFound && QM_CreateSession() == -1) return false;
     // compat: pages and proxies in the field expect this spacing. Not
     // HttpOnly: the pages' signed login reads the token.
-    std::string line = "Set-Cookie: ";
-    line.append(QM_SessionName).append("=").append(QM_SessionToken != nullptr ? QM_SessionToken : "");
-    line.append(";  Path=/; ").append(policy::compat_mode() ? "" : "SameSite=Strict; ").append("\r\n");
-    cgi_out_write(line.data(), line.size());
+    write_pieces({"Set-Cookie: ", QM_SessionName, "=", QM_SessionToken != nullptr ? QM_SessionToken : "",
+                  ";  Path=/; ", policy::compat_mode() ? "" : "SameSite=Strict; ", "\r\n"});
     return true;
 }
 

@@ -106,8 +106,8 @@ void serve(GenericRequest &request) {
     is_lock = 0;
     SSI_Set_Mode(SSI_MODE_JSON);
 
-    cgi_out_printf("Content-Type: text/plain\r\n");
-    cgi_out_printf("\r\n");
+    constexpr std::string_view kHeader = "Content-Type: text/plain\r\n\r\n";
+    cgi_out_write(kHeader.data(), kHeader.size());
     request.answer.begin_object();
 
     const int token = get_token_rights(&request.token);

@@ -90,8 +90,12 @@ public:
 
     // Room for n members that live as long as the tree.
     TreeMember *members(std::size_t n) {
-        if (member_blocks_.empty() || members_used_ + n > kMemberBlock) {
-            member_blocks_.push_back(std::make_unique_for_overwrite<TreeMember[]>(std::max(n, kMemberBlock)));
+        if (member_blocks_.empty() || members_used_ + n > member_block_size_) {
+            // Grown like the node blocks: a one-value read stays small.
+            member_block_size_ = member_blocks_.empty() ? kFirstMemberBlock
+                                                        : std::min(2 * member_block_size_, kMaxMemberBlock);
+            member_block_size_ = std::max(member_block_size_, n);
+            member_blocks_.push_back(std::make_unique_for_overwrite<TreeMember[]>(member_block_size_));
             members_used_ = 0;
         }
         TreeMember *at = &member_blocks_.back()[members_used_];
@@ -113,7 +117,8 @@ private:
     static constexpr std::size_t kMaxNodeBlock = 1024;
     static constexpr std::size_t kFirstTextBlock = 512;
     static constexpr std::size_t kMaxTextBlock = 64 * 1024;
-    static constexpr std::size_t kMemberBlock = 1024;
+    static constexpr std::size_t kFirstMemberBlock = 16;  // 640 bytes
+    static constexpr std::size_t kMaxMemberBlock = 1024;
 
     std::vector<std::unique_ptr<TreeNode[]>> node_blocks_;
     std::size_t node_block_size_ = 0;
@@ -123,6 +128,7 @@ private:
     std::size_t text_used_ = 0;
     std::vector<std::unique_ptr<char[]>> large_texts_;
     std::vector<std::unique_ptr<TreeMember[]>> member_blocks_;
+    std::size_t member_block_size_ = 0;
     std::size_t members_used_ = 0;
     std::vector<std::unique_ptr<QM_DAT_hold, quelm::CDeleter<QM_DAT_releaseobjdata>>> holds_;
 };

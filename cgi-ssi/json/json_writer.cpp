@@ -40,6 +40,8 @@ constexpr std::array<bool, 256> kStrictEscaped = [] {
 
 // Most bytes one byte becomes under strict escaping (\u00XX).
 constexpr std::size_t kStrictGrowth = kControlEscapeSize - 1;
+// Unbuffered keys and strings this small are escaped on the stack.
+constexpr std::size_t kStackText = 512;
 
 // Writes text escaped strictly at `at`, which has room for kStrictGrowth
 // bytes per byte of text; returns the end of what it wrote.
@@ -146,6 +148,9 @@ void Writer::write_escaped(std::string_view text) {
     if (buffer_ != nullptr) {
         char *at = buffer_->room(kStrictGrowth * text.size());
         buffer_->commit(static_cast<std::size_t>(put_escape_strict(at, text) - at));
+    } else if (kStrictGrowth * text.size() <= kStackText) {
+        char escaped[kStackText];
+        write_out({escaped, static_cast<std::size_t>(put_escape_strict(escaped, text) - escaped)});
     } else {
         write_out(escape_strict(text));
     }
@@ -184,13 +189,13 @@ char *Writer::put_punctuation(char *at, std::string_view text) const {
 
 void Writer::separate() {
     if (has_member_.empty()) return;
-    if (has_member_.back() != 0) punctuation(layout_.member_separator);
-    has_member_.back() = 1;
+    if (has_member_.back() != '\0') punctuation(layout_.member_separator);
+    has_member_.back() = '\1';
 }
 
 void Writer::begin_object() {
     punctuation("{");
-    has_member_.push_back(0);
+    has_member_.push_back('\0');
 }
 
 void Writer::end_object() {
@@ -203,6 +208,12 @@ void Writer::key(std::string_view name) {
     if (buffer_ != nullptr) {
         char *at = buffer_->room(key_room(name, layout_));
         buffer_->commit(static_cast<std::size_t>(put_key(at, name, layout_) - at));
+        return;
+    }
+    if (const std::size_t room = key_room(name, layout_); room <= kStackText) {
+        // Put together on the stack and written in one piece.
+        char text[kStackText];
+        write_out({text, static_cast<std::size_t>(put_key(text, name, layout_) - text)});
         return;
     }
     write_out("\"");
@@ -250,8 +261,8 @@ void Writer::output_member(std::string_view name, std::string_view value, bool m
         output_member(name, shown, false);
         return;
     }
-    const bool separator = !has_member_.empty() && has_member_.back() != 0;
-    if (!has_member_.empty()) has_member_.back() = 1;
+    const bool separator = !has_member_.empty() && has_member_.back() != '\0';
+    if (!has_member_.empty()) has_member_.back() = '\1';
     const std::size_t taken = output_taken(value);
     char *const start = buffer_->room(layout_.member_separator.size() + key_room(name, layout_) +
                                       output_string_room(taken));

@@ -19,7 +19,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace cgissi::json {
 
@@ -135,8 +134,10 @@ private:
 
     Layout layout_;
     OutBuffer *buffer_ = nullptr;  // null: straight to the response
-    // One entry per open object: whether it has a member yet (0 or 1).
-    std::vector<unsigned char> has_member_;
+    // One entry per open object: whether it has a member yet ('\0' or
+    // '\1'). A string, so that the usual few levels of nesting need no
+    // allocation.
+    std::string has_member_;
 };
 
 }  // namespace cgissi::json

@@ -8,7 +8,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <span>
 #include <string_view>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -143,39 +142,57 @@ namespace {
 // A failed multipart parse: the handler goes on with an empty form.
 constexpr int kMultipartFailed = 1;
 
-struct Variable {
-    std::string_view name;
-    const char **target;
+// The names the request set-up captures, in the order of their targets in
+// capture_server_variables.
+constexpr std::string_view kCapturedNames[] = {
+    "SERVER_SOFTWARE", "SERVER_NAME", "GATEWAY_INTERFACE", "SERVER_PROTOCOL", "SERVER_PORT",
+    "REQUEST_METHOD", "PATH_INFO", "PATH_TRANSLATED", "SCRIPT_NAME", "QUERY_STRING",
+    "REMOTE_HOST", "REMOTE_ADDR", "AUTH_TYPE", "REMOTE_USER", "REMOTE_IDENT",
+    "HTTP_HOST", "X_FORWARDED_FOR", "HTTP_ACCEPT", "HTTP_USER_AGENT", "HTTP_REFERER",
+    "HTTP_COOKIE", "CONTENT_TYPE", "FCGI_ROLE", "CONTENT_LENGTH", "FCGI_DATA_LENGTH",
 };
-
-// Points each target at its variable's value ("" when unset), as getenv
-// would find it (the first entry of that name), in one pass over the
-// environment instead of one per name. Each entry is compared only with
-// the names of its length.
-constexpr std::size_t kMaxVariables = 32;
+constexpr std::size_t kCaptured = std::size(kCapturedNames);
 constexpr std::size_t kLongestName = 32;
-void capture_variables(std::span<const Variable> variables) {
-    std::array<std::uint32_t, kLongestName + 1> of_length{};  // bit i: variables[i] has that length
-    for (std::size_t i = 0; i < variables.size() && i < kMaxVariables; ++i) {
-        *variables[i].target = nullptr;
-        if (variables[i].name.size() <= kLongestName) of_length[variables[i].name.size()] |= 1U << i;
+static_assert(kCaptured <= 32);
+
+// An open-addressing table of the names, filled at compile time: an
+// environment entry is compared only with the names its hash leads to
+// (one or two).
+constexpr std::size_t kSlots = 64;
+constexpr std::size_t slot_of(const char *name, std::size_t length) {
+    const auto byte = [&](std::size_t at) { return static_cast<std::size_t>(static_cast<unsigned char>(name[at])); };
+    return (length * 7 + byte(0) * 3 + byte(length / 2) * 5 + byte(length - 1)) % kSlots;
+}
+constexpr auto kSlotNames = [] {
+    std::array<std::uint8_t, kSlots> slots{};  // index of the name + 1; 0: empty
+    for (std::size_t i = 0; i < kCaptured; ++i) {
+        std::size_t at = slot_of(kCapturedNames[i].data(), kCapturedNames[i].size());
+        while (slots[at] != 0) at = (at + 1) % kSlots;
+        slots[at] = static_cast<std::uint8_t>(i + 1);
     }
+    return slots;
+}();
+
+// Points each target at its name's value ("" when unset), as getenv would
+// find it (the first entry of that name), in one pass over the environment
+// instead of one per name.
+void capture_variables(const std::array<const char **, kCaptured> &targets) {
+    for (const char **target : targets) *target = "";
+    std::uint32_t found = 0;
     for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
         const char *equals = std::strchr(*entry, '=');
-        if (equals == nullptr || static_cast<std::size_t>(equals - *entry) > kLongestName) continue;
-        const std::size_t length = static_cast<std::size_t>(equals - *entry);
-        for (std::uint32_t left = of_length[length]; left != 0; left &= left - 1) {
-            const Variable &v = variables[static_cast<std::size_t>(std::countr_zero(left))];
-            // Names of one length mostly differ in their first or last byte.
-            if (*v.target == nullptr && v.name.front() == (*entry)[0] && v.name.back() == (*entry)[length - 1] &&
-                std::memcmp(v.name.data(), *entry, length) == 0) {
-                *v.target = equals + 1;
-                break;
+        if (equals == nullptr || equals == *entry || static_cast<std::size_t>(equals - *entry) > kLongestName) continue;
+        const auto length = static_cast<std::size_t>(equals - *entry);
+        for (std::size_t at = slot_of(*entry, length); kSlotNames[at] != 0; at = (at + 1) % kSlots) {
+            const std::size_t i = kSlotNames[at] - 1U;
+            if (kCapturedNames[i].size() != length || std::memcmp(kCapturedNames[i].data(), *entry, length) != 0) {
+                continue;
             }
+            if ((found & (1U << i)) == 0) *targets[i] = equals + 1;
+            found |= 1U << i;
+            break;
         }
     }
-    for (const Variable &v : variables)
-        if (*v.target == nullptr) *v.target = "";
 }
 
 // The request's CGI variables, its content type and the body length
@@ -183,35 +200,13 @@ void capture_variables(std::span<const Variable> variables) {
 void capture_server_variables(const char *&role, const char *&length_text, const char *&data_length_text) {
     cgiSetupConstants();
     const char *content_type = nullptr;
-    const Variable variables[] = {
-        {"SERVER_SOFTWARE", &cgiServerSoftware},
-        {"SERVER_NAME", &cgiServerName},
-        {"GATEWAY_INTERFACE", &cgiGatewayInterface},
-        {"SERVER_PROTOCOL", &cgiServerProtocol},
-        {"SERVER_PORT", &cgiServerPort},
-        {"REQUEST_METHOD", &cgiRequestMethod},
-        {"PATH_INFO", &cgiPathInfo},
-        {"PATH_TRANSLATED", &cgiPathTranslated},
-        {"SCRIPT_NAME", &cgiScriptName},
-        {"QUERY_STRING", &cgiQueryString},
-        {"REMOTE_HOST", &cgiRemoteHost},
-        {"REMOTE_ADDR", &cgiRemoteAddr},
-        {"AUTH_TYPE", &cgiAuthType},
-        {"REMOTE_USER", &cgiRemoteUser},
-        {"REMOTE_IDENT", &cgiRemoteIdent},
-        {"HTTP_HOST", &cgiHttpHost},
-        {"X_FORWARDED_FOR", &cgiXForwardedFor},
-        {"HTTP_ACCEPT", &cgiAccept},
-        {"HTTP_USER_AGENT", &cgiUserAgent},
-        {"HTTP_REFERER", &cgiReferrer},
-        {"HTTP_COOKIE", &cgiCookie},
-        {"CONTENT_TYPE", &content_type},
-        {"FCGI_ROLE", &role},
-        {"CONTENT_LENGTH", &length_text},
-        {"FCGI_DATA_LENGTH", &data_length_text},
-    };
-    static_assert(std::size(variables) <= kMaxVariables);
-    capture_variables(variables);
+    capture_variables({
+        &cgiServerSoftware, &cgiServerName, &cgiGatewayInterface, &cgiServerProtocol, &cgiServerPort,
+        &cgiRequestMethod, &cgiPathInfo, &cgiPathTranslated, &cgiScriptName, &cgiQueryString,
+        &cgiRemoteHost, &cgiRemoteAddr, &cgiAuthType, &cgiRemoteUser, &cgiRemoteIdent,
+        &cgiHttpHost, &cgiXForwardedFor, &cgiAccept, &cgiUserAgent, &cgiReferrer,
+        &cgiCookie, &content_type, &role, &length_text, &data_length_text,
+    });
 
     std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
     std::memcpy(cgiContentType, content_type, type_length);
@@ -249,12 +244,17 @@ int parse_form(FCGI_FILE *upload_sink) {
 // throw: they allocate nothing, or only with malloc, whose failure is
 // their error result.
 extern "C" void cgiSetupConstants(void) {
-    for (int &value : cgiHexValue) value = 0;
-    for (int digit = 0; digit < 10; ++digit) cgiHexValue['0' + digit] = digit;
-    for (int letter = 0; letter < 6; ++letter) {
-        cgiHexValue['A' + letter] = 10 + letter;
-        cgiHexValue['a' + letter] = 10 + letter;
-    }
+    static constexpr auto kHexValues = [] {
+        std::array<int, 256> values{};
+        for (int digit = 0; digit < 10; ++digit) values['0' + digit] = digit;
+        for (int letter = 0; letter < 6; ++letter) {
+            values['A' + letter] = 10 + letter;
+            values['a' + letter] = 10 + letter;
+        }
+        return values;
+    }();
+    static_assert(sizeof kHexValues == sizeof cgiHexValue);
+    std::memcpy(cgiHexValue, kHexValues.data(), sizeof cgiHexValue);
 }
 
 extern "C" void cgiGetenv(const char **target, const char *name) {
