@@ -167,6 +167,9 @@ void print_read(const char *argument) {
 }  // namespace
 
 bool granted(const GenericRequest &request, const std::string &path) {
+    // "all" grants every path (has_right's first test): no need to build
+    // the path's filter-free form.
+    if (std::string_view(request.token.rights) == "all") return true;
     return has_right(request.token.rights, rights_path(path).c_str()) == 1;
 }
 

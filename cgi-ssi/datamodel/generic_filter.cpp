@@ -428,6 +428,7 @@ bool parse_indirect_index(std::string_view path, IndirectIndex &out) {
 }
 
 std::string rights_path(std::string_view path) {
+    if (path.find_first_of("[{") == std::string_view::npos) return std::string(path);
     std::string out;
     std::string open;  // brackets still open, innermost last
     for (char c : path) {

@@ -589,12 +589,19 @@ bool flat_records(std::string_view base, std::string_view wanted, RecordSpan rec
 
 TreeNode *object_tree(ResultTree &tree, const char *name, const char *suffix, const RecordSpan *records) {
     TreeNode *root = tree.node_of("");
-    std::vector<RecordView> read;
+    std::array<RecordView, kMaxFlatRecords> few;  // an instance's records, viewed from the stack
+    std::vector<RecordView> many;
     RecordSpan recs;
+    std::span<const QM_DAT_view> views;
     if (records != nullptr) {
         recs = *records;
-    } else if (read_records(tree, name, read)) {
-        recs = read;
+    } else if (held_records(tree, name, views)) {
+        if (views.size() > few.size()) many.resize(views.size());
+        RecordView *out = views.size() <= few.size() ? few.data() : many.data();
+        std::transform(views.begin(), views.end(), out, [](const QM_DAT_view &r) {
+            return RecordView{{r.name, r.name_len}, {r.value, r.value_len}, r.type};
+        });
+        recs = RecordSpan(out, views.size());
     } else {
         return single_value(tree, root, name);
     }

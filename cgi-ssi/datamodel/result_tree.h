@@ -58,12 +58,14 @@ public:
     // used (a text of the tree's own, or of records that outlive it).
     TreeNode *node_of(std::string_view text) {
         if (nodes_used_ == node_block_size_) {
-            // Blocks grow with the tree: a one-value read stays small.
-            node_block_size_ = node_blocks_.empty() ? kFirstNodeBlock : std::min(2 * node_block_size_, kMaxNodeBlock);
+            // Blocks grow with the tree; a small read's nodes fit in the
+            // tree itself.
+            node_block_size_ = std::min(2 * node_block_size_, kMaxNodeBlock);
             node_blocks_.push_back(std::make_unique<TreeNode[]>(node_block_size_));
+            node_block_ = node_blocks_.back().get();
             nodes_used_ = 0;
         }
-        TreeNode *n = &node_blocks_.back()[nodes_used_++];
+        TreeNode *n = &node_block_[nodes_used_++];
         n->text = text;
         return n;
     }
@@ -106,22 +108,28 @@ public:
     // Keeps the records of a read alive as long as the tree, so that nodes
     // may point into them.
     void keep(QM_DAT_hold *hold) {
-        holds_.emplace_back(hold);
+        if (!first_hold_) {
+            first_hold_.reset(hold);
+        } else {
+            holds_.emplace_back(hold);
+        }
     }
 
     // The root (text ""), null until a build made one.
     TreeNode *root = nullptr;
 
 private:
-    static constexpr std::size_t kFirstNodeBlock = 16;  // 768 bytes: from the allocator's per-thread cache
+    static constexpr std::size_t kFirstNodeBlock = 16;
     static constexpr std::size_t kMaxNodeBlock = 1024;
     static constexpr std::size_t kFirstTextBlock = 512;
     static constexpr std::size_t kMaxTextBlock = 64 * 1024;
     static constexpr std::size_t kFirstMemberBlock = 16;  // 640 bytes
     static constexpr std::size_t kMaxMemberBlock = 1024;
 
+    TreeNode first_nodes_[kFirstNodeBlock];
     std::vector<std::unique_ptr<TreeNode[]>> node_blocks_;
-    std::size_t node_block_size_ = 0;
+    TreeNode *node_block_ = first_nodes_;
+    std::size_t node_block_size_ = kFirstNodeBlock;
     std::size_t nodes_used_ = 0;
     std::vector<std::unique_ptr<char[]>> text_blocks_;
     std::size_t text_block_size_ = 0;
@@ -130,7 +138,9 @@ private:
     std::vector<std::unique_ptr<TreeMember[]>> member_blocks_;
     std::size_t member_block_size_ = 0;
     std::size_t members_used_ = 0;
-    std::vector<std::unique_ptr<QM_DAT_hold, quelm::CDeleter<QM_DAT_releaseobjdata>>> holds_;
+    using Hold = std::unique_ptr<QM_DAT_hold, quelm::CDeleter<QM_DAT_releaseobjdata>>;
+    Hold first_hold_;  // most trees hold the records of one read
+    std::vector<Hold> holds_;
 };
 
 }  // namespace cgissi::datamodel
