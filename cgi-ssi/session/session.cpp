@@ -62,10 +62,9 @@ const char *or_empty(const char *s) { return s != nullptr ? s : ""; }
 
 bool has_line_break(std::string_view s) { return s.find_first_of("\r\n") != std::string_view::npos; }
 
-// Gateway path of a session file, cut at the design size like the page
-// scripts that build the same names expect.
-// The same, in a buffer of that size: the session step of every request
-// builds it without allocating.
+// Gateway path of a session file, cut at kPathSize - 1 bytes like the page
+// scripts that build the same names expect. Built in a buffer of that size:
+// the session step of every request needs it without allocating.
 struct SessionPath {
     char text[kPathSize];
 
@@ -192,8 +191,8 @@ void log_missing(const char *function, const char *path) {
 }
 
 // The token's session file for the check, opened and read once: found as a
-// status call finds it, readable when it holds a session's text.
-// Its text is the kept copy's when that was still good.
+// status call finds it, readable when it holds a session's text (the kept
+// copy's, when that was still good).
 struct CheckedFile {
     explicit CheckedFile(const char *token) : path(token) {}
 
