@@ -74,6 +74,15 @@ def test_changed_client_is_refused_and_replaced(visit, root, change):
     assert sessions(root) == [f"web_{fresh}"]
 
 
+@pytest.mark.parametrize("length, kept", [(1024, True), (1025, False)])
+def test_saved_agent_is_compared_as_read_into_its_buffer(visit, length, kept):
+    # The saved agent is taken into a buffer of 1,024 bytes before it is
+    # compared: a longer one no longer equals the visitor's own.
+    agent = "a" * length
+    token = token_of(visit(agent=agent))
+    assert (token_of(visit(cookie=f"QM_web_ID={token}", agent=agent)) == token) is kept
+
+
 @pytest.mark.parametrize("value", ["abcde", "abcdefg", "../abc", "ab/cde", "", "x" * 200])
 def test_bad_cookie_values_get_a_fresh_session(visit, root, value):
     answer = visit(cookie=f"QM_web_ID={value}")
