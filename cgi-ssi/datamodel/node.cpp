@@ -766,15 +766,34 @@ template <typename Print>
 void print_buffered(Print &&print) {
     // A responder prints the same few reads again and again: the buffer
     // starts as large as the last one needed (bounded, so that one large
-    // read does not make every later one reserve as much).
+    // read does not make every later one reserve as much). A small buffer
+    // is kept from one answer to the next; a larger one is given back.
     static std::size_t last_size = 0;
+    static json::OutBuffer kept;
+    static bool kept_in_use = false;
     constexpr std::size_t kMaxExpected = 1024 * 1024;
-    json::OutBuffer buffer(std::min(last_size, kMaxExpected));
-    json::Writer out(json::kTreeLayout, buffer);
-    print(out);
-    const std::string_view text = buffer.view();
-    last_size = text.size();
-    cgi_out_write(text.data(), text.size());
+    constexpr std::size_t kMaxKept = 16 * 1024;
+    const auto emit = [&](json::OutBuffer &buffer) {
+        json::Writer out(json::kTreeLayout, buffer);
+        print(out);
+        const std::string_view text = buffer.view();
+        last_size = text.size();
+        cgi_out_write(text.data(), text.size());
+    };
+    if (kept_in_use || last_size > kMaxKept) {
+        json::OutBuffer buffer(std::min(last_size, kMaxExpected));
+        emit(buffer);
+        return;
+    }
+    kept_in_use = true;
+    struct Done {
+        ~Done() {
+            kept.clear();
+            if (kept.capacity() > kMaxKept) kept.release();
+            kept_in_use = false;
+        }
+    } done;
+    emit(kept);
 }
 
 // The chain of a C caller's tree, printed as a result tree in one write.

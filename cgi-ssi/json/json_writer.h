@@ -91,6 +91,14 @@ public:
         ++size_;
     }
     std::string_view view() const { return {data_, size_}; }
+    std::size_t capacity() const { return capacity_; }
+    // Empty again, keeping its memory; release() gives the memory back.
+    void clear() { size_ = 0; }
+    void release() {
+        std::free(data_);
+        data_ = nullptr;
+        size_ = capacity_ = 0;
+    }
 
 private:
     void grow(std::size_t n);

@@ -429,6 +429,54 @@ struct QM_DAT_hold {
     std::shared_ptr<const ObjectRecords> records;
 };
 
+namespace {
+
+// Released holds kept for the next ones: a responder holds one or two
+// objects' records per request, and a small allocation per hold is a trip
+// through the allocator's slow path among the request's own. Per thread,
+// so that no lock is needed. A hold released after its thread's spares
+// were destroyed (by a static object's destructor at exit) is deleted.
+thread_local bool spares_gone = false;  // trivially destructible: readable until the thread ends
+
+class SpareHolds {
+public:
+    SpareHolds() = default;
+    SpareHolds(const SpareHolds &) = delete;
+    SpareHolds &operator=(const SpareHolds &) = delete;
+    ~SpareHolds() {
+        for (std::size_t i = 0; i < count_; ++i) delete spare_[i];
+        spares_gone = true;
+    }
+
+    QM_DAT_hold *take() { return count_ > 0 ? spare_[--count_] : new QM_DAT_hold; }
+    void give(QM_DAT_hold *hold) {
+        if (count_ < kKept) {
+            spare_[count_++] = hold;
+        } else {
+            delete hold;
+        }
+    }
+
+private:
+    static constexpr std::size_t kKept = 8;
+    QM_DAT_hold *spare_[kKept] = {};
+    std::size_t count_ = 0;
+};
+
+thread_local SpareHolds spare_holds;
+
+QM_DAT_hold *take_hold() { return spares_gone ? new QM_DAT_hold : spare_holds.take(); }
+
+void give_hold(QM_DAT_hold *hold) {
+    if (spares_gone) {
+        delete hold;
+    } else {
+        spare_holds.give(hold);
+    }
+}
+
+}  // namespace
+
 int QM_DAT_holdobjdata(const char *object, const QM_DAT_view **views, size_t *count, QM_DAT_hold **hold) {
     if (views != nullptr) *views = nullptr;
     if (count != nullptr) *count = 0;
@@ -439,15 +487,20 @@ int QM_DAT_holdobjdata(const char *object, const QM_DAT_view **views, size_t *co
         }
         std::shared_ptr<const ObjectRecords> records;
         if (set_error(object_records(object, records)) != 0) return QM_err_get();
-        auto held = std::make_unique<QM_DAT_hold>(QM_DAT_hold{std::move(records)});
+        QM_DAT_hold *held = take_hold();
+        held->records = std::move(records);
         *views = held->records->views.data();
         *count = held->records->views.size();
-        *hold = held.release();
+        *hold = held;
         return 0;
     });
 }
 
-void QM_DAT_releaseobjdata(QM_DAT_hold *hold) { delete hold; }
+void QM_DAT_releaseobjdata(QM_DAT_hold *hold) {
+    if (hold == nullptr) return;
+    hold->records.reset();
+    give_hold(hold);
+}
 
 void QM_DAT_freedata(QM_DAT_record **records) {
     if (records == nullptr) return;

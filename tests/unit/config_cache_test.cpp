@@ -99,6 +99,27 @@ TEST_F(ConfigCacheTest, HeldRecordsOutliveTheCache) {
     QM_DAT_releaseobjdata(hold);
     QM_DAT_releaseobjdata(nullptr);
 
+    // Released holds are used again: more at once than are kept spare, each
+    // showing its own object's records until it is released.
+    const auto records_held = [](const QM_DAT_view *v, std::size_t n) {
+        std::vector<Record> out;
+        for (std::size_t i = 0; i < n; ++i) out.emplace_back(v[i].name, v[i].value, v[i].type);
+        return out;
+    };
+    struct Held { const char *object; const QM_DAT_view *views; std::size_t count; QM_DAT_hold *hold; };
+    for (int pass = 0; pass < 2; ++pass) {
+        std::vector<Held> holds;
+        for (int i = 0; i < 12; ++i) {
+            const char *object = i % 2 == 0 ? "User" : "User_2";
+            ASSERT_EQ(QM_DAT_holdobjdata(object, &views, &count, &hold), 0);
+            holds.push_back({object, views, count, hold});
+        }
+        for (const Held &h : holds) {
+            EXPECT_EQ(records_held(h.views, h.count), records_of(h.object)) << h.object;
+            QM_DAT_releaseobjdata(h.hold);
+        }
+    }
+
     const int code = QM_DAT_holdobjdata("Nope", &views, &count, &hold);
     EXPECT_NE(code, 0);
     EXPECT_EQ(QM_err_get(), code);
