@@ -1,6 +1,7 @@
 // Result trees: built from the data model's records for a path of the path
 // language, printed as JSON-like text or as XML.
 #include <algorithm>
+#include <iterator>
 #include <array>
 #include <bit>
 #include <charconv>
@@ -56,11 +57,13 @@ bool held_records(ResultTree &tree, const char *name, std::span<const QM_DAT_vie
     return true;
 }
 
+RecordView record_view(const QM_DAT_view &r) { return {{r.name, r.name_len}, {r.value, r.value_len}, r.type}; }
+
 bool read_records(ResultTree &tree, const char *name, std::vector<RecordView> &out) {
     std::span<const QM_DAT_view> views;
     if (!held_records(tree, name, views)) return false;
     out.reserve(out.size() + views.size());
-    for (const QM_DAT_view &r : views) out.push_back({{r.name, r.name_len}, {r.value, r.value_len}, r.type});
+    std::transform(views.begin(), views.end(), std::back_inserter(out), record_view);
     return true;
 }
 
@@ -598,9 +601,7 @@ TreeNode *object_tree(ResultTree &tree, const char *name, const char *suffix, co
     } else if (held_records(tree, name, views)) {
         if (views.size() > few.size()) many.resize(views.size());
         RecordView *out = views.size() <= few.size() ? few.data() : many.data();
-        std::transform(views.begin(), views.end(), out, [](const QM_DAT_view &r) {
-            return RecordView{{r.name, r.name_len}, {r.value, r.value_len}, r.type};
-        });
+        std::transform(views.begin(), views.end(), out, record_view);
         recs = RecordSpan(out, views.size());
     } else {
         return single_value(tree, root, name);

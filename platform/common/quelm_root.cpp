@@ -85,15 +85,10 @@ bool root_path(std::string_view gateway_path, char *out, std::size_t size) {
 }
 
 RootPath::RootPath(std::string_view gateway_path) {
-    const std::string_view prefix = root_prefix();
-    size_ = prefix.size() + gateway_path.size();
-    if (size_ < kInline) {
-        std::memcpy(inline_, prefix.data(), prefix.size());
-        std::memcpy(inline_ + prefix.size(), gateway_path.data(), gateway_path.size());
-        inline_[size_] = '\0';
+    if (root_path(gateway_path, inline_, kInline)) {
+        size_ = root_prefix().size() + gateway_path.size();
         return;
     }
-    inline_[0] = '\0';
     on_heap_ = true;
     heap_ = root_path(gateway_path);
 }
