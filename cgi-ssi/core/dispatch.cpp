@@ -24,6 +24,7 @@
 #include "session/session_store.h"
 #include "ssi.h"
 #include "qm_token.h"
+#include "request/variables.h"
 #include "util/policy.h"
 
 namespace cgissi {
@@ -106,9 +107,13 @@ void write_pieces(std::initializer_list<std::string_view> pieces) {
 // Attaches or creates the browser session and writes its cookie line.
 // Returns false when no session could be created (the request ends).
 bool attach_session() {
-    cgiGetenv(&cgiCookie, "HTTP_COOKIE");
-    cgiGetenv(&cgiUserAgent, "HTTP_USER_AGENT");
-    cgiGetenv(&cgiRemoteAddr, "REMOTE_ADDR");
+    const auto given = [](request::Variable which) {
+        const char *text = request::variable(which);
+        return text != nullptr ? text : "";
+    };
+    cgiCookie = given(request::Variable::HttpCookie);
+    cgiUserAgent = given(request::Variable::HttpUserAgent);
+    cgiRemoteAddr = given(request::Variable::RemoteAddr);
 
     char value[kCookieValueSize];
     int result = cgiCookieString(QM_SessionName, value, sizeof value);
@@ -173,12 +178,12 @@ bool maintenance_refused(std::string_view cgi) {
 // that writes. The page renderer and _info.xml only read.
 bool changes_state(std::string_view cgi) {
     if (cgi == "ssi" || cgi == "_info.xml") return false;
-    const char *method = std::getenv("REQUEST_METHOD");
+    const char *method = request::variable(request::Variable::RequestMethod);
     if (method != nullptr && strcasecmp(method, "GET") != 0 && strcasecmp(method, "HEAD") != 0) return true;
     for (std::string_view name : kStateChangingCgis) {
         if (name == cgi) return true;
     }
-    const char *query = std::getenv("QUERY_STRING");
+    const char *query = request::variable(request::Variable::QueryString);
     if (query == nullptr) return false;
     if (cgi == "generic.cgi") return has_field(query, kGenericWriteFields);
     return cgi == "nas.cgi" && has_field(query, kNasWriteFields);
@@ -222,7 +227,7 @@ bool set_up_session(std::string_view ext) {
             return false;
         }
     } else if (want_session) {
-        const char *host = std::getenv("HTTP_HOST");
+        const char *host = request::variable(request::Variable::HttpHost);
         quelm::log::print(LOG_WARNING,
                           "no session for this request: host '%s' is not a name of the gateway (Device_Hostname, "
                           "Device_Aliases, the LAN address)",
@@ -242,7 +247,7 @@ int serve_request(plugin_registry_handle *registry, int argc, char **argv) {
     quelm::copy_cut(script_name, sizeof script_name, base_name(argc > 0 && argv[0] != nullptr ? argv[0] : ""));
     quelm::copy_cut(default_name, sizeof default_name, script_name);
 
-    const char *page_env = std::getenv("SCRIPT_FILENAME");
+    const char *page_env = request::variable(request::Variable::ScriptFilename);
     std::string_view page = page_env != nullptr ? page_env : "";
     std::size_t dot = page.rfind('.');
     if (dot == std::string_view::npos) return -1;

@@ -9,6 +9,8 @@
 #include <fcgi_stdio.h>
 #include <fcgiapp.h>
 
+#include "request/variables.h"
+
 extern char **environ;
 
 namespace cgissi::fcgi {
@@ -70,6 +72,7 @@ void release_streams() {
     for (int which = 0; which < 3; ++which) stream(which).fcgx_stream = nullptr;
     // The parameters the environment pointed at are freed with the request.
     environ = nullptr;
+    request::forget_variables();
 }
 
 void finish_at_exit() { finish_request(); }
@@ -101,6 +104,7 @@ bool accept_request() {
     FCGX_Stream *own[3] = {l.request.in, l.request.out, l.request.err};
     for (int which = 0; which < 3; ++which) stream(which) = FCGI_FILE{nullptr, own[which]};
     environ = l.request.envp;
+    request::forget_variables();
     return true;
 }
 

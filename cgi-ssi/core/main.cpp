@@ -5,6 +5,7 @@
 
 #include "core/dispatch.h"
 #include "core/fcgi_request.h"
+#include "request/variables.h"
 #include "qm_config.h"
 #include "qm_session.h"
 #include "quelm_guard.h"
@@ -22,7 +23,7 @@ int main(int argc, char **argv) {
     cgissi::session::secure_store_directory();
 
     while (cgissi::fcgi::accept_request()) {
-        QM_SessionRealm = std::getenv("QUELM_REALM");
+        QM_SessionRealm = cgissi::request::variable(cgissi::request::Variable::QuelmRealm);
         // One request's failure (memory exhaustion above all) ends that
         // request, not the responder.
         quelm::guarded(-1, "main_CGI", [&] { return main_CGI(&registry, argc, argv); });

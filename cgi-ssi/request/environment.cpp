@@ -18,6 +18,7 @@
 #include "quelm_owned.h"
 #include "quelm_root.h"
 #include "request/request_internal.h"
+#include "request/variables.h"
 
 extern "C" {
 const char *cgiServerSoftware = "";
@@ -142,71 +143,40 @@ namespace {
 // A failed multipart parse: the handler goes on with an empty form.
 constexpr int kMultipartFailed = 1;
 
-// The names the request set-up captures, in the order of their targets in
-// capture_server_variables.
-constexpr std::string_view kCapturedNames[] = {
-    "SERVER_SOFTWARE", "SERVER_NAME", "GATEWAY_INTERFACE", "SERVER_PROTOCOL", "SERVER_PORT",
-    "REQUEST_METHOD", "PATH_INFO", "PATH_TRANSLATED", "SCRIPT_NAME", "QUERY_STRING",
-    "REMOTE_HOST", "REMOTE_ADDR", "AUTH_TYPE", "REMOTE_USER", "REMOTE_IDENT",
-    "HTTP_HOST", "X_FORWARDED_FOR", "HTTP_ACCEPT", "HTTP_USER_AGENT", "HTTP_REFERER",
-    "HTTP_COOKIE", "CONTENT_TYPE", "FCGI_ROLE", "CONTENT_LENGTH", "FCGI_DATA_LENGTH",
-};
-constexpr std::size_t kCaptured = std::size(kCapturedNames);
-constexpr std::size_t kLongestName = 32;
-static_assert(kCaptured <= 32);
-
-// An open-addressing table of the names, filled at compile time: an
-// environment entry is compared only with the names its hash leads to
-// (one or two).
-constexpr std::size_t kSlots = 64;
-constexpr std::size_t slot_of(const char *name, std::size_t length) {
-    const auto byte = [&](std::size_t at) { return static_cast<std::size_t>(static_cast<unsigned char>(name[at])); };
-    return (length * 7 + byte(0) * 3 + byte(length / 2) * 5 + byte(length - 1)) % kSlots;
-}
-constexpr auto kSlotNames = [] {
-    std::array<std::uint8_t, kSlots> slots{};  // index of the name + 1; 0: empty
-    for (std::size_t i = 0; i < kCaptured; ++i) {
-        std::size_t at = slot_of(kCapturedNames[i].data(), kCapturedNames[i].size());
-        while (slots[at] != 0) at = (at + 1) % kSlots;
-        slots[at] = static_cast<std::uint8_t>(i + 1);
-    }
-    return slots;
-}();
-
-// Points each target at its name's value ("" when unset), as getenv would
-// find it (the first entry of that name), in one pass over the environment
-// instead of one per name.
-void capture_variables(const std::array<const char **, kCaptured> &targets) {
-    for (const char **target : targets) *target = "";
-    std::uint32_t found = 0;
-    for (char **entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-        const char *equals = std::strchr(*entry, '=');
-        if (equals == nullptr || equals == *entry || static_cast<std::size_t>(equals - *entry) > kLongestName) continue;
-        const auto length = static_cast<std::size_t>(equals - *entry);
-        for (std::size_t at = slot_of(*entry, length); kSlotNames[at] != 0; at = (at + 1) % kSlots) {
-            const std::size_t i = kSlotNames[at] - 1U;
-            if (kCapturedNames[i].size() != length || std::memcmp(kCapturedNames[i].data(), *entry, length) != 0) {
-                continue;
-            }
-            if ((found & (1U << i)) == 0) *targets[i] = equals + 1;
-            found |= 1U << i;
-            break;
-        }
-    }
-}
-
 // The request's CGI variables, its content type and the body length
 // (`length_text`: CONTENT_LENGTH, or a filter's FCGI_DATA_LENGTH).
 void capture_server_variables(const char *&role, const char *&length_text, const char *&data_length_text) {
     cgiSetupConstants();
-    const char *content_type = nullptr;
-    capture_variables({
-        &cgiServerSoftware, &cgiServerName, &cgiGatewayInterface, &cgiServerProtocol, &cgiServerPort,
-        &cgiRequestMethod, &cgiPathInfo, &cgiPathTranslated, &cgiScriptName, &cgiQueryString,
-        &cgiRemoteHost, &cgiRemoteAddr, &cgiAuthType, &cgiRemoteUser, &cgiRemoteIdent,
-        &cgiHttpHost, &cgiXForwardedFor, &cgiAccept, &cgiUserAgent, &cgiReferrer,
-        &cgiCookie, &content_type, &role, &length_text, &data_length_text,
-    });
+    const char *const *values = variables();
+    const auto value = [&](Variable which) {
+        const char *text = values[static_cast<std::size_t>(which)];
+        return text != nullptr ? text : "";
+    };
+    cgiServerSoftware = value(Variable::ServerSoftware);
+    cgiServerName = value(Variable::ServerName);
+    cgiGatewayInterface = value(Variable::GatewayInterface);
+    cgiServerProtocol = value(Variable::ServerProtocol);
+    cgiServerPort = value(Variable::ServerPort);
+    cgiRequestMethod = value(Variable::RequestMethod);
+    cgiPathInfo = value(Variable::PathInfo);
+    cgiPathTranslated = value(Variable::PathTranslated);
+    cgiScriptName = value(Variable::ScriptName);
+    cgiQueryString = value(Variable::QueryString);
+    cgiRemoteHost = value(Variable::RemoteHost);
+    cgiRemoteAddr = value(Variable::RemoteAddr);
+    cgiAuthType = value(Variable::AuthType);
+    cgiRemoteUser = value(Variable::RemoteUser);
+    cgiRemoteIdent = value(Variable::RemoteIdent);
+    cgiHttpHost = value(Variable::HttpHost);
+    cgiXForwardedFor = value(Variable::XForwardedFor);
+    cgiAccept = value(Variable::HttpAccept);
+    cgiUserAgent = value(Variable::HttpUserAgent);
+    cgiReferrer = value(Variable::HttpReferer);
+    cgiCookie = value(Variable::HttpCookie);
+    const char *content_type = value(Variable::ContentType);
+    role = value(Variable::FcgiRole);
+    length_text = value(Variable::ContentLength);
+    data_length_text = value(Variable::FcgiDataLength);
 
     std::size_t type_length = ::strnlen(content_type, sizeof cgiContentType - 1);
     std::memcpy(cgiContentType, content_type, type_length);

@@ -11,6 +11,7 @@
 #include "quelm_chars.h"
 #include "quelm_escape.h"
 #include "quelm_guard.h"
+#include "request/variables.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ void begin_header() {}
 // throw: they allocate nothing, or only with malloc, whose failure is
 // their error result.
 extern "C" void cgiHeaderContentLanguage(void) {
-    const char *value = std::getenv("HTTP_ACCEPT_LANGUAGE");
+    const char *value = cgissi::request::variable(cgissi::request::Variable::HttpAcceptLanguage);
     if (value == nullptr) return;
     if (!is_header_text(value)) return;
     // compat: the header name in capitals, as pages have always been sent it.

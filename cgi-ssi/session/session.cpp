@@ -28,6 +28,7 @@
 #include "quelm_owned.h"
 #include "quelm_root.h"
 #include "quelm_text.h"
+#include "request/variables.h"
 #include "session/token_name.h"
 
 extern "C" {
@@ -552,7 +553,7 @@ unsigned int checkLocalIP(const char *address) {
 
 int QM_GetHostSession(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
-        std::string_view host = or_empty(std::getenv("HTTP_HOST"));
+        std::string_view host = or_empty(cgissi::request::variable(cgissi::request::Variable::HttpHost));
         const HostIdentity &gateway = host_identity();
         const std::string &hostname = gateway.hostname;
         const std::string &aliases = gateway.aliases;
@@ -565,7 +566,7 @@ int QM_GetHostSession(void) {
             host = host.substr(0, host.find(':'));
         }
 
-        const char *request_realm = std::getenv("QUELM_REALM");
+        const char *request_realm = cgissi::request::variable(cgissi::request::Variable::QuelmRealm);
         if (request_realm != nullptr && std::strcmp(request_realm, "rmt") == 0) {
             unsigned mask = checkLocalIP(gateway.lan_mask.c_str());
             if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(std::string(host).c_str()) & mask)) return 1;
@@ -584,7 +585,7 @@ int QM_GetHostSession(void) {
 
 int srv_skip_session(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
-        const char *index = std::getenv("QUELM_SRV_IDX");
+        const char *index = cgissi::request::variable(cgissi::request::Variable::QuelmSrvIdx);
         if (index == nullptr) return 0;
         quelm::copy_cut(QM_HttpServerId, sizeof QM_HttpServerId, index);
         std::string use;

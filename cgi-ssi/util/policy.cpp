@@ -5,6 +5,7 @@
 
 #include "quelm_http.h"
 #include "quelm_log.h"
+#include "request/variables.h"
 
 namespace cgissi::policy {
 namespace {
@@ -56,9 +57,9 @@ bool same_origin(const char *origin, const char *referer, const char *host) {
 }
 
 bool request_is_same_origin() {
-    const char *origin = std::getenv("HTTP_ORIGIN");
-    const char *referer = std::getenv("HTTP_REFERER");
-    const char *host = std::getenv("HTTP_HOST");
+    const char *origin = request::variable(request::Variable::HttpOrigin);
+    const char *referer = request::variable(request::Variable::HttpReferer);
+    const char *host = request::variable(request::Variable::HttpHost);
     if (same_origin(origin, referer, host)) return true;
     quelm::log::print(LOG_WARNING, "state change refused: origin '%s' (referer '%s') is not host '%s'",
                       origin != nullptr ? origin : "", referer != nullptr ? referer : "", host != nullptr ? host : "");
@@ -81,7 +82,7 @@ bool stays_home(std::string_view url, std::string_view host) {
 
 const char *home_target(const char *url) {
     if (url == nullptr || compat_mode()) return url;
-    const char *host = std::getenv("HTTP_HOST");
+    const char *host = request::variable(request::Variable::HttpHost);
     if (stays_home(url, host != nullptr ? host : "")) return url;
     quelm::log::print(LOG_WARNING, "redirect to '%s' leaves the gateway: sent to %s instead", url, kStartPage);
     return kStartPage;

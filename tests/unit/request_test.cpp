@@ -19,6 +19,7 @@
 
 #include "cgic.h"
 #include "qm_config.h"
+#include "request/variables.h"
 #include "test_support.h"
 
 namespace {
@@ -245,6 +246,68 @@ TEST_F(RequestInit, UnsetVariablesReadEmpty) {
     }
     unsetenv("HTTP_HOSTNAME");
     unsetenv("XHTTP_HOST");
+}
+
+// The one-pass table answers as getenv does through every way the
+// environment changes within a request, and a new request's parameters
+// (which may reuse the array and the strings' addresses) are read afresh.
+TEST(RequestVariables, AnswerAsGetenvThroughEveryChange) {
+    using cgissi::request::Variable;
+    const std::pair<Variable, const char *> watched[] = {
+        {Variable::HttpHost, "HTTP_HOST"},     {Variable::HttpOrigin, "HTTP_ORIGIN"},
+        {Variable::QuelmRealm, "QUELM_REALM"}, {Variable::RemoteAddr, "REMOTE_ADDR"},
+        {Variable::DocumentRoot, "DOCUMENT_ROOT"},
+    };
+    const auto agree = [&](const char *step) {
+        for (const auto &[which, name] : watched) {
+            const char *expected = std::getenv(name);
+            const char *got = cgissi::request::variable(which);
+            if (expected == nullptr) {
+                EXPECT_EQ(got, nullptr) << step << ": " << name;
+            } else {
+                EXPECT_STREQ(got, expected) << step << ": " << name;
+            }
+            const char *const *all = cgissi::request::variables();
+            EXPECT_EQ(all[static_cast<std::size_t>(which)], got) << step << ": " << name;
+        }
+    };
+    for (const auto &[which, name] : watched) unsetenv(name);
+    agree("none set");
+    setenv("HTTP_HOST", "gw.lan", 1);
+    setenv("REMOTE_ADDR", "192.168.1.10", 1);
+    agree("added");
+    setenv("HTTP_HOST", "other.lan", 1);
+    agree("replaced");
+    setenv("QUELM_SHIFT", "x", 1);
+    setenv("QUELM_REALM", "web", 1);
+    agree("added after");
+    unsetenv("QUELM_SHIFT");
+    agree("an earlier entry removed");
+    static char origin[] = "HTTP_ORIGIN=http://gw.lan";
+    putenv(origin);
+    agree("put");
+    origin[12] = 'x';
+    agree("put text changed in place");
+    unsetenv("HTTP_HOST");
+    agree("removed");
+
+    // Another request: an array of its own, then the same array and
+    // strings holding other names.
+    char **saved = environ;
+    char host[] = "HTTP_HOST=first";
+    char realm[] = "QUELM_REALM=web";
+    char *request[] = {host, realm, nullptr};
+    environ = request;
+    cgissi::request::forget_variables();
+    agree("own array");
+    std::memcpy(host, "HTTP_XOST", 9);
+    std::memcpy(realm, "DOCUMENT_ROOT=/", 15);
+    cgissi::request::forget_variables();
+    agree("same array, other names");
+    environ = saved;
+    cgissi::request::forget_variables();
+    for (const auto &[which, name] : watched) unsetenv(name);
+    agree("restored");
 }
 
 TEST_F(RequestForm, StringCopies) {
