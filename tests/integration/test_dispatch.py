@@ -199,3 +199,23 @@ def test_accept_language_reaches_a_header_only_when_printable(cgi, language, ech
     answer = cgi(extra={"HTTP_ACCEPT_LANGUAGE": language})
     expected = f"CONTENT-LANGUAGE: {language}\r\n".encode() if echoed else b""
     assert answer.raw == expected + b"Content-type: text/html\r\n\r\nx"
+
+
+def test_each_fastcgi_request_reads_its_own_variables(bin_dir, env, tmp_path):
+    # Requests of one responder with the same number of parameters of the
+    # same sizes, so that a request's parameters may well land where the
+    # previous one's were: a variable of one must never answer for the next.
+    docroot = tmp_path / "www"
+    docroot.mkdir(exist_ok=True)
+    (docroot / "index.htm").write_text("x")
+    base = {"SCRIPT_FILENAME": f"{docroot}/index.htm", "SCRIPT_NAME": "/index.htm", "DOCUMENT_ROOT": str(docroot),
+            "REQUEST_METHOD": "GET", "QUERY_STRING": "", "REMOTE_ADDR": "127.0.0.1", "HTTP_HOST": "127.0.0.1",
+            "QUELM_REALM": "web"}
+    steps = [("HTTP_ACCEPT_LANGUAGE", "fr-FR"), ("HTTP_ACCEPT_LANGUAGX", "fr-FR"), ("HTTP_ACCEPT_LANGUAGE", "de-DE"),
+             ("HTTP_ACCEPT_LANGUAGE", "en-GB"), ("HTTP_ACCEPT_LANGUAGX", "en-GB")]
+    with Responder(bin_dir / "cgi-ssi", "ssi", env, tmp_path / "fcgi.sock") as responder:
+        for name, language in steps:
+            out, _ = responder.request(dict(base, **{name: language}))
+            header = f"CONTENT-LANGUAGE: {language}\r\n".encode() if name == "HTTP_ACCEPT_LANGUAGE" else b""
+            assert out == header + b"Content-type: text/html\r\n\r\nx", (name, language)
+
