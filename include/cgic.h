@@ -144,6 +144,10 @@ QM_EXPORT int cgiUnescapeChars(char **result, const char *text, int length);
 QM_EXPORT void cgiSetupConstants(void);
 /* *target = getenv(name), or "" when unset. */
 QM_EXPORT void cgiGetenv(const char **target, const char *name);
+/* getenv(name), faster for the request's CGI variables: they are read from
+ * a table taken in one pass over the environment and taken again whenever
+ * the environment changes. Null when unset. */
+QM_EXPORT const char *cgiRequestVariable(const char *name);
 /* Creates an empty temporary file "/var/tmp/cgicXXXXXX" (under QUELM_ROOT)
  * with mode 0777 and writes its path into buffer (size bytes; use
  * CGIC_TEMP_NAME_SIZE). 0 on success, 2 when the path does not fit or the

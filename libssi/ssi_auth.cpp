@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "cgic.h"
 #include "qm_cgi_state.h"
 #include "qm_config.h"
 #include "qm_session.h"
@@ -31,7 +32,7 @@ struct Text {
     static constexpr int size = static_cast<int>(N);
 };
 
-const char *realm_env() { return std::getenv("QUELM_REALM"); }
+const char *realm_env() { return cgiRequestVariable("QUELM_REALM"); }
 
 // "<realm>_<level>", the key a services list must contain.
 std::string realm_key(const char *level) {

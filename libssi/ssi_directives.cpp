@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "cgi_output.h"
+#include "cgic.h"
 #include "quelm_text.h"
 #include "quelm_child.h"
 #include "quelm_log.h"
@@ -40,7 +41,7 @@ constexpr std::size_t kKeptTimes = 4;  // a page's DATE_LOCAL, DATE_GMT and modi
 std::string_view formatted_time(const RenderContext &page, std::time_t when, bool universal) {
     static KeptTime kept[kKeptTimes];
     static std::size_t next = 0;
-    const char *tz = std::getenv("TZ");
+    const char *tz = cgiRequestVariable("TZ");
     const std::string_view zone = tz != nullptr ? tz : "";
     for (const KeptTime &k : kept) {
         if (k.valid && k.when == when && k.universal == universal && k.format == page.time_format && k.zone == zone)
@@ -73,14 +74,14 @@ void echo_value(const Call &c) {
     } else if (name == "DOCUMENT_URI") {
         write_value(c.virtual_name);
     } else if (name == "QUERY_STRING_UNESCAPED") {
-        write_env(std::getenv("QUERY_STRING"));
+        write_env(cgiRequestVariable("QUERY_STRING"));
     } else if (name == "DATE_LOCAL") {
         print_time(c.page, std::time(nullptr), false);
     } else if (name == "DATE_GMT") {
         print_time(c.page, std::time(nullptr), true);
     } else if (name == "LAST_MODIFIED") {
         print_time(c.page, c.file_status.st_mtime, false);
-    } else if (const char *env = std::getenv(c.value.c_str())) {
+    } else if (const char *env = cgiRequestVariable(c.value.c_str())) {
         write_env(env);
     } else if (name == "X_FORWARDED_FOR") {
         // compat: an unset X_FORWARDED_FOR is empty, never a symbol.

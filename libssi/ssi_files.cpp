@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "cgic.h"
 #include "qm_config.h"
 #include "ssi_render.h"
 
@@ -42,7 +43,7 @@ std::optional<std::string> virtual_path(const Call &c) {
         not_permitted(c.directive, c.tag, c.value);
         return std::nullopt;
     }
-    const char *root = std::getenv("DOCUMENT_ROOT");
+    const char *root = cgiRequestVariable("DOCUMENT_ROOT");
     if (root != nullptr && root[0] != '\0') {
         std::string_view relative = c.value;
         relative.remove_prefix(std::min(relative.find_first_not_of('/'), relative.size()));

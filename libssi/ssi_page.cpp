@@ -290,9 +290,9 @@ void error_header(int status) { cgi_out_status_header(status, "text/html"); }
 // The page's URI: PATH_INFO, or the page's path below the document root
 // keeping the root's last character (its "/").
 std::string page_path_info(const std::string &file_name) {
-    const char *path_env = std::getenv("PATH_INFO");
+    const char *path_env = cgiRequestVariable("PATH_INFO");
     if (path_env != nullptr && path_env[0] != '\0') return path_env;
-    const char *root = std::getenv("DOCUMENT_ROOT");
+    const char *root = cgiRequestVariable("DOCUMENT_ROOT");
     const std::size_t root_length = root != nullptr ? std::strlen(root) : 0;
     if (root_length > 0 && file_name.size() >= root_length - 1) return file_name.substr(root_length - 1);
     return {};
@@ -300,12 +300,12 @@ std::string page_path_info(const std::string &file_name) {
 
 // The page file to serve, or an error answer and nothing.
 bool find_page(std::string &file_name, std::string &path_info) {
-    if (std::getenv("SCRIPT_NAME") == nullptr) {
+    if (cgiRequestVariable("SCRIPT_NAME") == nullptr) {
         error_header(500);
         internal_error("Couldn't get SCRIPT_NAME environment variable.");
         return false;
     }
-    const char *script_env = std::getenv("SCRIPT_FILENAME");
+    const char *script_env = cgiRequestVariable("SCRIPT_FILENAME");
     if (script_env == nullptr) {
         error_header(500);
         internal_error("Couldn't get SCRIPT_FILENAME environment variable.");

@@ -1,6 +1,7 @@
 #include "request/variables.h"
 
-#include <algorithm>
+#include "cgic.h"
+
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -19,11 +20,11 @@ constexpr std::string_view kNames[] = {
     "HTTP_HOST",       "X_FORWARDED_FOR", "HTTP_ACCEPT",     "HTTP_USER_AGENT", "HTTP_REFERER",
     "HTTP_COOKIE",     "CONTENT_TYPE",  "FCGI_ROLE",         "CONTENT_LENGTH",  "FCGI_DATA_LENGTH",
     "SCRIPT_FILENAME", "QUELM_REALM",   "QUELM_SRV_IDX",     "HTTP_ORIGIN",     "HTTP_ACCEPT_LANGUAGE",
-    "DOCUMENT_ROOT",
+    "DOCUMENT_ROOT",   "REMOTE_PORT",   "REQUEST_URI",       "SERVER_ADDR",     "HTTPS",
+    "TZ",
 };
 static_assert(std::size(kNames) == kVariables);
 static_assert(kVariables <= 64);
-static_assert(std::ranges::all_of(kNames, [](std::string_view name) { return name.size() >= 8; }));
 constexpr std::size_t kLongestName = 32;
 
 // An open-addressing table of the names, filled at compile time: an
@@ -44,9 +45,10 @@ constexpr auto kSlotNames = [] {
     return slots;
 }();
 
-// Whether the first `length` bytes (8 or more) of a and b are equal, read
-// eight at a time: both hold at least that many.
+// Whether the first `length` bytes of a and b are equal, read eight at a
+// time: both hold at least that many.
 bool same_name(const char *a, const char *b, std::size_t length) {
+    if (length < 8) return std::memcmp(a, b, length) == 0;
     const auto chunk = [](const char *at) {
         std::uint64_t value;
         std::memcpy(&value, at, sizeof value);
@@ -144,3 +146,19 @@ const char *const *variables() {
 void forget_variables() { taken.valid = false; }
 
 }  // namespace cgissi::request
+
+using namespace cgissi::request;
+
+extern "C" const char *cgiRequestVariable(const char *name) {
+    if (name == nullptr) return nullptr;
+    const std::size_t length = std::strlen(name);
+    if (length > 0 && length <= kLongestName) {
+        for (std::size_t at = slot_of(name, length); kSlotNames[at] != 0; at = (at + 1) % kSlots) {
+            const std::size_t i = kSlotNames[at] - 1U;
+            if (kNames[i].size() == length && same_name(kNames[i].data(), name, length)) {
+                return variable(static_cast<Variable>(i));
+            }
+        }
+    }
+    return std::getenv(name);
+}

@@ -9,6 +9,7 @@
 // Its answer is always what getenv would give at that moment.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace cgissi::request {
@@ -45,8 +46,13 @@ enum class Variable : std::uint8_t {
     HttpOrigin,
     HttpAcceptLanguage,
     DocumentRoot,
+    RemotePort,
+    RequestUri,
+    ServerAddr,
+    Https,
+    Tz,
 };
-inline constexpr std::size_t kVariables = static_cast<std::size_t>(Variable::DocumentRoot) + 1;
+inline constexpr std::size_t kVariables = static_cast<std::size_t>(Variable::Tz) + 1;
 
 // getenv of the variable's name: null when unset.
 const char *variable(Variable which);

@@ -256,7 +256,7 @@ TEST(RequestVariables, AnswerAsGetenvThroughEveryChange) {
     const std::pair<Variable, const char *> watched[] = {
         {Variable::HttpHost, "HTTP_HOST"},     {Variable::HttpOrigin, "HTTP_ORIGIN"},
         {Variable::QuelmRealm, "QUELM_REALM"}, {Variable::RemoteAddr, "REMOTE_ADDR"},
-        {Variable::DocumentRoot, "DOCUMENT_ROOT"},
+        {Variable::DocumentRoot, "DOCUMENT_ROOT"}, {Variable::Tz, "TZ"},
     };
     const auto agree = [&](const char *step) {
         for (const auto &[which, name] : watched) {
@@ -269,10 +269,15 @@ TEST(RequestVariables, AnswerAsGetenvThroughEveryChange) {
             }
             const char *const *all = cgissi::request::variables();
             EXPECT_EQ(all[static_cast<std::size_t>(which)], got) << step << ": " << name;
+            EXPECT_EQ(cgiRequestVariable(name), got) << step << ": " << name;
         }
     };
+    const char *zone = std::getenv("TZ");
+    const std::string saved_zone = zone != nullptr ? zone : "";
+    const bool had_zone = zone != nullptr;
     for (const auto &[which, name] : watched) unsetenv(name);
     agree("none set");
+    setenv("TZ", "UTC", 1);
     setenv("HTTP_HOST", "gw.lan", 1);
     setenv("REMOTE_ADDR", "192.168.1.10", 1);
     agree("added");
@@ -290,6 +295,11 @@ TEST(RequestVariables, AnswerAsGetenvThroughEveryChange) {
     agree("put text changed in place");
     unsetenv("HTTP_HOST");
     agree("removed");
+    // Any other name is looked up as it stands.
+    setenv("QUELM_OTHER_NAME", "other", 1);
+    EXPECT_STREQ(cgiRequestVariable("QUELM_OTHER_NAME"), "other");
+    EXPECT_EQ(cgiRequestVariable("HTTP_HOST=other.lan"), std::getenv("HTTP_HOST=other.lan"));
+    unsetenv("QUELM_OTHER_NAME");
 
     // Another request: an array of its own, then the same array and
     // strings holding other names.
@@ -308,6 +318,7 @@ TEST(RequestVariables, AnswerAsGetenvThroughEveryChange) {
     cgissi::request::forget_variables();
     for (const auto &[which, name] : watched) unsetenv(name);
     agree("restored");
+    if (had_zone) setenv("TZ", saved_zone.c_str(), 1);
 }
 
 TEST_F(RequestForm, StringCopies) {
