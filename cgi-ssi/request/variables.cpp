@@ -67,10 +67,14 @@ bool same_name(const char *a, const char *b, std::size_t length) {
 // was found in. setenv and putenv of a name already there replace that
 // name's entry; of a new name they make the array longer or move it;
 // unsetenv shifts the entries after the one it removes, the last among
-// them. A string once in the environment is never freed while the request
-// lasts, so no other entry can take its address; an array at the same
-// address that starts with the same entry is the same allocation (shortened
-// at most), so the indexes read stay within it.
+// them. The strings stay allocated while the request lasts (setenv never
+// frees its own, libfcgi frees the parameters with the request, and the
+// request loop forgets the table then), so no other entry takes their
+// addresses; an array at the same address that starts with the same entry
+// is the same allocation (shortened at most), and the indexes read stay
+// within it. Not seen: a caller that frees a string it put in the
+// environment and puts another at the same address, or rewrites an
+// entry's name in place; nothing here or in a plugin has a reason to.
 struct Taken {
     bool valid = false;
     char **array = nullptr;

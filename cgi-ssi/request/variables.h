@@ -6,7 +6,8 @@
 // from a table taken in one pass instead, and takes it again when the
 // environment is not the one it was taken from: a new request's
 // parameters (forget_variables), or a setenv, putenv or unsetenv since.
-// Its answer is always what getenv would give at that moment.
+// Its answer is what getenv would give at that moment (variables.cpp says
+// how a change is told). The table is the calling thread's.
 #pragma once
 
 #include <cstddef>
