@@ -107,13 +107,9 @@ void write_pieces(std::initializer_list<std::string_view> pieces) {
 // Attaches or creates the browser session and writes its cookie line.
 // Returns false when no session could be created (the request ends).
 bool attach_session() {
-    const auto given = [](request::Variable which) {
-        const char *text = request::variable(which);
-        return text != nullptr ? text : "";
-    };
-    cgiCookie = given(request::Variable::HttpCookie);
-    cgiUserAgent = given(request::Variable::HttpUserAgent);
-    cgiRemoteAddr = given(request::Variable::RemoteAddr);
+    cgiCookie = request::variable_text(request::Variable::HttpCookie);
+    cgiUserAgent = request::variable_text(request::Variable::HttpUserAgent);
+    cgiRemoteAddr = request::variable_text(request::Variable::RemoteAddr);
 
     char value[kCookieValueSize];
     int result = cgiCookieString(QM_SessionName, value, sizeof value);

@@ -1,10 +1,6 @@
 // Request set-up and tear-down: the CGI environment globals, the body length
 // and its limits, and the choice of form parser.
 #include <array>
-#include <bit>
-#include <charconv>
-#include <cstdint>
-#include <iterator>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -98,21 +94,12 @@ std::size_t read_input(FCGI_FILE *stream, void *buffer, std::size_t size) {
 bool parse_length(const char *text, int *length) {
     *length = 0;
     if (text == nullptr) return true;
-    while (quelm::is_c_space(*text)) ++text;
-    bool negative = false;
-    if (*text == '-' || *text == '+') {
-        negative = *text == '-';
-        ++text;
-    }
-    const char *digits_end = text;
-    while (*digits_end >= '0' && *digits_end <= '9') ++digits_end;
-    if (digits_end == text) return true;  // not a number: no body
-    int value = 0;
-    auto [end, error] = std::from_chars(text, digits_end, value);
-    (void)end;
-    if (error != std::errc()) return false;  // beyond int
-    if (negative && value != 0) return false;
-    *length = value;
+    const char *end = nullptr;
+    const long value = quelm::parse_long(text, &end);
+    if (end == text) return true;  // not a number: no body
+    if (value < 0) return false;
+    if (value > INT_MAX) return false;
+    *length = static_cast<int>(value);
     return true;
 }
 

@@ -58,6 +58,12 @@ inline constexpr std::size_t kVariables = static_cast<std::size_t>(Variable::Tz)
 // getenv of the variable's name: null when unset.
 const char *variable(Variable which);
 
+// The same, "" when unset (as the cgic globals hold it).
+inline const char *variable_text(Variable which) {
+    const char *text = variable(which);
+    return text != nullptr ? text : "";
+}
+
 // The values of every variable (null when unset), as variable() would give
 // each of them now.
 const char *const *variables();

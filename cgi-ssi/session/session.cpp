@@ -553,7 +553,7 @@ unsigned int checkLocalIP(const char *address) {
 
 int QM_GetHostSession(void) {
     return quelm::guarded(0, __func__, [&]() -> int {
-        std::string_view host = or_empty(cgissi::request::variable(cgissi::request::Variable::HttpHost));
+        std::string_view host = cgissi::request::variable_text(cgissi::request::Variable::HttpHost);
         const HostIdentity &gateway = host_identity();
         const std::string &hostname = gateway.hostname;
         const std::string &aliases = gateway.aliases;
