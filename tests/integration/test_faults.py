@@ -21,11 +21,6 @@ HOST = {"Host": "192.168.1.1", "User-Agent": "faults"}
 RESTART_SECONDS = 20
 
 
-@pytest.fixture
-def gateway(qmcfg):
-    qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", "192.168.1.1")
-
-
 def responder_pid(server, socket_name="cgi.sock"):
     """The process that serves socket_name: its standard input is that
     listening socket (lighttpd numbers it: "<name>-0" for the one process)."""
@@ -45,16 +40,18 @@ def responder_pid(server, socket_name="cgi.sock"):
         time.sleep(0.05)
 
 
+def wait_for(condition, seconds=RESTART_SECONDS):
+    """Whether condition() holds within seconds."""
+    deadline = time.monotonic() + seconds
+    while not condition() and time.monotonic() < deadline:
+        time.sleep(0.05)
+    return condition()
+
+
 def served_again(server):
-    """Waits until generic.cgi answers again (lighttpd restarts a dead
-    responder); the answer."""
-    deadline = time.monotonic() + RESTART_SECONDS
-    while time.monotonic() < deadline:
-        status, _, body = server.get("/generic.cgi?token=fault1&read=Device_Hostname")
-        if status == 200:
-            return body
-        time.sleep(0.2)
-    raise AssertionError("the responder was not restarted: " + server.error_log()[-2000:])
+    """Waits until generic.cgi answers again (lighttpd restarts a dead responder)."""
+    assert wait_for(lambda: server.get("/generic.cgi?token=fault1&read=Device_Hostname")[0] == 200), \
+        "the responder was not restarted: " + server.error_log()[-2000:]
 
 
 def post_generic(server, fields):
@@ -66,11 +63,11 @@ def post_generic(server, fields):
         return None, None, str(error).encode()
 
 
-def test_damaged_session_token_and_error_files(lighttpd, gateway, root):
+def test_damaged_session_token_and_error_files(lighttpd, qmcfg, root):
     """Empty, truncated, garbage and oversized state files: every request is
     answered, a damaged session is replaced by a fresh one."""
-    garbage = bytes(range(256)) * 20
-    damaged = [b"", b"REMOTE_ADDR=127.0", garbage, b"REMOTE_ADDR=127.0.0.1\n" * 4000]
+    qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", "192.168.1.1")
+    damaged = [b"", b"REMOTE_ADDR=127.0", bytes(range(256)) * 20, b"REMOTE_ADDR=127.0.0.1\n" * 4000]
     (lighttpd.docroot / "index.htm").write_text('<html><!--#echo var="iCgiError" --></html>')
     for content in damaged:
         (root / "var/quelm/session/web_Dmg001").write_bytes(content)
@@ -116,10 +113,7 @@ def test_killed_between_write_and_commit(lighttpd, root, napping):
               ("write", "Device_Hostname:K1")]
     request = threading.Thread(target=post_generic, args=(lighttpd, fields))
     request.start()
-    deadline = time.monotonic() + RESTART_SECONDS
-    while not napping.exists() and time.monotonic() < deadline:
-        time.sleep(0.02)
-    assert napping.exists(), "the request never reached its nap"
+    assert wait_for(napping.exists), "the request never reached its nap"
     os.kill(responder_pid(lighttpd), signal.SIGKILL)
     request.join(RESTART_SECONDS)
     saved, running = configuration(root)
@@ -130,10 +124,7 @@ def test_killed_between_write_and_commit(lighttpd, root, napping):
     status, _, body = post_generic(lighttpd, [("write", "Device_Hostname:after")])
     assert (status, body.strip()) == (200, b"{}"), "the lock of the killed responder was not released"
     # generic.cgi commits after its answer has gone out: wait for it.
-    deadline = time.monotonic() + RESTART_SECONDS
-    while configuration(root)[0][2] != "after" and time.monotonic() < deadline:
-        time.sleep(0.05)
-    assert configuration(root)[0][2] == "after"
+    assert wait_for(lambda: configuration(root)[0][2] == "after")
 
 
 def test_killed_during_commit(lighttpd, root):
@@ -215,18 +206,10 @@ def test_client_gone_mid_upload_and_mid_download(lighttpd, root):
                        body[:256 * 1024])
     conn.close()
     # lighttpd may make its temporary after the close was sent: nothing may
-    # be left once the folder has stayed empty for half a second.
-    deadline = time.monotonic() + 10
-    empty_since = None
-    while time.monotonic() < deadline:
-        if leftovers(root / "var/tmp"):
-            empty_since = None
-        elif empty_since is None:
-            empty_since = time.monotonic()
-        elif time.monotonic() - empty_since >= 0.5:
-            break
-        time.sleep(0.05)
-    assert leftovers(root / "var/tmp") == []
+    # be left once the folder has been empty and half a second has passed.
+    assert wait_for(lambda: not leftovers(root / "var/tmp"), 10)
+    time.sleep(0.5)
+    assert wait_for(lambda: not leftovers(root / "var/tmp"), 10), leftovers(root / "var/tmp")
 
     page_pid = responder_pid(lighttpd, "ssi.sock")
     line = '<p><!--#echo var="DATE_LOCAL" --> ' + "x" * 200 + "</p>\n"

@@ -27,17 +27,13 @@ def token(root):
     return lambda rights="all", more="": write_token(root, TOKEN, rights, more)
 
 
-def form(*fields, with_token=True):
-    return urlencode(([("token", TOKEN)] if with_token else []) + list(fields)).encode()
-
-
 @pytest.fixture
 def generic(cgi, token):
     token()
 
     def run(*fields, with_token=True, extra=None):
-        answer = cgi(page="generic.cgi", method="POST", body=form(*fields, with_token=with_token),
-                     content_type=FORM, extra=extra)
+        body = urlencode(([("token", TOKEN)] if with_token else []) + list(fields)).encode()
+        answer = cgi(page="generic.cgi", method="POST", body=body, content_type=FORM, extra=extra)
         assert answer.header("Content-Type") == "text/plain"
         return answer.body
     return run
@@ -109,13 +105,11 @@ def test_rules_of_other_users_stay(generic, qmcfg):
 
 
 def test_commit_and_revert_in_the_saved_configuration(generic, qmcfg):
-    assert generic(("write", "Device_Hostname:saved")) == b"{}\n"
-    qmcfg("revert")
-    assert qmcfg("get", "Device", "Hostname").stdout == "saved\n"
     # "writes" alone marks nothing modified: not saved.
-    assert generic(("writes", "Device:Hostname=unsaved|Domain=lan")) == b"{}\n"
-    qmcfg("revert")
-    assert qmcfg("get", "Device", "Hostname").stdout == "saved\n"
+    for field in (("write", "Device_Hostname:saved"), ("writes", "Device:Hostname=unsaved|Domain=lan")):
+        assert generic(field) == b"{}\n"
+        qmcfg("revert")
+        assert qmcfg("get", "Device", "Hostname").stdout == "saved\n"
     body = generic(("write", "Device_Domain:lan"), ("writes", "Device:Hostname=" + "h" * 80))
     assert f"Unable to write the value {'h' * 80} for Device_Hostname : 3. ".encode() in body
     assert qmcfg("get", "Device", "Domain").stdout == "home\n"
@@ -154,11 +148,9 @@ def test_encrypted_secrets(generic, qmcfg):
 
 
 def test_lock_held_elsewhere_is_waited_for_once(generic, root):
-    wait = {"QUELM_LOCK_WAIT_MS": "400"}
-
     def timed(*fields):
         start = time.monotonic()
-        body = generic(*fields, extra=wait)
+        body = generic(*fields, extra={"QUELM_LOCK_WAIT_MS": "400"})
         return time.monotonic() - start, body
 
     changes = (("write", "Device_Hostname:a"), ("write", "Device_Domain:b"), ("clear", "PortMapping"))

@@ -22,6 +22,7 @@ JSON_OK = b'text/plain\r\n\r\n{"result": "OK", "codeError": 0}\r\n'
 JSON_FAILED = b'text/plain\r\n\r\n{"result": "Invalid Username or password", "codeError": -1}\r\n'
 REFUSED = b"<H2>404 Not Found</H2>"
 SETTINGS = [pytest.param(False, id="default"), pytest.param(True, id="compat")]
+LOGIN = dict(cust_auth="1", request="authentication", login="admin", password="admin", level="admin")
 
 
 @pytest.fixture(params=SETTINGS)
@@ -34,6 +35,7 @@ def compat(request, env):
 @pytest.fixture
 def gateway(qmcfg, root, cgi):
     qmcfg("set", "LANDevice_1_IPInterface_1", "IPAddress", HOST)
+    write_token(root, "abc123")
     for name, value in [("MaxTry", "3"), ("TryDelay", "120")]:
         qmcfg("set", "Services_IADConfigurator", name, value)
     make_user(qmcfg, 4, "ops", "ops-pw", "web_web,web_web_ops")
@@ -65,8 +67,14 @@ class Browser:
         return rest
 
     def login(self, user="admin", password="admin", level="admin"):
-        return self.send("login.cgi", urlencode(dict(cust_auth="1", request="authentication", login=user,
-                                                     password=password, level=level, redirect="no")).encode())
+        form = dict(LOGIN, login=user, password=password, level=level, redirect="no")
+        return self.send("login.cgi", urlencode(form).encode())
+
+    def generic(self, method="POST", token="abc123", **fields):
+        form = urlencode(dict(token=token, **fields))
+        if method == "GET":
+            return self.send("generic.cgi", method="GET", query=form)
+        return self.send("generic.cgi", form.encode())
 
 
 def signed_in_admin(cgi):
@@ -75,19 +83,27 @@ def signed_in_admin(cgi):
     return admin
 
 
-def test_state_changes_need_same_origin(cgi, gateway, compat, qmcfg, root):
+def value(qmcfg, path, check=True):
+    return qmcfg("get", path, check=check).stdout.strip()
+
+
+def wrote(browser, qmcfg, path, text="x", token="abc123"):
+    """Whether a generic.cgi write of text to path took effect."""
+    browser.generic(token=token, write=f"{path}:{text}")
+    return value(qmcfg, path, check=False) == text
+
+
+def test_state_changes_need_same_origin(cgi, gateway, compat, qmcfg):
     attacker = Browser(cgi, EVIL)
     # Cross-site login with the factory password (a CSRF login).
     assert (attacker.login() == JSON_OK) == compat
     # A cross-site GET that writes through generic.cgi.
-    write_token(root, "abc123")
-    answer = attacker.send("generic.cgi", method="GET", query="token=abc123&write=Device_Hostname%3Aowned")
-    assert (REFUSED in answer) != compat
-    assert (qmcfg("get", "Device_Hostname").stdout.strip() == "owned") == compat
+    assert (REFUSED in attacker.generic("GET", write="Device_Hostname:owned")) != compat
+    assert (value(qmcfg, "Device_Hostname") == "owned") == compat
     # The same from the gateway's own page works in both settings.
     admin = signed_in_admin(cgi)
-    admin.send("generic.cgi", method="GET", query="token=abc123&write=Device_Hostname%3Amine")
-    assert qmcfg("get", "Device_Hostname").stdout.strip() == "mine"
+    admin.generic("GET", write="Device_Hostname:mine")
+    assert value(qmcfg, "Device_Hostname") == "mine"
     # The session cookie is not sent along cross-site requests.
     assert (b"SameSite=Strict" in admin.cookie_line) != compat
 
@@ -99,12 +115,11 @@ def test_disk_changes_need_same_origin(cgi, gateway, compat, qmcfg, root):
     disk.mkdir(parents=True)
     (disk / "song.mp3").write_bytes(b"ID3")
     attacker = Browser(cgi, EVIL)
-    answer = attacker.send("nas.cgi", method="GET", query="iNasDeleteFile=1&disk=disk1&path=&name=song.mp3")
-    assert (REFUSED in answer) != compat
+    query = "iNasDeleteFile=1&disk=disk1&path=&name=song.mp3"
+    assert (REFUSED in attacker.send("nas.cgi", method="GET", query=query)) != compat
     assert (disk / "song.mp3").exists() or compat
     # Reading a folder stays open to a link from anywhere.
-    answer = attacker.send("nas.cgi", method="GET", query="iNasGetFolderContent=1&disk=disk1&path=")
-    assert REFUSED not in answer
+    assert REFUSED not in attacker.send("nas.cgi", method="GET", query="iNasGetFolderContent=1&disk=disk1&path=")
 
 
 @pytest.mark.parametrize("referer, allowed", [
@@ -113,7 +128,7 @@ def test_disk_changes_need_same_origin(cgi, gateway, compat, qmcfg, root):
 ])
 def test_referer_stands_in_for_a_missing_origin(cgi, gateway, referer, allowed):
     answer = cgi(page="login.cgi", argv0="login.cgi", method="POST", content_type=FORM,
-                 body=b"cust_auth=1&request=authentication&login=admin&password=admin&level=admin&redirect=no",
+                 body=urlencode(dict(LOGIN, redirect="no")).encode(),
                  extra={"HTTP_HOST": HOST, "HTTP_REFERER": referer})
     assert answer.raw.endswith(JSON_OK) == allowed, answer.raw
 
@@ -121,8 +136,7 @@ def test_referer_stands_in_for_a_missing_origin(cgi, gateway, referer, allowed):
 def test_maintenance_needs_an_admin(cgi, gateway, compat, root):
     reboot_form = multipart([("iRebootOption", b"0"), ("iDelay", b"5")])
     visitor = Browser(cgi, SELF)  # same origin, but not signed in
-    answer = visitor.send("reboot.cgi", reboot_form, content_type=CONTENT_TYPE)
-    assert (REFUSED in answer) != compat
+    assert (REFUSED in visitor.send("reboot.cgi", reboot_form, content_type=CONTENT_TYPE)) != compat
     assert events(root).count("reboot 5") == (1 if compat else 0)
     ops = Browser(cgi, SELF)
     assert ops.login("ops", "ops-pw", "ops") == JSON_OK  # signed in, not at the admin level
@@ -130,10 +144,6 @@ def test_maintenance_needs_an_admin(cgi, gateway, compat, root):
     admin = signed_in_admin(cgi)
     admin.send("reboot.cgi", reboot_form, content_type=CONTENT_TYPE)
     assert events(root).count("reboot 5") == (2 if compat else 1)
-
-
-def iad(qmcfg, name):
-    return qmcfg("get", "Services_IADConfigurator", name).stdout.strip()
 
 
 def test_lockout_locks(cgi, gateway, compat, qmcfg, log_file):
@@ -155,7 +165,7 @@ def test_plain_failures_start_a_block(cgi, gateway, compat, qmcfg):
     before = int(time.time())
     for _ in range(3):
         browser.login(password="wrong")
-    block = int(iad(qmcfg, "TimeBlock"))
+    block = int(value(qmcfg, "Services_IADConfigurator_TimeBlock"))
     assert (block == 0) == compat
     if not compat:
         assert before + 120 <= block <= int(time.time()) + 120
@@ -164,13 +174,9 @@ def test_plain_failures_start_a_block(cgi, gateway, compat, qmcfg):
 def test_rights_match_whole_components(cgi, gateway, compat, qmcfg, root):
     write_token(root, "abc123", rights="Enable,Device")
     browser = Browser(cgi, SELF)
-
-    def write(path, value):
-        browser.send("generic.cgi", urlencode(dict(token="abc123", write=f"{path}:{value}")).encode())
-        return qmcfg("get", path).stdout.strip() == value
-    assert write("Device_Hostname", "box")  # a leading component: both settings
-    assert write("User_2_Enable", "1") == compat
-    assert write("LANDevice_1_IPInterface_1_IPAddress", "10.0.0.1") == compat
+    assert wrote(browser, qmcfg, "Device_Hostname", "box")  # a leading component: both settings
+    assert wrote(browser, qmcfg, "User_2_Enable", "1") == compat
+    assert wrote(browser, qmcfg, "LANDevice_1_IPInterface_1_IPAddress", "10.0.0.1") == compat
 
 
 def test_login_renews_the_session(cgi, gateway, compat, root):
@@ -184,40 +190,29 @@ def test_login_renews_the_session(cgi, gateway, compat, root):
     assert "USER=admin" in (sessions / f"web_{victim.token}").read_text()
     attacker = Browser(cgi, SELF)
     attacker.token = planted
-    answer = attacker.send("export.cgi", query="sExportMode=archive", method="GET")
-    assert (REFUSED in answer) != compat
+    assert (REFUSED in attacker.send("export.cgi", query="sExportMode=archive", method="GET")) != compat
 
 
-def test_secrets_only_encrypted_and_rules_owned_on_every_path(cgi, gateway, compat, qmcfg, root):
-    write_token(root, "abc123")
+def test_secrets_only_encrypted_and_rules_owned_on_every_path(cgi, gateway, compat, qmcfg):
     browser = Browser(cgi, SELF)
     key = "WLANInterface_1_Config_WPADefaultKey"
-
-    def send(**fields):
-        browser.send("generic.cgi", urlencode(dict(token="abc123", **fields)).encode())
-
-    def value(path):
-        return qmcfg("get", path).stdout.strip()
-    send(write=f"{key}:plain text!")  # not base64: no cipher text at all
-    assert value(key) != "plain text!"
-    send(writes="WLANInterface_1_Config:WPADefaultKey=other text!")
-    assert (value(key) == "other text!") == compat
+    browser.generic(write=f"{key}:plain text!")  # not base64: no cipher text at all
+    assert value(qmcfg, key) != "plain text!"
+    browser.generic(writes="WLANInterface_1_Config:WPADefaultKey=other text!")
+    assert (value(qmcfg, key) == "other text!") == compat
     # PortMapping_1 is the operator's (User=0).
-    send(writes="PortMapping_1:Name=mine")
-    assert (value("PortMapping_1_Name") == "mine") == compat
+    browser.generic(writes="PortMapping_1:Name=mine")
+    assert (value(qmcfg, "PortMapping_1_Name") == "mine") == compat
     qmcfg("set", "PortMapping_1", "Name", "changed")
-    send(reset="PortMapping_1:0")  # back to the factory values
-    assert (value("PortMapping_1_Name") == "changed") != compat
+    browser.generic(reset="PortMapping_1:0")  # back to the factory values
+    assert (value(qmcfg, "PortMapping_1_Name") == "changed") != compat
 
 
 def test_functions_that_lock_need_same_origin(cgi, gateway, compat, root):
-    write_token(root, "abc123")
-    attacker = Browser(cgi, EVIL)
-    answer = attacker.send("generic.cgi", method="GET", query="token=abc123&fct=factoryReset")
+    answer = Browser(cgi, EVIL).generic("GET", fct="factoryReset")
     assert (b'{"factoryReset" : "", "error" : "Cross-site call of symbol' in answer) != compat
     assert ("factory-reset " in events(root)) == compat
-    admin = Browser(cgi, SELF)
-    assert b"Cross-site" not in admin.send("generic.cgi", method="GET", query="token=abc123&fct=cgierror")
+    assert b"Cross-site" not in Browser(cgi, SELF).generic("GET", fct="cgierror")
 
 
 def change_password(browser, current, new):
@@ -230,19 +225,17 @@ def change_password(browser, current, new):
 def test_password_change_needs_that_users_session(cgi, gateway, compat, qmcfg):
     stranger = Browser(cgi, SELF)  # knows the factory password, never signed in
     stranger.send("login.cgi")
-    change_password(stranger, "admin", "taken-over")
-    assert (qmcfg("get", "User_1_Password").stdout.strip() == "taken-over") == compat
-    qmcfg("set", "User_1", "Password", "admin")
     ops = Browser(cgi, SELF)  # signed in, but as another user
     assert ops.login("ops", "ops-pw", "ops") == JSON_OK
-    change_password(ops, "admin", "taken-over")
-    assert (qmcfg("get", "User_1_Password").stdout.strip() == "taken-over") == compat
-    qmcfg("set", "User_1", "Password", "admin")
+    for browser in (stranger, ops):
+        change_password(browser, "admin", "taken-over")
+        assert (value(qmcfg, "User_1_Password") == "taken-over") == compat
+        qmcfg("set", "User_1", "Password", "admin")
     admin = signed_in_admin(cgi)
     change_password(admin, "wrong", "n3w")  # a wrong current password counts
-    assert iad(qmcfg, "NumberTry") == ("0" if compat else "1")
+    assert value(qmcfg, "Services_IADConfigurator_NumberTry") == ("0" if compat else "1")
     assert b"indexOK.htm" in change_password(admin, "admin", "N3w-pw")
-    assert qmcfg("get", "User_1_Password").stdout.strip() == "N3w-pw"
+    assert value(qmcfg, "User_1_Password") == "N3w-pw"
 
 
 def redirect_target(answer):
@@ -254,9 +247,7 @@ def redirect_target(answer):
 def test_redirects_stay_home(cgi, gateway, compat):
     browser = Browser(cgi, SELF)
     browser.send("login.cgi")
-    answer = browser.send("login.cgi", urlencode(dict(cust_auth="1", request="authentication", login="admin",
-                                                      password="admin", level="admin")).encode(),
-                          referer=EVIL + "/phish.htm")
+    answer = browser.send("login.cgi", urlencode(LOGIN).encode(), referer=EVIL + "/phish.htm")
     assert redirect_target(answer) == (EVIL + "/phish.htm" if compat else "/index.htm")
     assert redirect_target(browser.send("reboot.cgi", query="sSuccessPage=/basic/done.htm&iExpert=-2",
                                         method="GET")) == "/basic/done.htm"
@@ -264,47 +255,34 @@ def test_redirects_stay_home(cgi, gateway, compat):
     assert redirect_target(answer) == ("//evil.example/x" if compat else "/index.htm")
 
 
-def sessions_of(root, address):
-    return [p for p in (root / "var/quelm/session").iterdir() if f"REMOTE_ADDR={address}\n" in p.read_text()]
-
-
 def test_anonymous_sessions_cannot_lock_out_a_signed_in_visitor(cgi, gateway, compat, root):
     (root / "var/quelm/webiad.d/http_session_maxlimit").write_text("5\n")
-    flood = []
-    for _ in range(10):  # cookie-less requests from one client
-        flood.append(cgi(page="index.htm", extra={"HTTP_HOST": HOST, "REMOTE_ADDR": "192.168.1.66"}))
-    refused = [a for a in flood if a.raw.startswith(b"Status: 503")]
-    assert len(refused) == (5 if compat else 0)
-    assert len(sessions_of(root, "192.168.1.66")) == (5 if compat else 8)
-    admin = Browser(cgi, SELF)  # another client
+    # Cookie-less requests from one client, then one from another client.
+    flood = [cgi(page="index.htm", extra={"HTTP_HOST": HOST, "REMOTE_ADDR": "192.168.1.66"}) for _ in range(10)]
+    assert len([a for a in flood if a.raw.startswith(b"Status: 503")]) == (5 if compat else 0)
+    sessions = [p for p in (root / "var/quelm/session").iterdir() if "REMOTE_ADDR=192.168.1.66\n" in p.read_text()]
+    assert len(sessions) == (5 if compat else 8)
     if compat:
         answer = cgi(page="index.htm", extra={"HTTP_HOST": HOST, "REMOTE_ADDR": "192.168.1.10"})
         assert answer.raw.startswith(b"Status: 503")
     else:
-        assert admin.login() == JSON_OK
+        assert Browser(cgi, SELF).login() == JSON_OK
 
 
 def test_writing_a_missing_instance_needs_a_create_right(cgi, gateway, compat, qmcfg, root):
     browser = Browser(cgi, SELF)
-
-    def write(token, path):
-        browser.send("generic.cgi", urlencode(dict(token=token, write=f"{path}:x")).encode())
-        return qmcfg("get", path, check=False).stdout.strip() == "x"
     write_token(root, "abc123", rights="PortMapping")
-    assert write("abc123", "PortMapping_12_Name") == compat
+    assert wrote(browser, qmcfg, "PortMapping_12_Name") == compat
     qmcfg("create", "PortMapping_5")
-    assert write("abc123", "PortMapping_5_Name")  # an existing instance
+    assert wrote(browser, qmcfg, "PortMapping_5_Name")  # an existing instance
     write_token(root, "def456", rights="PortMapping", more="PortMapping,10,\n")
-    assert write("def456", "PortMapping_12_Name")
-    assert write("def456", "PortMapping_9_Name") == compat  # below the first instance granted
+    assert wrote(browser, qmcfg, "PortMapping_12_Name", token="def456")
+    # Below the first instance granted.
+    assert wrote(browser, qmcfg, "PortMapping_9_Name", token="def456") == compat
 
 
 def test_maintenance_functions_need_an_admin(cgi, gateway, compat, root):
-    write_token(root, "abc123")
     visitor = Browser(cgi, SELF)  # a token, the same origin, but no admin session
-    answer = visitor.send("generic.cgi", urlencode(dict(token="abc123", fct="reboot")).encode())
-    assert (b"needs an administrator" in answer) != compat
-    admin = signed_in_admin(cgi)
-    assert b"needs an administrator" not in admin.send("generic.cgi", urlencode(dict(token="abc123",
-                                                                                     fct="reboot")).encode())
+    assert (b"needs an administrator" in visitor.generic(fct="reboot")) != compat
+    assert b"needs an administrator" not in signed_in_admin(cgi).generic(fct="reboot")
     assert events(root).count("reboot 0") == (2 if compat else 1)

@@ -65,12 +65,18 @@ def test_content_type_from_table(site, page, header):
     assert site(page, "x") == header + "x"
 
 
+def error_page(status, title, text):
+    return f"Status: {status}\r\n{HTML}" + PAGE_HEAD.format(title) + text + "</BODY></HTML>\n"
+
+
 def test_missing_page_exact_bytes(site):
-    raw = site("missing.htm")
-    path = f"{site.docroot}/missing.htm"
-    assert raw == ("Status: 404 Not Found\r\nContent-type: text/html\r\n\r\n" + PAGE_HEAD.format("404 Not Found") +
-                   f"The requested server-side-includes filename, {path},\n"
-                   "does not seem to exist.\n</BODY></HTML>\n")
+    assert site("missing.htm") == error_page("404 Not Found", "404 Not Found", "The requested server-side-includes "
+                                             f"filename, {site.docroot}/missing.htm,\ndoes not seem to exist.\n")
+    # A missing variable; without SCRIPT_FILENAME the request loop itself
+    # answers nothing (test_dispatch.py).
+    assert site(text="x", unset=["SCRIPT_NAME"]) == error_page(
+        "500 Internal Server Error", "500 Internal Error", "Something unusual went wrong during a server-side-includes "
+        "request:\n<BLOCKQUOTE>\nCouldn't get SCRIPT_NAME environment variable.\n</BLOCKQUOTE>\n")
 
 
 def test_error_blocks_escape_names(site):
@@ -86,16 +92,6 @@ def test_error_blocks_escape_names(site):
     # A page matching the CGI pattern is refused as it is named.
     raw = site("run.cgi.htm", "secret", extra={"CGI_PATTERN": "**.cgi.htm|/nothing"})
     assert raw == FORBIDDEN + NOT_PERMITTED.format("initial", "SCRIPT_FILENAME", f"{site.docroot}/run.cgi.htm")
-
-
-def test_missing_variable_exact_bytes(site):
-    # Without SCRIPT_FILENAME the request loop itself answers nothing (test_dispatch.py).
-    raw = site(text="x", unset=["SCRIPT_NAME"])
-    expected = (PAGE_HEAD.format("500 Internal Error") +
-                "Something unusual went wrong during a server-side-includes request:\n"
-                "<BLOCKQUOTE>\nCouldn't get SCRIPT_NAME environment variable.\n</BLOCKQUOTE>\n"
-                "</BODY></HTML>\n")
-    assert raw == "Status: 500 Internal Server Error\r\nContent-type: text/html\r\n\r\n" + expected
 
 
 # ---- Directives -------------------------------------------------------------------
@@ -244,19 +240,12 @@ SECTION_OPEN = {"none": "", "isAuth": "<!--#isAuth level={level} -->", "isNotAut
 # What is left of "T<echo E><include I><fsize 1>end" inside a section, for a
 # check that holds and one that fails: unauthorised visitors keep directives
 # in a fired check.
-GATING = {
-    ("none", False): ("TEI1end", "E1end"),
-    ("none", True): ("TEI1end", "end"),
-    ("isAuth", True): ("TEI1end", "end"),
-    ("isAuth", False): ("end", "end"),
-    ("isNotAuth", False): ("TEI1end", "E1end"),
-    ("isNotAuth", True): ("end", "end"),
-}
-
-
 @pytest.mark.parametrize("check", [True, False])
-@pytest.mark.parametrize("section, authorised", list(GATING))
-def test_gating_truth_table(site, gateway, section, authorised, check):
+@pytest.mark.parametrize("section, authorised, held, failed", [
+    ("none", False, "TEI1end", "E1end"), ("none", True, "TEI1end", "end"), ("isAuth", True, "TEI1end", "end"),
+    ("isAuth", False, "end", "end"), ("isNotAuth", False, "TEI1end", "E1end"), ("isNotAuth", True, "end", "end"),
+])
+def test_gating_truth_table(site, gateway, section, authorised, held, failed, check):
     level = "no_realm" if authorised else "admin"
     page = (f"<!--#isAuth level={level} --><!--#endAuth -->"
             + SECTION_OPEN[section].format(level=level)
@@ -265,7 +254,7 @@ def test_gating_truth_table(site, gateway, section, authorised, check):
             + "<!--#endCheck x --><!--#endAuth -->end")
     raw = site(text=page, files={"inc.htm": "I"}, extra={"MARK": "E"})
     # An included file's text passes the text gate, like the page's own.
-    assert body(raw) == GATING[section, authorised][0 if check else 1]
+    assert body(raw) == (held if check else failed)
 
 
 @pytest.fixture
@@ -286,20 +275,15 @@ def served(bin_dir, env, tmp_path):
 
 
 def test_sections_end_with_their_page(gateway, served):
-    """A page left inside a hidden section does not hide the next page
-    served by the same responder."""
+    """A page left inside a hidden section does not hide the next page served
+    by the same responder; each page gets its own file's time in its own
+    format, and a page without a format of its own the defaults."""
     (served.docroot / "a.htm").write_text('A<!--#check Device_Hostname="no-such-name" -->x')
     (served.docroot / "b.htm").write_text("<!--#isAuth level=admin -->hidden")
     (served.docroot / "c.htm").write_text("VISIBLE")
     visitor = {"QUELM_REALM": "web", "REMOTE_ADDR": "127.0.0.1", "HTTP_HOST": "127.0.0.1", "HTTP_USER_AGENT": "test"}
     answers = [served(page, **visitor) for page in ["a.htm", "c.htm", "b.htm", "c.htm"]]
     assert answers == ["A", "VISIBLE", "", "VISIBLE"]
-
-
-def test_dates_follow_each_pages_format(served):
-    """Pages served one after the other by the same responder get their own
-    file's time in their own format, and a page without a format of its own
-    gets the defaults, not the previous page's."""
     pages = [("y.htm", "%Y", 1000000000), ("d.htm", "%d", 1000000000), ("later.htm", "%Y", 1500000000),
              ("y2.htm", "%Y", 1000000000)]
     for name, fmt, when in pages:
@@ -371,10 +355,7 @@ def visitor(site, gateway, root):
     state = {}
 
     def visit(text, session_lines=None):
-        extra = {}
-        if "token" in state:
-            extra["HTTP_COOKIE"] = f"QM_web_ID={state['token']}"
-        raw = site(text=text, extra=extra)
+        raw = site(text=text, extra={"HTTP_COOKIE": f"QM_web_ID={state['token']}"} if state else {})
         match = COOKIE.search(raw)
         assert match, raw[:200]
         state["token"] = match.group(1)

@@ -1,24 +1,16 @@
 // The shared helpers every layer builds on: the child runner, split, hex
 // and the guard of the C edge.
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
-#include <functional>
 #include <new>
 #include <stdexcept>
-#include <string>
 #include <vector>
-#include <unistd.h>
 
 #include "quelm_chars.h"
 #include "quelm_child.h"
 #include "quelm_guard.h"
 #include "quelm_kept_file.h"
 #include "quelm_log.h"
-#include "quelm_owned.h"
 #include "quelm_root.h"
 #include "quelm_text.h"
 #include "test_support.h"
@@ -227,8 +219,7 @@ TEST(Hex, RoundTripsAndRefusesMalformedText) {
     std::string back;
     EXPECT_TRUE(quelm::hex_decode("007F80fF", back));
     EXPECT_EQ(back, bytes);
-    EXPECT_FALSE(quelm::hex_decode("abc", back));
-    EXPECT_FALSE(quelm::hex_decode("0g", back));
+    EXPECT_FALSE(quelm::hex_decode("abc", back) || quelm::hex_decode("0g", back));  // odd length, not a digit
 }
 
 // What `write` logs to a log file of its own.

@@ -54,20 +54,17 @@ TEST(UtilValidate, IpwordAndIpstrRoundTrip) {
 
 TEST(UtilValidate, MaskAndHost) {
     struct Mask { uint32_t mask; int bits; } masks[] = {{ip(255, 255, 255, 0), 24}, {ip(255, 0, 255, 0), 0}, {0, 0},
-                 {0xFFFFFFFFu, 32},          {0x80000000u, 1},        {0xFFFFFFFEu, 31},
-                 {0x7FFFFFFFu, 0},           {1, 0}};
+        {0xFFFFFFFFu, 32}, {0x80000000u, 1}, {0xFFFFFFFEu, 31}, {0x7FFFFFFFu, 0}, {1, 0}};
     for (const Mask &m : masks) EXPECT_EQ(ipmask(m.mask), m.bits) << std::hex << m.mask;
 
     struct Host { const char *desc; uint32_t address, mask; int valid; } hosts[] = {
         {"broadcast", ip(192, 168, 1, 255), ip(255, 255, 255, 0), 0},
-        {"network", ip(192, 168, 1, 0), ip(255, 255, 255, 0), 0},
-        {"multicast", ip(224, 0, 0, 1), ip(255, 0, 0, 0), 0},
+        {"network", ip(192, 168, 1, 0), ip(255, 255, 255, 0), 0},  {"multicast", ip(224, 0, 0, 1), ip(255, 0, 0, 0), 0},
         {"plain host", ip(10, 0, 0, 1), ip(255, 0, 0, 0), 1},
         {"x.x.x.255 inside /8", ip(10, 0, 0, 255), ip(255, 0, 0, 0), 1},
         {"last unicast network", ip(223, 255, 255, 1), ip(255, 255, 255, 0), 1},
         {"zero network part", ip(0, 0, 0, 5), ip(255, 255, 255, 0), 0},
-        {"/32 has no host part", ip(192, 168, 1, 1), 0xFFFFFFFFu, 0},
-        {"no mask", ip(192, 168, 1, 1), 0, 0},
+        {"/32 has no host part", ip(192, 168, 1, 1), 0xFFFFFFFFu, 0}, {"no mask", ip(192, 168, 1, 1), 0, 0},
     };
     for (const Host &h : hosts) EXPECT_EQ(iphost(h.address, h.mask), h.valid) << h.desc;
 }
@@ -122,8 +119,7 @@ TEST(UtilExtract, FieldsAtBufferBoundaries) {
         {"mac stops at g", text_extract_mac, "aa:BB:0f:g", 32, "aa:BB:0f:", 9},
         {"string at tab", text_extract_string, "abc\tdef", 32, "abc", 3},
         {"string keeps newline", text_extract_string, "ab\n c", 32, "ab\n", 3},
-        {"until mark", until_eq, "key=val", 32, "key", 3},
-        {"until blank", until_eq, "key val", 2, "k", 3},
+        {"until mark", until_eq, "key=val", 32, "key", 3}, {"until blank", until_eq, "key val", 2, "k", 3},
         {"date collapses blanks", three_words, "Jan  5 12:00\tf", 32, "Jan 5 12:00", 12},
         {"date word limit", two_words, "Jan  5 12:00", 32, "Jan 5", 6},
         {"date ends at tab", three_words, "  Jan 5  \tx", 32, "Jan 5", 7},
@@ -199,24 +195,8 @@ TEST(UtilList, NextIndexStartsAt1001) {
     for (const Case &c : cases) EXPECT_EQ(quelm::util::next_list_index(c.indices), c.next) << c.indices;
 }
 
-class UtilVarFile : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "util_varXXXXXX").string();
-        ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-    std::string write(const std::string &content) {
-        std::string path = (dir_ / "var").string();
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-        return path;
-    }
-    std::filesystem::path dir_;
-};
-
 // key null: get_filevar (the first line), else get_logvar (the value of "key=").
-TEST_F(UtilVarFile, FirstLineAndKeyedValues) {
+TEST(UtilVarFile, FirstLineAndKeyedValues) {
     struct Case {
         const char *desc; std::string content; const char *key; size_t size; std::string out; int code;
     } cases[] = {
@@ -237,17 +217,21 @@ TEST_F(UtilVarFile, FirstLineAndKeyedValues) {
         {"cut to size", "ip=abcdef\n", "ip", 4, "abc", QM_VAR_OK},
         {"empty value at end", "ip=", "ip", 32, "", QM_VAR_OK},
     };
+    char dir[] = "/tmp/util_var.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/var", absent = std::string(dir) + "/absent";
     for (const Case &c : cases) {
         std::vector<char> out(c.size, 'X');
-        const std::string path = write(c.content);
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << c.content;
         EXPECT_EQ(c.key ? get_logvar(path.c_str(), c.key, out.data(), c.size)
                         : get_filevar(path.c_str(), out.data(), c.size), c.code) << c.desc;
         EXPECT_EQ(out.data(), c.out) << c.desc;
     }
     char out[4] = "zz";
-    EXPECT_EQ(get_logvar((dir_ / "absent").c_str(), "ip", out, sizeof out), QM_VAR_MISSING);
-    EXPECT_EQ(get_filevar((dir_ / "absent").c_str(), out, sizeof out), QM_VAR_MISSING);
+    EXPECT_EQ(get_logvar(absent.c_str(), "ip", out, sizeof out), QM_VAR_MISSING);
+    EXPECT_EQ(get_filevar(absent.c_str(), out, sizeof out), QM_VAR_MISSING);
     EXPECT_STREQ(out, "");
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
