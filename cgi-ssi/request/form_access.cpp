@@ -1,5 +1,4 @@
 // Form accessors: lookup of fields by name and the typed readers built on it.
-#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -403,8 +402,8 @@ extern "C" cgiFormResultType cgiFormEntries(char ***ptrToStringArray) {
 extern "C" int cgiStrEqNc(const char *a, const char *b) {
     if (a == nullptr || b == nullptr) return a == b ? 1 : 0;
     for (;; ++a, ++b) {
-        int ca = std::tolower(static_cast<unsigned char>(*a));
-        int cb = std::tolower(static_cast<unsigned char>(*b));
+        const char ca = quelm::ascii_lower(*a);
+        const char cb = quelm::ascii_lower(*b);
         if (ca != cb) return 0;
         if (ca == '\0') return 1;
     }
@@ -413,9 +412,7 @@ extern "C" int cgiStrEqNc(const char *a, const char *b) {
 extern "C" int cgiStrBeginsNc(const char *s, const char *prefix) {
     if (s == nullptr || prefix == nullptr) return 0;
     for (; *prefix != '\0'; ++s, ++prefix) {
-        if (std::tolower(static_cast<unsigned char>(*s)) != std::tolower(static_cast<unsigned char>(*prefix))) {
-            return 0;
-        }
+        if (quelm::ascii_lower(*s) != quelm::ascii_lower(*prefix)) return 0;
     }
     return 1;
 }

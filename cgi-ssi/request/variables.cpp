@@ -27,23 +27,31 @@ static_assert(std::size(kNames) == kVariables);
 static_assert(kVariables <= 64);
 constexpr std::size_t kLongestName = 32;
 
-// An open-addressing table of the names, filled at compile time: an
-// environment entry is compared only with the names its hash leads to
-// (one or two).
+// A table of the names by a hash that sends each of them to a slot of its
+// own, checked at compile time: an environment entry is compared with the
+// one name in its slot, if any.
 constexpr std::size_t kSlots = 128;
-constexpr std::size_t slot_of(const char *name, std::size_t length) {
+constexpr std::size_t slot_of(const char *name, std::size_t length) {  // length >= 2
     const auto byte = [&](std::size_t at) { return static_cast<std::size_t>(static_cast<unsigned char>(name[at])); };
-    return (length * 7 + byte(0) * 3 + byte(length / 2) * 5 + byte(length - 1)) % kSlots;
+    return (length + byte(0) + byte(length / 2) * 31 + byte(length - 2) * 11) % kSlots;
 }
 constexpr auto kSlotNames = [] {
     std::array<std::uint8_t, kSlots> slots{};  // index of the name + 1; 0: empty
     for (std::size_t i = 0; i < kVariables; ++i) {
-        std::size_t at = slot_of(kNames[i].data(), kNames[i].size());
-        while (slots[at] != 0) at = (at + 1) % kSlots;
+        const std::size_t at = slot_of(kNames[i].data(), kNames[i].size());
+        if (slots[at] != 0) throw "two names share a slot: change the hash";
         slots[at] = static_cast<std::uint8_t>(i + 1);
     }
     return slots;
 }();
+constexpr std::size_t kShortestName = 2;
+
+// The name in an entry's slot, or kVariables when none has that slot.
+std::size_t name_at(const char *name, std::size_t length) {
+    if (length < kShortestName || length > kLongestName) return kVariables;
+    const std::size_t i = kSlotNames[slot_of(name, length)];
+    return i == 0 ? kVariables : i - 1U;
+}
 
 // Whether the first `length` bytes of a and b are equal, read eight at a
 // time: both hold at least that many.
@@ -109,19 +117,17 @@ struct Taken {
         for (char **entry = array; *entry != nullptr; ++entry, ++length) {
             const char *text = *entry;
             const char *equals = std::strchr(text, '=');
-            if (equals == nullptr || equals == text || static_cast<std::size_t>(equals - text) > kLongestName) continue;
+            if (equals == nullptr) continue;
             const auto name_length = static_cast<std::size_t>(equals - text);
-            for (std::size_t at = slot_of(text, name_length); kSlotNames[at] != 0; at = (at + 1) % kSlots) {
-                const std::size_t i = kSlotNames[at] - 1U;
-                if (kNames[i].size() != name_length || !same_name(kNames[i].data(), text, name_length)) continue;
-                // getenv answers the first entry of a name.
-                if ((found & (std::uint64_t{1} << i)) == 0) {
-                    found |= std::uint64_t{1} << i;
-                    values[i] = text + name_length + 1;
-                    entry_of[i] = text;
-                    index_of[i] = static_cast<std::uint32_t>(length);
-                }
-                break;
+            const std::size_t i = name_at(text, name_length);
+            if (i == kVariables || kNames[i].size() != name_length || !same_name(kNames[i].data(), text, name_length))
+                continue;
+            // getenv answers the first entry of a name.
+            if ((found & (std::uint64_t{1} << i)) == 0) {
+                found |= std::uint64_t{1} << i;
+                values[i] = text + name_length + 1;
+                entry_of[i] = text;
+                index_of[i] = static_cast<std::uint32_t>(length);
             }
         }
         first = array[0];
@@ -156,13 +162,9 @@ using namespace cgissi::request;
 extern "C" const char *cgiRequestVariable(const char *name) {
     if (name == nullptr) return nullptr;
     const std::size_t length = std::strlen(name);
-    if (length > 0 && length <= kLongestName) {
-        for (std::size_t at = slot_of(name, length); kSlotNames[at] != 0; at = (at + 1) % kSlots) {
-            const std::size_t i = kSlotNames[at] - 1U;
-            if (kNames[i].size() == length && same_name(kNames[i].data(), name, length)) {
-                return variable(static_cast<Variable>(i));
-            }
-        }
+    const std::size_t i = name_at(name, length);
+    if (i != kVariables && kNames[i].size() == length && same_name(kNames[i].data(), name, length)) {
+        return variable(static_cast<Variable>(i));
     }
     return std::getenv(name);
 }

@@ -10,6 +10,8 @@ namespace quelm {
 constexpr bool is_digit(char c) { return c >= '0' && c <= '9'; }
 constexpr bool is_ascii_alpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 constexpr bool is_ascii_alnum(char c) { return is_digit(c) || is_ascii_alpha(c); }
+// 'A'-'Z' as 'a'-'z'; every other byte as it is (tolower in the "C" locale).
+constexpr char ascii_lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
 // ' ' and '\t'.
 constexpr bool is_space_or_tab(char c) { return c == ' ' || c == '\t'; }
