@@ -37,7 +37,7 @@
 #
 # Knobs (environment): BENCH_SIZES ("100 1000"), BENCH_DURATION seconds
 # per wrk run (1), BENCH_PAIRS rounds per read (7), BENCH_TARGET_PAIRS
-# rounds for the largest N's "one" and "none" (15), BENCH_SESSION_ROUNDS
+# rounds for the largest N's "one" and "none" (25), BENCH_SESSION_ROUNDS
 # rounds of none, 1,000 and 10,000 live sessions (BENCH_TARGET_PAIRS),
 # BENCH_THREADS (1), BENCH_CONNECTIONS (4), BENCH_PORT, BENCH_CALLGRIND=0 /
 # BENCH_WRK=0 skip a part.
@@ -55,7 +55,7 @@ duration=${BENCH_DURATION:-1}
 threads=${BENCH_THREADS:-1}
 connections=${BENCH_CONNECTIONS:-4}
 pairs=${BENCH_PAIRS:-7}
-target_pairs=${BENCH_TARGET_PAIRS:-15}
+target_pairs=${BENCH_TARGET_PAIRS:-25}
 session_rounds=${BENCH_SESSION_ROUNDS:-$target_pairs}
 do_callgrind=${BENCH_CALLGRIND:-1}
 do_wrk=${BENCH_WRK:-1}
