@@ -45,9 +45,11 @@ def answer(name, value, failed=False):
 
 def eventually(check, seconds=5):
     deadline = time.monotonic() + seconds
-    while not check() and time.monotonic() < deadline:
+    while not check():
+        if time.monotonic() >= deadline:
+            return False
         time.sleep(0.05)
-    return check()
+    return True
 
 
 @pytest.fixture

@@ -41,11 +41,14 @@ def responder_pid(server, socket_name="cgi.sock"):
 
 
 def wait_for(condition, seconds=RESTART_SECONDS):
-    """Whether condition() holds within seconds."""
+    """Whether condition() holds within seconds (asked once per look: a
+    condition that held is not asked again, when it may have changed)."""
     deadline = time.monotonic() + seconds
-    while not condition() and time.monotonic() < deadline:
+    while not condition():
+        if time.monotonic() >= deadline:
+            return False
         time.sleep(0.05)
-    return condition()
+    return True
 
 
 def served_again(server):
@@ -207,7 +210,7 @@ def test_client_gone_mid_upload_and_mid_download(lighttpd, root):
     conn.close()
     # lighttpd may make its temporary after the close was sent: nothing may
     # be left once the folder has been empty and half a second has passed.
-    assert wait_for(lambda: not leftovers(root / "var/tmp"), 10)
+    assert wait_for(lambda: not leftovers(root / "var/tmp"), 10), leftovers(root / "var/tmp")
     time.sleep(0.5)
     assert wait_for(lambda: not leftovers(root / "var/tmp"), 10), leftovers(root / "var/tmp")
 
