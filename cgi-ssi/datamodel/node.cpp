@@ -573,7 +573,7 @@ bool wanted_record(std::string_view relative, std::string_view wanted) {
 // itself, one has more than one component, two have the same name, or
 // there are too many to check: the builder then has to decide.
 bool flat_records(std::string_view base, std::string_view wanted, RecordSpan recs,
-                  std::array<TreeMember, kMaxFlatRecords> &flat, std::size_t &count) {
+                  UninitializedSlots<TreeMember, kMaxFlatRecords> &flat, std::size_t &count) {
     count = 0;
     if (recs.size() > kMaxFlatRecords) return false;
     std::uint64_t seen_shapes = 0;  // name_shape of the names kept
@@ -584,37 +584,42 @@ bool flat_records(std::string_view base, std::string_view wanted, RecordSpan rec
         }
         const std::string_view relative = r.name.substr(base.size() + 1);
         if (!wanted_record(relative, wanted)) continue;
-        if (!joins_members(relative, seen_shapes, count, [&](std::size_t i) { return flat[i].name; })) return false;
-        flat[count++] = {relative, r.value, r.type};
+        if (!joins_members(relative, seen_shapes, count, [&](std::size_t i) { return flat.data()[i].name; }))
+            return false;
+        flat.put(count++, {relative, r.value, r.type});
     }
     return true;
 }
 
 TreeNode *object_tree(ResultTree &tree, const char *name, const char *suffix, const RecordSpan *records) {
     TreeNode *root = tree.node_of("");
-    std::array<RecordView, kMaxFlatRecords> few;  // an instance's records, viewed from the stack
+    UninitializedSlots<RecordView, kMaxFlatRecords> few;  // an instance's records, viewed from the stack
     std::vector<RecordView> many;
     RecordSpan recs;
     std::span<const QM_DAT_view> views;
     if (records != nullptr) {
         recs = *records;
     } else if (held_records(tree, name, views)) {
-        if (views.size() > few.size()) many.resize(views.size());
-        RecordView *out = views.size() <= few.size() ? few.data() : many.data();
-        std::transform(views.begin(), views.end(), out, record_view);
-        recs = RecordSpan(out, views.size());
+        if (views.size() <= few.size()) {
+            for (std::size_t i = 0; i < views.size(); ++i) few.put(i, record_view(views[i]));
+            recs = RecordSpan(few.data(), views.size());
+        } else {
+            many.resize(views.size());
+            std::transform(views.begin(), views.end(), many.begin(), record_view);
+            recs = RecordSpan(many);
+        }
     } else {
         return single_value(tree, root, name);
     }
 
     const std::string_view base(name);
     const std::string_view wanted = suffix != nullptr ? suffix : "";
-    std::array<TreeMember, kMaxFlatRecords> flat;
+    UninitializedSlots<TreeMember, kMaxFlatRecords> flat;
     std::size_t count = 0;
     if (flat_records(base, wanted, recs, flat, count)) {
         if (count != 0) {
             TreeMember *members = tree.members(count);
-            std::copy_n(flat.begin(), count, members);
+            std::copy_n(flat.data(), count, members);
             root->members = members;
             root->member_count = static_cast<std::uint32_t>(count);
         }

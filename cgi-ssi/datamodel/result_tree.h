@@ -10,14 +10,32 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "qm_config.h"
 #include "quelm_owned.h"
 
 namespace cgissi::datamodel {
+
+// Room for N values of T, left uninitialized: a slot is written with put()
+// before it is read. For the small arrays a read needs on every request,
+// which would otherwise be zeroed first in full.
+template <class T, std::size_t N>
+class UninitializedSlots {
+    static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
+
+public:
+    static constexpr std::size_t size() { return N; }
+    T *data() { return std::launder(reinterpret_cast<T *>(bytes_)); }
+    T *put(std::size_t at, const T &value) { return std::construct_at(reinterpret_cast<T *>(bytes_) + at, value); }
+
+private:
+    alignas(T) std::byte bytes_[N * sizeof(T)];
+};
 
 // A property as a read gives it: views of texts that live as long as the
 // tree (records the tree holds, or texts of its own).
@@ -65,9 +83,10 @@ public:
             node_block_ = node_blocks_.back().get();
             nodes_used_ = 0;
         }
-        TreeNode *n = &node_block_[nodes_used_++];
-        n->text = text;
-        return n;
+        TreeNode node;
+        node.text = text;
+        if (node_block_ == nullptr) return first_nodes_.put(nodes_used_++, node);
+        return std::construct_at(node_block_ + nodes_used_++, node);
     }
 
     // A copy of text that lives as long as the tree.
@@ -126,9 +145,9 @@ private:
     static constexpr std::size_t kFirstMemberBlock = 16;  // 640 bytes
     static constexpr std::size_t kMaxMemberBlock = 1024;
 
-    TreeNode first_nodes_[kFirstNodeBlock];
+    UninitializedSlots<TreeNode, kFirstNodeBlock> first_nodes_;
     std::vector<std::unique_ptr<TreeNode[]>> node_blocks_;
-    TreeNode *node_block_ = first_nodes_;
+    TreeNode *node_block_ = nullptr;  // null: first_nodes_
     std::size_t node_block_size_ = kFirstNodeBlock;
     std::size_t nodes_used_ = 0;
     std::vector<std::unique_ptr<char[]>> text_blocks_;
