@@ -63,6 +63,17 @@ def plugin_symbols(source, bin_dir, tmp_path, *cflags):
         set(symbols("--dynamic", "--defined-only", bin_dir / "cgi-ssi")[2::3])
 
 
+def wait_for(condition, seconds=5):
+    """Whether condition() holds within seconds (asked once per look: a
+    condition that held is not asked again, when it may have changed)."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() >= deadline:
+            return False
+        time.sleep(0.05)
+    return True
+
+
 def wait_for_port(port, proc, output, seconds=20):
     """Until something listens on 127.0.0.1:port; fails with output() when
     proc ends first or the time runs out."""

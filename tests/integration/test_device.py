@@ -10,7 +10,7 @@ import time
 from urllib.parse import urlencode
 
 import pytest
-from conftest import events, write_token
+from conftest import events, wait_for, write_token
 from fcgi import Responder
 
 # The legacy access policy (no Origin, maintenance without an admin session); test_policy.py has the default.
@@ -41,15 +41,6 @@ def device(cgi, root):
 
 def answer(name, value, failed=False):
     return "{" + f'"{name}" : {value}' + (ERROR.format(name) if failed else "") + "}\n"
-
-
-def eventually(check, seconds=5):
-    deadline = time.monotonic() + seconds
-    while not check():
-        if time.monotonic() >= deadline:
-            return False
-        time.sleep(0.05)
-    return True
 
 
 @pytest.fixture
@@ -111,7 +102,7 @@ def test_reboot_reset_and_disconnect_act_after_the_answer(device, root):
     assert device("reboot", "factoryReset") == '{"reboot" : "", "factoryReset" : ""}\n'
     assert events(root)[-2:] == ["reboot 0", "factory-reset "]
     device.expect("clear_logs", '"SUCCESS"')
-    assert eventually(lambda: "syslog restart" in events(root))
+    assert wait_for(lambda: "syslog restart" in events(root))
     device.expect("remove_dhclient_leases:eth0", "")  # one interface's leases
     assert (root / "var/etc/config/dhclient.leases").read_text() == (
         'lease {\n  interface "eth1.100";\n  fixed-address 198.51.100.42;\n'
@@ -171,7 +162,7 @@ def test_diagnostics_start_show_finish_and_stop(device, root):
     device.expect(f"diag_traceroute:STOP|{pid}", '"SUCCESS"')
     assert os.path.exists(f"/proc/{pid}")  # another handler's test is not stopped
     device.expect(f"diag_ping:STOP|{pid}", '"SUCCESS"')
-    assert eventually(lambda: not os.path.exists(f"/proc/{pid}"))  # ended and reaped
+    assert wait_for(lambda: not os.path.exists(f"/proc/{pid}"))  # ended and reaped
     device.expect(f"diag_ping:SHOW|{pid}", '"FINISHED"')
 
     # Orders: none, unknown, lower case; traceroute's bad order answers 0.

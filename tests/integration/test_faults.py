@@ -13,7 +13,7 @@ import urllib.parse
 from pathlib import Path
 
 import pytest
-from conftest import write_token
+from conftest import wait_for, write_token
 from test_load import configuration
 from test_maintenance import CONTENT_TYPE, multipart
 
@@ -40,20 +40,9 @@ def responder_pid(server, socket_name="cgi.sock"):
         time.sleep(0.05)
 
 
-def wait_for(condition, seconds=RESTART_SECONDS):
-    """Whether condition() holds within seconds (asked once per look: a
-    condition that held is not asked again, when it may have changed)."""
-    deadline = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() >= deadline:
-            return False
-        time.sleep(0.05)
-    return True
-
-
 def served_again(server):
     """Waits until generic.cgi answers again (lighttpd restarts a dead responder)."""
-    assert wait_for(lambda: server.get("/generic.cgi?token=fault1&read=Device_Hostname")[0] == 200), \
+    assert wait_for(lambda: server.get("/generic.cgi?token=fault1&read=Device_Hostname")[0] == 200, RESTART_SECONDS), \
         "the responder was not restarted: " + server.error_log()[-2000:]
 
 
@@ -116,7 +105,7 @@ def test_killed_between_write_and_commit(lighttpd, root, napping):
               ("write", "Device_Hostname:K1")]
     request = threading.Thread(target=post_generic, args=(lighttpd, fields))
     request.start()
-    assert wait_for(napping.exists), "the request never reached its nap"
+    assert wait_for(napping.exists, RESTART_SECONDS), "the request never reached its nap"
     os.kill(responder_pid(lighttpd), signal.SIGKILL)
     request.join(RESTART_SECONDS)
     saved, running = configuration(root)
@@ -127,7 +116,7 @@ def test_killed_between_write_and_commit(lighttpd, root, napping):
     status, _, body = post_generic(lighttpd, [("write", "Device_Hostname:after")])
     assert (status, body.strip()) == (200, b"{}"), "the lock of the killed responder was not released"
     # generic.cgi commits after its answer has gone out: wait for it.
-    assert wait_for(lambda: configuration(root)[0][2] == "after")
+    assert wait_for(lambda: configuration(root)[0][2] == "after", RESTART_SECONDS)
 
 
 def test_killed_during_commit(lighttpd, root):
