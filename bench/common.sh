@@ -83,7 +83,6 @@ bench_make_root() {
   "$bin/qmcfg" init >/dev/null
 }
 
-# The pid of the back end that lighttpd started with the given argv[0].
 # lighttpd configuration lines serving EXTENSION with the reference
 # responder PROGRAM (one process, socket in $run).
 reference_backend_conf() { # extension program
@@ -114,14 +113,38 @@ wait_backends() { # argv0_a argv0_b
   return 1
 }
 
+# The pid of a back end that lighttpd started with the given argv[0].
 backend_pid() { # argv0
+  backend_pids "$1" | head -n 1 | grep .
+}
+
+# Every back end lighttpd started with the given argv[0] (back ends of
+# several paths may run one program), one pid per line.
+backend_pids() { # argv0
   local want=$1 p argv0
   for p in /proc/[0-9]*; do
     [ "$(awk '{print $4}' "$p/stat" 2>/dev/null)" = "$lighttpd_pid" ] || continue
     argv0=$(tr '\0' '\n' < "$p/cmdline" 2>/dev/null | head -n 1) || continue
-    if [ "$argv0" = "$want" ]; then echo "${p#/proc/}"; return 0; fi
+    if [ "$argv0" = "$want" ]; then echo "${p#/proc/}"; fi
   done
-  return 1
+}
+
+# The CPU time the processes have run so far, in ns (the first field of
+# /proc/PID/schedstat), or "-" when there is none or one of them is gone.
+bench_cpu_ns() { # pid...
+  local p used rest total=0
+  [ $# -gt 0 ] || { echo -; return 0; }
+  for p in "$@"; do
+    read -r used rest 2>/dev/null < "/proc/$p/schedstat" || { echo -; return 0; }
+    total=$((total + used))
+  done
+  echo "$total"
+}
+
+# The whole machine's busy time so far, in ns: user, nice, system, irq and
+# softirq time of every CPU (/proc/stat, in clock ticks of 10 ms).
+bench_busy_ns() {
+  awk -v hz="$(getconf CLK_TCK)" '$1 == "cpu" { printf "%.0f\n", ($2 + $3 + $4 + $7 + $8) * 1e9 / hz; exit }' /proc/stat
 }
 
 # Makes the folder hold exactly total live session files of other clients

@@ -80,3 +80,9 @@ printf ' (libfcgi copy: page %s req/s, none %s req/s)\n' "$(value ssi.summary li
   "$(value datamodel.summary "libfcgi_${n}_none")"
 echo "RssAnon of the page responder: idle $(value ssi.summary rss_anon_idle) kB, before the mixed run $before kB, after $after kB"
 echo "warm instructions per page request: $(value ssi.summary ir_page_warm)"
+# Where a small request's time goes: CPU per answered request of the back
+# end, lighttpd and the whole machine, the product's against the copy's
+# (median of the rounds, in microseconds).
+printf 'CPU us per request, back end/lighttpd/machine: one property: product %s, copy %s; nothing to do: product %s, copy %s\n' \
+  "$(value datamodel.summary "cpu_${n}_one_product")" "$(value datamodel.summary "cpu_${n}_one_copy")" \
+  "$(value datamodel.summary "cpu_${n}_none_product")" "$(value datamodel.summary "cpu_${n}_none_copy")"

@@ -24,6 +24,12 @@
 # answers that were not 2xx) gives no ratio. Every round's rates go to
 # BUILD_DIR/bench/datamodel-run/rounds.txt.
 #
+# Each wrk run also takes the CPU time that the target's back end, lighttpd
+# and the whole machine spent on it (schedstat of the processes, /proc/stat
+# of the machine), per answered request; a second table gives the medians.
+# The difference between the product's and the copy's columns is what the
+# product's own work costs, apart from the FastCGI exchange both go through.
+#
 # With the largest N, the "one" read is loaded again with 1,000 and 10,000
 # live session files in the folder (rounds of none, 1,000 and 10,000, in
 # turning order; ratio per round against none, median kept), and a warm
@@ -160,12 +166,35 @@ serve_root() { # root run_dir
   start_lighttpd "$conf" "$run/lighttpd.out" "$base/generic.cgi?${query[none]}"
 }
 
+# wrk's report of one run against url.
+wrk_load() { # url
+  timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s \
+      -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$1" 2>&1 || true
+}
+
 # Requests per second of one wrk run, or a text that is not a number: empty
 # when wrk printed no rate, with " non-2xx" when some answers were not 2xx.
 rps() { # url
-  timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s \
-      -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$1" 2>&1 |
-    awk '/^Requests\/sec:/ { print $2 } /Non-2xx/ { bad = 1 } END { if (bad) print "non-2xx" }' | paste -sd' '
+  wrk_load "$1" | awk '/^Requests\/sec:/ { print $2 } /Non-2xx/ { bad = 1 } END { if (bad) print "non-2xx" }' |
+    paste -sd' '
+}
+
+# One wrk run with its cost: prints the rate (or "-", or "non-2xx"), then
+# the CPU time per answered request, in microseconds, of the back end
+# processes given, of lighttpd and of the whole machine while wrk ran ("-"
+# where unknown).
+rps_cpu() { # url pid...
+  local url=$1 report b0 l0 m0 b1 l1 m1
+  shift
+  b0=$(bench_cpu_ns "$@") l0=$(bench_cpu_ns "$lighttpd_pid") m0=$(bench_busy_ns)
+  report=$(wrk_load "$url")
+  b1=$(bench_cpu_ns "$@") l1=$(bench_cpu_ns "$lighttpd_pid") m1=$(bench_busy_ns)
+  awk -v b0="$b0" -v b1="$b1" -v l0="$l0" -v l1="$l1" -v m0="$m0" -v m1="$m1" '
+    function per(a, b) { return (a ~ /^[0-9]+$/ && b ~ /^[0-9]+$/ && n > 0) ? sprintf("%.1f", (b - a) / 1000 / n) : "-" }
+    / requests in / { n = $1 + 0 }
+    /^Requests\/sec:/ { rate = $2 }
+    /Non-2xx/ { bad = 1 }
+    END { print (bad ? "non-2xx" : (rate == "" ? "-" : rate)), per(b0, b1), per(l0, l1), per(m0, m1) }' <<< "$report"
 }
 
 rounds_log=$work/rounds.txt
@@ -180,7 +209,7 @@ echo "# N read round: req/s of product copy libfcgi-copy, in that order whatever
     libfcgi-cp ratio
 } | tee "$report"
 
-declare -A all_rate=() all_copy=() all_libfcgi=() all_ratio=() all_libfcgi_ratio=()
+declare -A all_rate=() all_copy=() all_libfcgi=() all_ratio=() all_libfcgi_ratio=() all_cpu=()
 for n in $sizes; do
   root=$work/root-$n
   make_root "$n" "$root"
@@ -196,23 +225,33 @@ for n in $sizes; do
       ln "$work/run-$n/www/$r.bfc" "$work/run-$n/www/$r.bfl"
     done
     serve_root "$root" "$work/run-$n"
-    declare -A path=()
+    declare -A path=() pids=()
+    pids[product]=$(backend_pids "$bin/cgi-ssi" | paste -sd' ')
+    pids[copy]=$(backend_pids "$bin/bench-fcgi-copy" | paste -sd' ')
+    pids[libfcgi]=$(backend_pids "$bin/bench-fcgi-copy-libfcgi" | paste -sd' ')
     for r in "${reads[@]}"; do
       wrk -t1 -c1 -d1s -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$base/generic.cgi?${query[$r]}" >/dev/null 2>&1 || true  # warm-up
       path[product]="/generic.cgi?${query[$r]}" path[copy]="/$r.bfc" path[libfcgi]="/$r.bfl"
       # Paired rounds: the three back to back, the order turning, so that a
       # drift of the machine's speed weighs on all three alike.
       p_rates=() c_rates=() l_rates=() c_ratios=() l_ratios=()
+      declare -A cpu=()  # [target,part] = the rounds' values, part: back, lighttpd, machine
       rounds=$pairs
       [[ "$n" = "${sizes##* }" && ( "$r" = one || "$r" = none ) ]] && rounds=$target_pairs
       for ((round = 1; round <= rounds; round++)); do
-        declare -A got=()
-        for t in $(bench_rotate "$round" product copy libfcgi); do got[$t]=$(rps "$base${path[$t]}"); done
+        declare -A got=() back=() light=() machine=()
+        for t in $(bench_rotate "$round" product copy libfcgi); do
+          # shellcheck disable=SC2086  # the pids are words
+          read -r "got[$t]" "back[$t]" "light[$t]" "machine[$t]" < <(rps_cpu "$base${path[$t]}" ${pids[$t]})
+          cpu[$t,back]+=" ${back[$t]}" cpu[$t,lighttpd]+=" ${light[$t]}" cpu[$t,machine]+=" ${machine[$t]}"
+        done
         p_rates+=("${got[product]}") c_rates+=("${got[copy]}") l_rates+=("${got[libfcgi]}")
         c_ratios+=("$(bench_ratio "${got[product]}" "${got[copy]}")")
         l_ratios+=("$(bench_ratio "${got[product]}" "${got[libfcgi]}")")
-        printf '%s %s %s: %s | %s | %s\n' "$n" "$r" "$round" "${got[product]:--}" "${got[copy]:--}" "${got[libfcgi]:--}" \
-          >> "$rounds_log"
+        printf '%s %s %s: %s | %s | %s  (CPU us per request, back end/lighttpd/machine: %s/%s/%s | %s/%s/%s | %s/%s/%s)\n' \
+          "$n" "$r" "$round" "${got[product]:--}" "${got[copy]:--}" "${got[libfcgi]:--}" \
+          "${back[product]}" "${light[product]}" "${machine[product]}" "${back[copy]}" "${light[copy]}" \
+          "${machine[copy]}" "${back[libfcgi]}" "${light[libfcgi]}" "${machine[libfcgi]}" >> "$rounds_log"
       done
       rate[$r]=$(bench_median %.2f "${p_rates[@]}")
       copy_rate[$r]=$(bench_median %.2f "${c_rates[@]}")
@@ -222,6 +261,10 @@ for n in $sizes; do
       # With 3 decimals for the summary, whose targets compare them.
       all_ratio[${n}_$r]=$(bench_median %.3f "${c_ratios[@]}")
       all_libfcgi_ratio[${n}_$r]=$(bench_median %.3f "${l_ratios[@]}")
+      for t in product copy libfcgi; do
+        # shellcheck disable=SC2086  # the values are words
+        all_cpu[${n}_${r}_$t]=$(bench_median %.1f ${cpu[$t,back]})/$(bench_median %.1f ${cpu[$t,lighttpd]})/$(bench_median %.1f ${cpu[$t,machine]})
+      done
     done
     stop_lighttpd
   fi
@@ -237,6 +280,20 @@ for n in $sizes; do
       "${copy_rate[$r]:--}" "${ratio[$r]:--}" "${libfcgi_rate[$r]:--}" "${libfcgi_ratio[$r]:--}"
   done | tee -a "$report"
 done
+if [ "$do_wrk" = 1 ]; then
+  {
+    printf '\nCPU time per answered request, us (median of the rounds): the back end, lighttpd, and the whole\n'
+    printf 'machine (both CPUs: wrk, lighttpd, back ends, kernel) while wrk loaded that target\n'
+    printf '%-6s %-6s %22s %22s %22s\n' N read product copy "libfcgi copy"
+    for n in $sizes; do
+      for r in "${reads[@]}"; do
+        printf '%-6s %-6s %22s %22s %22s\n' "$n" "$r" "${all_cpu[${n}_${r}_product]:--}" "${all_cpu[${n}_${r}_copy]:--}" \
+          "${all_cpu[${n}_${r}_libfcgi]:--}"
+      done
+    done
+    echo
+  } | tee -a "$report"
+fi
 # ----------------------------------------------- sessions, warm responder --
 largest=${sizes##* }
 root=$work/root-$largest
@@ -301,6 +358,7 @@ fi
       echo "libfcgi_${n}_${r} ${all_libfcgi[${n}_$r]:-?}"
       echo "ratio_${n}_${r} ${all_ratio[${n}_$r]:-?}"
       echo "libfcgi_ratio_${n}_${r} ${all_libfcgi_ratio[${n}_$r]:-?}"
+      for t in product copy; do echo "cpu_${n}_${r}_$t ${all_cpu[${n}_${r}_$t]:-?}"; done
     done
   done
   for count in 0 1000 10000; do echo "sessions_${count}_rate ${session_rate[$count]:-?}"; done
