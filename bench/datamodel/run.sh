@@ -166,28 +166,16 @@ serve_root() { # root run_dir
   start_lighttpd "$conf" "$run/lighttpd.out" "$base/generic.cgi?${query[none]}"
 }
 
-# wrk's report of one run against url.
-wrk_load() { # url
-  timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s \
-      -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$1" 2>&1 || true
-}
-
-# Requests per second of one wrk run, or a text that is not a number: empty
-# when wrk printed no rate, with " non-2xx" when some answers were not 2xx.
-rps() { # url
-  wrk_load "$1" | awk '/^Requests\/sec:/ { print $2 } /Non-2xx/ { bad = 1 } END { if (bad) print "non-2xx" }' |
-    paste -sd' '
-}
-
-# One wrk run with its cost: prints the rate (or "-", or "non-2xx"), then
-# the CPU time per answered request, in microseconds, of the back end
-# processes given, of lighttpd and of the whole machine while wrk ran ("-"
-# where unknown).
+# One wrk run with its cost: prints the rate (or "-", or "non-2xx" when
+# some answers were not 2xx), then the CPU time per answered request, in
+# microseconds, of the back end processes given, of lighttpd and of the
+# whole machine while wrk ran ("-" where unknown).
 rps_cpu() { # url pid...
   local url=$1 report b0 l0 m0 b1 l1 m1
   shift
   b0=$(bench_cpu_ns "$@") l0=$(bench_cpu_ns "$lighttpd_pid") m0=$(bench_busy_ns)
-  report=$(wrk_load "$url")
+  report=$(timeout $(( duration + 15 )) wrk -t"$threads" -c"$connections" -d"${duration}s" --timeout 5s \
+             -H "Cookie: $cookie" -H "User-Agent: $user_agent" "$url" 2>&1) || true
   b1=$(bench_cpu_ns "$@") l1=$(bench_cpu_ns "$lighttpd_pid") m1=$(bench_busy_ns)
   awk -v b0="$b0" -v b1="$b1" -v l0="$l0" -v l1="$l1" -v m0="$m0" -v m1="$m1" '
     function per(a, b) { return (a ~ /^[0-9]+$/ && b ~ /^[0-9]+$/ && n > 0) ? sprintf("%.1f", (b - a) / 1000 / n) : "-" }
@@ -195,6 +183,13 @@ rps_cpu() { # url pid...
     /^Requests\/sec:/ { rate = $2 }
     /Non-2xx/ { bad = 1 }
     END { print (bad ? "non-2xx" : (rate == "" ? "-" : rate)), per(b0, b1), per(l0, l1), per(m0, m1) }' <<< "$report"
+}
+
+# The rate of one wrk run alone (rps_cpu's first word).
+rps() { # url
+  local rate _
+  read -r rate _ < <(rps_cpu "$1")
+  echo "$rate"
 }
 
 rounds_log=$work/rounds.txt

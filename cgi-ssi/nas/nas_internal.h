@@ -105,7 +105,6 @@ std::string url_encode(std::string_view text, bool path_info);
 // The extension after the last "." is an audio one (first_only: "mp3"),
 // compared without case.
 bool has_audio_extension(std::string_view name, bool first_only);
-bool equal_no_case(std::string_view a, std::string_view b);
 
 // ---- Operations --------------------------------------------------------------
 void send_file(const char *disposition, const char *type, bool thumbnail);

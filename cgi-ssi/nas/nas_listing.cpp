@@ -35,21 +35,12 @@ void list_entries(DIR *dir, bool audio_only) {
 
 }  // namespace
 
-bool equal_no_case(std::string_view a, std::string_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
-            return false;
-    }
-    return true;
-}
-
 bool has_audio_extension(std::string_view name, bool first_only) {
     const std::size_t dot = name.rfind('.');
     if (dot == std::string_view::npos) return false;
     const std::string_view extension = name.substr(dot + 1);
     for (std::string_view known : kAudioExtensions) {
-        if (equal_no_case(extension, known)) return true;
+        if (quelm::equal_ascii_no_case(extension, known)) return true;
         if (first_only) return false;
     }
     return false;

@@ -9,6 +9,7 @@
 #include "cgic.h"
 #include "nas/nas_internal.h"
 #include "qm_nas.h"
+#include "quelm_chars.h"
 #include "quelm_guard.h"
 #include "quelm_owned.h"
 #include "quelm_root.h"
@@ -120,7 +121,7 @@ int nas_playlists(bool full) {
 }  // namespace
 
 bool has_extension_no_case(std::string_view name, std::string_view extension) {
-    return name.size() >= extension.size() && equal_no_case(name.substr(name.size() - extension.size()), extension);
+    return name.size() >= extension.size() && quelm::equal_ascii_no_case(name.substr(name.size() - extension.size()), extension);
 }
 
 std::optional<std::string> read_playlist(const std::string &path) {

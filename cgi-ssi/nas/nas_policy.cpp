@@ -45,11 +45,11 @@ bool local_request() {
     const std::string mask = property("LANDevice_1_IPInterface_1", "SubnetMask", kAddressSize - 1);
     const std::string name = property("Device", "Hostname", kHostNameSize - 1);
     const std::string aliases = property("Device", "Aliases", kHostNameSize - 1);
-    if (equal_no_case(host, name) || equal_no_case(host, aliases)) return true;
+    if (quelm::equal_ascii_no_case(host, name) || quelm::equal_ascii_no_case(host, aliases)) return true;
     // An alias list names the gateway by each of its names, as sessions see it.
     bool alias = false;
     quelm::split(aliases, ',', [&](std::string_view item) {
-        alias = alias || (!item.empty() && equal_no_case(host, item));
+        alias = alias || (!item.empty() && quelm::equal_ascii_no_case(host, item));
     });
     if (alias) return true;
     const long mask_word = my_ipword(mask.c_str());

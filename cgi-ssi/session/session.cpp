@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <string>
 #include <string_view>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -266,16 +265,12 @@ bool checked_entry_is(const CheckedFile &file, const char *key, std::size_t size
     return value.substr(0, value.find('\0')) == expected;
 }
 
-bool iequals(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
 // The host begins with an address of the gateway. The character after the
 // address must end the host name ("192.168.1.1.example.net" is not us).
 bool starts_with_address(std::string_view host, std::string_view address, bool ignore_case) {
     if (address.empty() || host.size() < address.size()) return false;
     std::string_view head = host.substr(0, address.size());
-    if (ignore_case ? !iequals(head, address) : head != address) return false;
+    if (ignore_case ? !quelm::equal_ascii_no_case(head, address) : head != address) return false;
     if (host.size() == address.size()) return true;
     char next = host[address.size()];
     return next == ':' || next == ']';
@@ -571,7 +566,7 @@ int QM_GetHostSession(void) {
             unsigned mask = checkLocalIP(gateway.lan_mask.c_str());
             if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(std::string(host).c_str()) & mask)) return 1;
         }
-        if (iequals(host, hostname) || iequals(host, aliases) || starts_with_address(host, lan_address, true)) return 1;
+        if (quelm::equal_ascii_no_case(host, hostname) || quelm::equal_ascii_no_case(host, aliases) || starts_with_address(host, lan_address, true)) return 1;
         // The host name with the domain, "<Hostname>.<Domain>", compared as it stands.
         if (host.size() == hostname.size() + 1 + gateway.domain.size() && host.starts_with(hostname) &&
             host[hostname.size()] == '.' && host.ends_with(gateway.domain)) {

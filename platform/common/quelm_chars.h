@@ -4,6 +4,7 @@
 #pragma once
 
 #include <climits>
+#include <string_view>
 
 namespace quelm {
 
@@ -12,6 +13,14 @@ constexpr bool is_ascii_alpha(char c) { return (c >= 'a' && c <= 'z') || (c >= '
 constexpr bool is_ascii_alnum(char c) { return is_digit(c) || is_ascii_alpha(c); }
 // 'A'-'Z' as 'a'-'z'; every other byte as it is (tolower in the "C" locale).
 constexpr char ascii_lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+// Whether a and b are the same bytes once both are folded by ascii_lower.
+constexpr bool equal_ascii_no_case(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (ascii_lower(a[i]) != ascii_lower(b[i])) return false;
+    }
+    return true;
+}
 
 // ' ' and '\t'.
 constexpr bool is_space_or_tab(char c) { return c == ' ' || c == '\t'; }
