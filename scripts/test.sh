@@ -28,6 +28,8 @@ status=0
 for build in "$@"; do
   echo "== unit tests ($build)"
   "$build/bin/unit_tests" --gtest_brief=1 || status=1
+  # The kept-file checks once more as kernels without the notice ring run them.
+  QUELM_WATCH_RING=0 "$build/bin/unit_tests" --gtest_brief=1 --gtest_filter='FolderWatch.*:KeptFile*' || status=1
   echo "== integration tests ($build)"
   CGISSI_BUILD="$PWD/$build" "$python" -m pytest -q -p no:cacheprovider tests/integration || status=1
 done

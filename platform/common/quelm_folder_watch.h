@@ -6,9 +6,12 @@
 // deleted since the stamp was taken.
 //
 // One inotify descriptor per process watches the folders asked for. Every
-// check first reads the pending notices (one read that finds none when the
-// folder is quiet), so a change another process finished before the check
-// is always seen. Whatever the notices cannot vouch for makes a check
+// check first takes in the pending notices, so a change another process
+// finished before the check is always seen. Where the kernel can say
+// without a system call that nothing is pending (an io_uring ring polling
+// the descriptor, Linux 6.1 and later; QUELM_WATCH_RING=0 turns it off), a
+// check in a quiet folder makes none; elsewhere it makes one read that
+// finds nothing. Whatever the notices cannot vouch for makes a check
 // false, and the caller then looks at the file itself as it would without
 // a watch:
 //   - a folder that cannot be watched (missing, no inotify, too many
@@ -44,5 +47,8 @@ QUELM_COMMON_API FolderStamp folder_stamp(std::string_view file);
 
 // Whether nothing in the stamped folder has changed since the stamp.
 QUELM_COMMON_API bool folder_quiet(const FolderStamp &stamp);
+
+// Whether checks use the ring (see above); opens the watch.
+QUELM_COMMON_API bool folder_watch_by_ring();
 
 }  // namespace quelm

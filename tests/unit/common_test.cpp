@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "quelm_chars.h"
+#include "quelm_folder_watch.h"
 #include "quelm_child.h"
 #include "quelm_guard.h"
 #include "quelm_kept_file.h"
@@ -136,40 +137,58 @@ TEST(KeptFile, TrustsOnlySettledUnchangedFiles) {
     EXPECT_FALSE(kept.unchanged(file.c_str(), now_status));
 }
 
-TEST(FolderWatch, StampsGoStaleWithAnyChangeInTheirFolder) {
-    namespace fs = std::filesystem;
-    const fs::path folder = fs::temp_directory_path() / ("watch." + std::to_string(::getpid()));
-    fs::remove_all(folder);
-    fs::create_directory(folder);
-    const std::string file = (folder / "kept").string();
-    auto write = [](const fs::path &path, const char *text) {
+// A fresh folder with a file "kept" in it, removed at the end.
+struct WatchedFolder {
+    std::filesystem::path folder =
+        std::filesystem::temp_directory_path() / ("watch." + std::to_string(::getpid()));
+    std::string file = (folder / "kept").string();
+    WatchedFolder() {
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directory(folder);
+        write(file, "one");
+    }
+    ~WatchedFolder() { std::filesystem::remove_all(folder); }
+    static void write(const std::filesystem::path &path, const char *text) {
         quelm::UniqueFile f(std::fopen(path.c_str(), "w"));
         ASSERT_TRUE(f);
         std::fputs(text, f.get());
-    };
-    write(file, "one");
-
-    quelm::FolderStamp stamp = quelm::folder_stamp(file);
-    ASSERT_GE(stamp.watch, 0);
-    EXPECT_EQ(test_support::slurp(file), "one");  // reading changes nothing
-    EXPECT_TRUE(quelm::folder_quiet(stamp));
-    const std::function<void()> changes[] = {
-        [&] { write(folder / "other", "x"); },
-        [&] { ::utimensat(AT_FDCWD, file.c_str(), nullptr, 0); },
-        [&] { write(file, "two"); },  // same size
-        [&] { fs::rename(folder / "other", folder / "moved"); },
-        [&] { fs::remove(folder / "moved"); },
-    };
-    for (const auto &change : changes) {
-        change();
-        EXPECT_FALSE(quelm::folder_quiet(stamp));
-        stamp = quelm::folder_stamp(file);
-        EXPECT_TRUE(quelm::folder_quiet(stamp));
     }
+    // Every kind of change, by this thread and by another process, makes
+    // the stamp stale; a new stamp is quiet again.
+    void expect_every_change_seen() {
+        namespace fs = std::filesystem;
+        quelm::FolderStamp stamp = quelm::folder_stamp(file);
+        ASSERT_GE(stamp.watch, 0);
+        EXPECT_EQ(test_support::slurp(file), "one");  // reading changes nothing
+        EXPECT_TRUE(quelm::folder_quiet(stamp));
+        const std::function<void()> changes[] = {
+            [&] { write(folder / "other", "x"); },
+            [&] { ::utimensat(AT_FDCWD, file.c_str(), nullptr, 0); },
+            [&] { write(file, "one"); },  // same contents
+            [&] { fs::rename(folder / "other", folder / "moved"); },
+            [&] { fs::remove(folder / "moved"); },
+            [&] { test_support::in_other_process([&] { return ::truncate(file.c_str(), 3); }); },
+        };
+        for (const auto &change : changes) {
+            change();
+            EXPECT_FALSE(quelm::folder_quiet(stamp));
+            stamp = quelm::folder_stamp(file);
+            EXPECT_TRUE(quelm::folder_quiet(stamp));
+        }
+    }
+};
+
+TEST(FolderWatch, StampsGoStaleWithAnyChangeInTheirFolder) {
+    namespace fs = std::filesystem;
+    WatchedFolder watched;
+    const std::string &file = watched.file;
+    const fs::path &folder = watched.folder;
+    watched.expect_every_change_seen();
 
     // A forked child has no stamps and does not take the parent's notices.
+    quelm::FolderStamp stamp = quelm::folder_stamp(file);
     test_support::in_other_process([&] {
-        write(folder / "child", "x");
+        WatchedFolder::write(folder / "child", "x");
         return quelm::folder_quiet(stamp) || quelm::folder_stamp(file).watch >= 0 ? 1 : 0;
     });
     EXPECT_FALSE(quelm::folder_quiet(stamp));
@@ -185,7 +204,27 @@ TEST(FolderWatch, StampsGoStaleWithAnyChangeInTheirFolder) {
     // What cannot be watched is never quiet.
     EXPECT_FALSE(quelm::folder_quiet(quelm::folder_stamp((folder / "missing/file").string())));
     EXPECT_FALSE(quelm::folder_quiet(quelm::folder_stamp("relative/file")));
-    fs::remove_all(folder);
+}
+
+TEST(FolderWatch, TheRingMissesNoChangeAcrossManyChecks) {
+    WatchedFolder watched;
+    if (!quelm::folder_watch_by_ring()) GTEST_SKIP() << "checks read every time here (no ring)";
+    // A burst between two checks, then many rounds of one change each: the
+    // ring's poll stays armed through all of them.
+    quelm::FolderStamp stamp = quelm::folder_stamp(watched.file);
+    for (int i = 0; i < 300; ++i) WatchedFolder::write(watched.folder / ("burst" + std::to_string(i % 7)), "x");
+    EXPECT_FALSE(quelm::folder_quiet(stamp));
+    for (int round = 0; round < 100; ++round) {
+        stamp = quelm::folder_stamp(watched.file);
+        EXPECT_TRUE(quelm::folder_quiet(stamp)) << round;
+        EXPECT_TRUE(quelm::folder_quiet(stamp)) << round;
+        if (round % 2 == 0) {
+            WatchedFolder::write(watched.file, "one");
+        } else {
+            test_support::in_other_process([&] { return ::utimensat(AT_FDCWD, watched.file.c_str(), nullptr, 0); });
+        }
+        EXPECT_FALSE(quelm::folder_quiet(stamp)) << round;
+    }
 }
 
 TEST(ParseLong, ReadsNumbersAsStrtolDoes) {
