@@ -258,7 +258,8 @@ for n in $sizes; do
       all_libfcgi_ratio[${n}_$r]=$(bench_median %.3f "${l_ratios[@]}")
       for t in product copy libfcgi; do
         # shellcheck disable=SC2086  # the values are words
-        all_cpu[${n}_${r}_$t]=$(bench_median %.1f ${cpu[$t,back]})/$(bench_median %.1f ${cpu[$t,lighttpd]})/$(bench_median %.1f ${cpu[$t,machine]})
+        all_cpu[${n}_${r}_$t]=$(bench_median %.1f ${cpu[$t,back]})/$(bench_median %.1f ${cpu[$t,lighttpd]})
+        all_cpu[${n}_${r}_$t]+=/$(bench_median %.1f ${cpu[$t,machine]})
       done
     done
     stop_lighttpd

@@ -121,7 +121,8 @@ int nas_playlists(bool full) {
 }  // namespace
 
 bool has_extension_no_case(std::string_view name, std::string_view extension) {
-    return name.size() >= extension.size() && quelm::equal_ascii_no_case(name.substr(name.size() - extension.size()), extension);
+    return name.size() >= extension.size() &&
+           quelm::equal_ascii_no_case(name.substr(name.size() - extension.size()), extension);
 }
 
 std::optional<std::string> read_playlist(const std::string &path) {

@@ -566,7 +566,10 @@ int QM_GetHostSession(void) {
             unsigned mask = checkLocalIP(gateway.lan_mask.c_str());
             if ((checkLocalIP(lan_address.c_str()) & mask) != (checkLocalIP(std::string(host).c_str()) & mask)) return 1;
         }
-        if (quelm::equal_ascii_no_case(host, hostname) || quelm::equal_ascii_no_case(host, aliases) || starts_with_address(host, lan_address, true)) return 1;
+        if (quelm::equal_ascii_no_case(host, hostname) || quelm::equal_ascii_no_case(host, aliases) ||
+            starts_with_address(host, lan_address, true)) {
+            return 1;
+        }
         // The host name with the domain, "<Hostname>.<Domain>", compared as it stands.
         if (host.size() == hostname.size() + 1 + gateway.domain.size() && host.starts_with(hostname) &&
             host[hostname.size()] == '.' && host.ends_with(gateway.domain)) {

@@ -62,10 +62,10 @@ class NoticeRing {
         sq_size_ = params.sq_off.array + params.sq_entries * sizeof(unsigned);
         cq_size_ = params.cq_off.cqes + params.cq_entries * sizeof(io_uring_cqe);
         sqes_size_ = params.sq_entries * sizeof(io_uring_sqe);
-        single_map_ = (params.features & IORING_FEAT_SINGLE_MMAP) != 0;
-        if (single_map_) sq_size_ = cq_size_ = std::max(sq_size_, cq_size_);
+        const bool single_map = (params.features & IORING_FEAT_SINGLE_MMAP) != 0;
+        if (single_map) sq_size_ = cq_size_ = std::max(sq_size_, cq_size_);
         sq_ = map(sq_size_, IORING_OFF_SQ_RING);
-        cq_ = single_map_ ? sq_ : map(cq_size_, IORING_OFF_CQ_RING);
+        cq_ = single_map ? sq_ : map(cq_size_, IORING_OFF_CQ_RING);
         sqes_ = static_cast<io_uring_sqe *>(map(sqes_size_, IORING_OFF_SQES));
         if (sq_ == nullptr || cq_ == nullptr || sqes_ == nullptr) {
             close();
@@ -166,7 +166,6 @@ class NoticeRing {
 
     int fd_ = -1;
     int watched_ = -1;
-    bool single_map_ = false;
     void *sq_ = nullptr;
     void *cq_ = nullptr;
     io_uring_sqe *sqes_ = nullptr;
